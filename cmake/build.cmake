@@ -1,0 +1,24 @@
+# SPDX-License-Identifier: MIT
+# How every part of the daemon is compiled and linked.
+add_library(corvane-build INTERFACE)
+target_compile_features(corvane-build INTERFACE cxx_std_20)
+target_include_directories(corvane-build INTERFACE ${PROJECT_SOURCE_DIR})
+
+# Offsets and times of 64 bits on 32-bit machines too: a log beyond 2 GiB, a clock beyond 2038.
+target_compile_definitions(corvane-build INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+
+# No exceptions and no run-time types: the C++ run-time library is then not even mapped. The unwind tables
+# stay, for the crash report. Log lines name files from the root of the repository.
+target_compile_options(
+  corvane-build
+  INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wconversion $<$<BOOL:${CORVANE_WERROR}>:-Werror>
+            $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
+            -fasynchronous-unwind-tables -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+# A release is hardened: position-independent, no writable relocations, guarded stacks and buffers.
+set(release $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
+target_compile_options(
+  corvane-build INTERFACE -fPIE $<${release}:-fstack-protector-strong -fstack-clash-protection -fcf-protection
+                          -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -ffunction-sections -fdata-sections>)
+target_link_options(corvane-build INTERFACE -pie -Wl,-z,relro,-z,now -Wl,--as-needed
+                    $<${release}:-Wl,--gc-sections>)

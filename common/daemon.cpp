@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: MIT
+// daemon.cpp: one daemon at a time, found again by its pid file.
+//
+// A pid in a file proves nothing by itself, so it is compared with the executable that the process runs.
+// Everything here but the crash report happens before the daemon has threads. Results that no caller could
+// act on are deliberately not looked at: what matters is said in the log.
+#include "common/daemon.h"
+
+#include <execinfo.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+
+static constexpr unsigned pid_file_settling_seconds = 2;
+static constexpr size_t exe_link_size = 17;  // "/proc/999999/exe" and its zero
+static constexpr int most_frames = 255;
+
+struct CloseFile {
+  void operator()(FILE* file) const noexcept { fclose(file); }
+};
+using FileOwner = std::unique_ptr<FILE, CloseFile>;
+
+static Logger* usable(Logger* logger) {
+  static Logger without_memory = {
+      .level = LOG_LEVEL_DEBUG, .name = "stderr", .fp = stderr, .write = log_write};
+  if (!logger) logger = log_open("stderr");
+  return logger ? logger : &without_memory;
+}
+
+TextOwner read_symlink(const char* path, Logger* logger) {
+  // A missing buffer goes to the kernel as well, which refuses it: through a plain pointer, because the
+  // declaration of readlink would let the compiler drop the tests for it below.
+  static ssize_t (*const volatile read_link)(const char*, char*, size_t) = readlink;
+
+  logger = usable(logger);
+  size_t size = 16;
+  TextOwner target(static_cast<char*>(malloc(size)));
+  ssize_t length = read_link(path, target.get(), size);
+  while (length > 0 && static_cast<size_t>(length) >= size) {
+    if (!target) {
+      fputs("insufficient memory: 1\n", stderr);
+      return nullptr;
+    }
+    size *= 2;
+    target.reset();
+    target.reset(static_cast<char*>(malloc(size)));
+    length = read_link(path, target.get(), size);
+  }
+  if (!target) {
+    logger->write(logger, "insufficient memory: 2\n");
+    return nullptr;
+  }
+  if (length < 0) {
+    logger->write(logger, "cannot readlink\n");
+    return nullptr;
+  }
+  target.get()[length] = '\0';
+  return target;
+}
+
+int daemon_get_pid(const char* pidfile, Logger* logger) {
+  logger = usable(logger);
+  const FileOwner file(fopen(pidfile, "r"));
+  if (!file) {
+    logger->write(logger, "could not open pid file: %s for reading.\n", pidfile);
+    return 0;
+  }
+  sleep(pid_file_settling_seconds);
+
+  long long pid;  // wide enough that no number is taken for another one on either target
+  if (fscanf(file.get(), "%lld", &pid) != 1) return 0;
+  const TextOwner own = read_symlink("/proc/self/exe", logger);
+  char exe_link[exe_link_size];
+  text_format(exe_link, sizeof exe_link, "/proc/%lld/exe", pid);
+  const TextOwner other = read_symlink(exe_link, logger);
+  if (own && other && strcmp(own.get(), other.get()) != 0) return 0;
+  return static_cast<int>(pid);
+}
+
+int daemon_start(const char* pidfile, Logger* logger) {
+  logger = usable(logger);
+  if (fork() > 0) exit(0);
+  [[maybe_unused]] const int changed = chdir("/");
+  setsid();
+  umask(0);
+  if (fork() > 0) exit(0);
+
+  if (daemon_get_pid(pidfile, log_open("null")) > 0) {
+    logger->write(logger, "already running\n");
+    exit(1);
+  }
+  const pid_t pid = getpid();
+  FILE* file = fopen(pidfile, "w");
+  if (!file) {
+    logger->write(logger, "unable to open pid file: %s for writing\n", pidfile);
+    exit(1);
+  }
+  fprintf(file, "%d", pid);
+  return fclose(file);
+}
+
+int daemon_stop(const char* pidfile, int sig, Logger* logger) {
+  logger = usable(logger);
+  if (sig > 0) {
+    const pid_t pid = daemon_get_pid(pidfile, logger);
+    if (pid > 0) kill(pid, sig);
+  }
+  return unlink(pidfile);
+}
+
+void log_backtrace(Logger* logger) {
+  logger = usable(logger);
+  void* frames[most_frames];
+  const int count = backtrace(frames, most_frames);
+  if (logger->fp) backtrace_symbols_fd(frames, count, fileno(logger->fp));
+}

@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: MIT
+// logger.cpp: opening a log with one generation of backup, and writing whole lines to it.
+//
+// Every thread of the daemon writes through one logger. There is no mutex of ours: stdio locks a stream for
+// each call, and log_write holds that lock over its three calls, so that prefix, message and flush of one
+// line stay together. Each line is flushed because the crash report writes to the descriptor behind the
+// stream.
+#include "common/logger.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "common/text.h"
+
+Logger* plogger = nullptr;
+
+static constexpr size_t backup_name_size = 64;
+
+static FILE* open_file(const char* path, const char* mode) {
+  FILE* file = fopen(path, mode);
+  if (file) {
+    const int descriptor = fileno(file);
+    fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_APPEND);
+  }
+  return file;
+}
+
+static bool is_regular_file(const char* path) {
+  struct stat status;
+  return stat(path, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+static void open_log_file(Logger* logger) {
+  const char* path = logger->name;
+  if (is_regular_file(path)) {
+    char backup[backup_name_size];
+    text_format(backup, sizeof backup, "%s.old", path);
+    if (rename(path, backup) != 0) {
+      logger->fp = open_file(path, "a");
+      logger->write(logger, "Cannot move old log file from %s to %s\n", path, backup);
+      return;
+    }
+  }
+  logger->fp = open_file(path, "w");
+}
+
+Logger* log_open(const char* name) {
+  auto* logger = static_cast<Logger*>(malloc(sizeof(Logger)));
+  if (!logger) {
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, "insufficient memory\n", 20);
+    return nullptr;
+  }
+  *logger = {.level = LOG_LEVEL_DEBUG, .name = name, .fp = nullptr, .write = log_write};
+  if (strcmp(name, "stdout") == 0) {
+    logger->fp = stdout;
+  } else if (strcmp(name, "stderr") == 0) {
+    logger->fp = stderr;
+  } else if (strcmp(name, "null") == 0) {
+    logger->fp = fopen("/dev/null", "a");
+  } else {
+    open_log_file(logger);
+  }
+  return logger;
+}
+
+void log_write(Logger* logger, const char* format, ...) {
+  if (!logger || !logger->fp) return;
+  const time_t now = time(nullptr);
+  struct tm local;
+  localtime_r(&now, &local);
+
+  flockfile(logger->fp);
+  fprintf(logger->fp, "%04d-%02d-%02d %02d:%02d:%02d:", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+          local.tm_hour, local.tm_min, local.tm_sec);
+  va_list arguments;
+  va_start(arguments, format);
+  vfprintf(logger->fp, format, arguments);
+  va_end(arguments);
+  fflush(logger->fp);
+  funlockfile(logger->fp);
+}

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+// signals.cpp: an actor finds its signals as the daemon found them.
+//
+// An ignored signal stays ignored across exec (execve(2)), so what the daemon or a library of it ignores
+// would silently change every actor. Caught signals need no care: exec resets them.
+#include "common/signals.h"
+
+#include <csignal>
+
+struct Disposition {
+  int signal;
+  struct sigaction at_start;
+};
+
+static Disposition dispositions[] = {{SIGCHLD, {}}, {SIGPIPE, {}}};
+
+void signals_take_over() {
+  for (Disposition& disposition : dispositions) sigaction(disposition.signal, nullptr, &disposition.at_start);
+  signal(SIGCHLD, SIG_DFL);
+}
+
+void signals_give_back() {
+  for (const Disposition& disposition : dispositions)
+    sigaction(disposition.signal, &disposition.at_start, nullptr);
+}

@@ -1,0 +1,9 @@
+// SPDX-License-Identifier: MIT
+// verbose: the flag that --verbose sets.
+#pragma once
+
+/**
+ * 1 after --verbose or -v, else 0. Written by the option parser before any thread exists, read by plugins.
+ * The logger does not look at it: every line is written with or without it.
+ */
+inline int verbose = 0;

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: MIT
+// bus.cpp: connecting, watching, naming, and handing ready data to the bus library.
+//
+// One connection, one descriptor, one thread. The connection is asked for as the session bus although the
+// messages speak of the system bus: the deployment decides by the session bus address which bus that is.
+// Only the readable side is watched, because replies are flushed by whoever sends them. A lost connection is
+// left to the bus library, which ends the process.
+#include "cs/bus.h"
+
+#include "common/bus.h"
+#include "common/logger.h"
+#include "cs/plugin-registry.h"
+
+static constexpr const char* service_name = "com.corvane.ControlServer";
+
+static const char* watch_kind(unsigned flags) {
+  const bool readable = (flags & DBUS_WATCH_READABLE) != 0;
+  const bool writable = (flags & DBUS_WATCH_WRITABLE) != 0;
+  if (readable && writable) return "readwrite";
+  if (readable) return "read";
+  if (writable) return "write";
+  return "no read or write";
+}
+
+dbus_bool_t ccs_add_watch(DBusWatch* watch, void* data) {
+  auto* bus = static_cast<BusState*>(data);
+  const unsigned flags = dbus_watch_get_flags(watch);
+  log_debug("Adding a %s watch on fd %d using newly-set watch function\n", watch_kind(flags),
+            dbus_watch_get_socket(watch));
+  if ((flags & DBUS_WATCH_READABLE) != 0) {
+    bus->watch = watch;
+    bus->fd = dbus_watch_get_socket(watch);
+    log_debug("READ Watch on fd %d\n", bus->fd);
+  }
+  return TRUE;
+}
+
+void ccs_toggle_watch(DBusWatch*, void*) {
+  log_debug("{II} ccs_toggle_watch()\n");
+}
+
+void ccs_remove_watch(DBusWatch*, void*) {
+  log_debug("{II} ccs_remove_watch()\n");
+}
+
+void ccs_get_system_conn(BusState* bus) {
+  BusError error;
+  DBusConnection* connection = dbus_bus_get(DBUS_BUS_SESSION, error.get());
+  if (error.is_set()) {
+    log_debug("{EE}Failed to connect system DBus: %s\n", error.message());
+    ccs_fatal_exit();
+  }
+  bus->connection = connection;
+  if (!connection) ccs_fatal_exit();
+}
+
+// The functions for removal and toggling are deliberately crossed: both only leave a line in the log, and
+// readers of the log know a removal by the line "ccs_toggle_watch".
+void ccs_set_watch_functions(BusState* bus) {
+  const BusError error;  // never set by the call below, and its message is then null
+  if (!dbus_connection_set_watch_functions(bus->connection, ccs_add_watch, ccs_toggle_watch, ccs_remove_watch,
+                                           bus, nullptr)) {
+    log_debug("dbus_connection_set_watch_functions(): %s\n", error.message());
+    ccs_fatal_exit();
+  }
+  dbus_connection_dispatch(bus->connection);
+}
+
+void ccs_request_service_name(BusState* bus) {
+  BusError error;
+  log_debug("Request service name: %s\n", service_name);
+  if (dbus_bus_request_name(bus->connection, service_name, DBUS_NAME_FLAG_REPLACE_EXISTING, error.get()) ==
+      -1) {
+    log_debug("{EE} dbus_bus_request_name(): %s\n", error.message());
+    ccs_fatal_exit();
+  }
+  dbus_connection_dispatch(bus->connection);
+}
+
+void ccs_build_read_set(const BusState* bus, fd_set* readable) {
+  if (bus->fd < 0 || bus->fd >= FD_SETSIZE) {
+    log_debug("{EE} Watch on fd %d is beyond what select() can hold\n", bus->fd);
+    ccs_fatal_exit();
+  }
+  FD_ZERO(readable);
+  FD_SET(bus->fd, readable);
+}
+
+void ccs_dispatch_all(DBusConnection* connection) {
+  dbus_connection_ref(connection);
+  while (dbus_connection_dispatch(connection) == DBUS_DISPATCH_DATA_REMAINS) {
+  }
+  dbus_connection_unref(connection);
+}
+
+void ccs_serve_watch(const BusState* bus) {
+  dbus_watch_handle(bus->watch, DBUS_WATCH_READABLE);
+  ccs_dispatch_all(bus->connection);
+}

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+// bus: the daemon's connection to the message bus, step by step.
+#pragma once
+
+#include <dbus/dbus.h>
+#include <sys/select.h>
+
+/** The connection and the one watch that the main loop serves: the last readable one added. */
+struct BusState {
+  DBusConnection* connection;  // null until connected; never released
+  DBusWatch* watch;            // the bus library's
+  int fd;                      // the watch's socket
+};
+
+// Everything here runs on the main thread. A step of set-up that fails says so in the log and ends with
+// ccs_fatal_exit.
+
+/** Watch functions (dbus_connection_set_watch_functions); `data` is the BusState. */
+dbus_bool_t ccs_add_watch(DBusWatch* watch, void* data);
+void ccs_toggle_watch(DBusWatch* watch, void* data);
+void ccs_remove_watch(DBusWatch* watch, void* data);
+
+/** Connects to the bus that the session bus address in the environment names. */
+void ccs_get_system_conn(BusState* bus);
+
+/** Installs the watch functions; afterwards `bus` has its watch. */
+void ccs_set_watch_functions(BusState* bus);
+
+/** Asks for com.corvane.ControlServer. Not being its first owner is no failure: the daemon serves queued. */
+void ccs_request_service_name(BusState* bus);
+
+/**
+ * Fills `readable` with the watch's descriptor. A descriptor that select(2) cannot hold (FD_SETSIZE or above)
+ * is fatal: the daemon would be deaf.
+ */
+void ccs_build_read_set(const BusState* bus, fd_set* readable);
+
+/** Dispatches what the bus library holds until nothing remains or memory is short. */
+void ccs_dispatch_all(DBusConnection* connection);
+
+/** Reads from the ready watch and dispatches what came. */
+void ccs_serve_watch(const BusState* bus);

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: MIT
+// corvane-cs.cpp: the control server of a multi-seat machine, from its command line to its main loop.
+//
+// The main thread sets everything up, step by step, and then serves the bus for ever: it alone touches the
+// connection, and every plugin's handler runs on it and answers at once. There is no orderly end: the
+// process is ended by a signal, by the bus library when the bus is gone, or by a crash, which is reported.
+#include <dbus/dbus.h>
+#include <execinfo.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+
+#include "common/daemon.h"
+#include "common/logger.h"
+#include "common/signals.h"
+#include "cs/bus.h"
+#include "cs/options.h"
+#include "cs/plugin-registry.h"
+#include "plugins/display-manager/display-manager.h"
+
+static constexpr const char* log_file_path = "/var/log/corvane-cs.log";
+
+static BusState bus = {.connection = nullptr, .watch = nullptr, .fd = -1};
+
+static constexpr unsigned most_seconds_of_a_crash_report = 2;
+
+// A crash may have left locks behind that its own report needs. The process must end all the same.
+static void give_up_crash_report(int) {
+  unlink(pid_file_path);
+  _exit(1);
+}
+
+// Reports a crash in whichever thread it happened, then ends the process. Calls stdio and exit from a signal
+// handler, knowingly: the process is lost already, and what it leaves behind is worth the try. Not static, so
+// that the report can name it.
+void segfault_handler(int) {
+  signal(SIGALRM, give_up_crash_report);
+  alarm(most_seconds_of_a_crash_report);
+  log_error("Catch segfault signal.\n");
+  log_backtrace(plogger);
+  daemon_stop(pid_file_path, 0, plogger);
+  exit(1);
+}
+
+// The first backtrace of a process loads a library; that must not happen inside a crash.
+static void install_segfault_handler() {
+  void* frame = nullptr;
+  backtrace(&frame, 1);
+  signal(SIGSEGV, segfault_handler);
+}
+
+int main(int argc, char** argv) {
+  signals_take_over();
+  ccs_parse_options(argc, argv);
+  pthread_mutex_init(&station_table_mutex, nullptr);
+  plogger = log_open(log_file_path);
+
+  log_debug("Initialize DBus connection and Watches ...\n");
+  PluginContext context = {};
+  log_debug("Initialize segfault signal handler...\n");
+  install_segfault_handler();
+  dbus_threads_init_default();
+  ccs_get_system_conn(&bus);
+  log_debug("Succeeded to get System DBus connection ...\n");
+  ccs_set_watch_functions(&bus);
+  log_debug("Succeeded to set watch functions ...\n");
+  ccs_request_service_name(&bus);
+  log_debug("Succeeded to request service name ...\n");
+  const DBusObjectPathVTable object_functions = {.unregister_function = ccs_object_unregister,
+                                                 .message_function = ccs_dbus_message_handler,
+                                                 .dbus_internal_pad1 = nullptr,
+                                                 .dbus_internal_pad2 = nullptr,
+                                                 .dbus_internal_pad3 = nullptr,
+                                                 .dbus_internal_pad4 = nullptr};
+  ccs_register_objects(bus.connection, &object_functions, &context);
+  log_debug("Succeeded to register objects ...\n");
+  fd_set readable;
+  ccs_build_read_set(&bus, &readable);
+  const int descriptors = bus.fd + 1;
+  log_debug("Start mainloop ...\n\n");
+
+  ccs_dispatch_all(bus.connection);  // what came during set-up must not wait for the next message
+  for (;;) {
+    if (select(descriptors, &readable, nullptr, nullptr, nullptr) < 1) {
+      log_debug("{II} Timeout or error occurrs during select() ...\n");
+      continue;
+    }
+    if (FD_ISSET(bus.fd, &readable)) ccs_serve_watch(&bus);
+  }
+}

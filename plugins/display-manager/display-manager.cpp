@@ -1,0 +1,490 @@
+// SPDX-License-Identifier: MIT
+// display-manager.cpp: stations, their workers, and the children they supervise.
+//
+// The main thread makes stations and queues events. Each station has one worker, which runs the events'
+// procedures strictly one after another and holds the station's mutex all the time but while it waits: so
+// nothing can be queued between its last look at the queue and its wait. Each start makes a thread of its
+// own, which launches the actor, waits for it and launches it again; the worker goes on to the next event
+// only when that thread has made its first launch or has ended, so that a stop finds the child of the start
+// before it.
+//
+// No thread is joined or detached, and no station is ever removed: what one thread can reach stays valid.
+// Nothing here ends an actor but a stop; the process may end at any time.
+#include "plugins/display-manager/display-manager.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <new>
+
+#include "common/logger.h"
+#include "common/signals.h"
+#include "common/verbose.h"
+
+static constexpr unsigned restart_pause_seconds = 2;
+static constexpr useconds_t ready_poll_microseconds = 500;
+static constexpr size_t text_size = 64;  // of a program's name and of each expansion
+static constexpr const char* image_directory = "/usr/share/corvane";
+
+// A thread that is not joined keeps its stack. Small stacks without a guard page merge into one mapping, so
+// that the number of starts is bounded by memory alone, not by the address space or the count of mappings.
+static constexpr size_t group_stack_size = 64 * 1024;
+
+pthread_mutex_t station_table_mutex;
+
+namespace {
+
+class MutexHold {
+ public:
+  explicit MutexHold(pthread_mutex_t& mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
+  ~MutexHold() { pthread_mutex_unlock(&mutex_); }
+  MutexHold(const MutexHold&) = delete;
+  MutexHold& operator=(const MutexHold&) = delete;
+
+ private:
+  pthread_mutex_t& mutex_;
+};
+
+// Lets the worker go on, once: at the thread's first launch, or else wherever the thread ends.
+class LaunchNotice {
+ public:
+  explicit LaunchNotice(sem_t* launched) : launched_(launched) {}
+  ~LaunchNotice() { give(); }
+  LaunchNotice(const LaunchNotice&) = delete;
+  LaunchNotice& operator=(const LaunchNotice&) = delete;
+
+  void give() {
+    if (launched_) sem_post(launched_);
+    launched_ = nullptr;
+  }
+
+ private:
+  sem_t* launched_;  // the station's
+};
+
+}  // namespace
+
+// ---- tables -------------------------------------------------------------------------------------------
+
+const StationType station_type_table[] = {{2, "PCI"}, {3, "USB"}, {1, "COMMON"}, {0, nullptr}};
+
+static constexpr ActorDefinition init_station = {.name = "init-station", .code = 1, .group = 0, .argv = {}};
+static constexpr ActorDefinition local_login = {
+    .name = "local-login", .code = 2, .group = 1, .argv = {"corvane-ls", "DISPLAY"}};
+static constexpr ActorDefinition remote_login = {
+    .name = "remote-login", .code = 3, .group = 1, .argv = {"corvane-ls", "DISPLAY", "-query", "localhost"}};
+static constexpr ActorDefinition press_fkey = {.name = "press-fkey",
+                                               .code = 4,
+                                               .group = 2,
+                                               .argv = {"corvane-pfk", "-display", "--verbose", "--logfile"}};
+static constexpr ActorDefinition click_mouse = {
+    .name = "click-mouse",
+    .code = 5,
+    .group = 2,
+    .argv = {"corvane-pfk", "-display", "--mouse", "--verbose", "--logfile"}};
+static constexpr ActorDefinition disable_station = {
+    .name = "disable-station",
+    .code = 6,
+    .group = 2,
+    .argv = {"corvane-x11-put-image", "DISPLAY", "CORVANE_DIR", "kva-images.bundle", "disabled"}};
+static constexpr ActorDefinition xhotkey = {
+    .name = "xhotkey", .code = 7, .group = 3, .argv = {"corvane-xh", "-display"}};
+
+const ActorDefinition* const actor_table[] = {&init_station, &local_login,     &remote_login, &press_fkey,
+                                              &click_mouse,  &disable_station, &xhotkey,      nullptr};
+
+int dm_lookup_station_type(const char* name) {
+  const StationType* type = station_type_table;
+  while (type->name && strcmp(type->name, name) != 0) ++type;
+  return type->code;
+}
+
+int dm_lookup_actor_code(const char* name) {
+  for (const ActorDefinition* const* actor = actor_table; *actor; ++actor) {
+    if (strcmp((*actor)->name, name) == 0) return (*actor)->code;
+  }
+  return 0;
+}
+
+const ActorDefinition* dm_find_actor(int code) {
+  const ActorDefinition* const* actor = actor_table;
+  while (*actor && (*actor)->code != code) ++actor;
+  return *actor;
+}
+
+// ---- stations and their queues ------------------------------------------------------------------------
+
+// Walks the list without a lock. That is safe beside a station that is linked and, for want of a thread,
+// unlinked and freed again: such a station is always the last, and a lookup from another thread ends at its
+// own station before it.
+static Station* find_station(const PluginContext* context, int display_num) {
+  Station* station = context->stations;
+  while (station && station->display_num != display_num) station = station->next;
+  return station;
+}
+
+// Null when memory is short.
+static Station* new_station(const char* display, int display_num, int station_type) {
+  TextOwner display_copy(strdup(display));
+  void* memory = malloc(sizeof(Station));
+  if (!display_copy || !memory) {
+    free(memory);
+    return nullptr;
+  }
+  auto* station = new (memory) Station{};
+  sem_init(&station->launched, 0, 0);
+  station->display_num = display_num;
+  station->display = display_copy.release();
+  station->station_type = station_type;
+  return station;
+}
+
+static void free_station(Station* station) {
+  free(station->display);
+  free(station);
+}
+
+static void link_station(PluginContext* context, Station* station) {
+  const MutexHold hold(station_table_mutex);
+  Station* tail = context->stations;
+  if (!tail) {
+    context->stations = station;
+    return;
+  }
+  while (tail->next) tail = tail->next;
+  station->prev = tail;
+  tail->next = station;
+}
+
+static void unlink_station(PluginContext* context, Station* station) {
+  const MutexHold hold(station_table_mutex);
+  Station* next = station->next;
+  if (next) next->prev = station->prev;
+  if (station->prev) {
+    station->prev->next = next;
+  } else {
+    context->stations = next;
+  }
+}
+
+int dm_start_station_thread(PluginContext* context, const char* display, int display_num, int station_type) {
+  if (find_station(context, display_num)) {
+    log_debug("station thread for :%d exists.\n", display_num);
+    return 0;
+  }
+  log_debug("Start a new station thread for :%d\n", display_num);
+  Station* station = new_station(display, display_num, station_type);
+  if (!station) {
+    log_debug("{DM} Unable to allocate memory.\n");
+    return -1;
+  }
+  link_station(context, station);
+  const int rc = pthread_create(&station->thread, nullptr, process_station_events, station);
+  if (rc != 0) {
+    log_debug("{DM} Unable to start thread for display=%d, rc=%d\n", display_num, rc);
+    unlink_station(context, station);
+    free_station(station);
+    return -1;
+  }
+  if (verbose) {
+    int position = 0;
+    for (const Station* listed = context->stations; listed; listed = listed->next) {
+      log_debug("#%d station: display_num=%d, type=%d\n", ++position, listed->display_num,
+                listed->station_type);
+    }
+  }
+  return 0;
+}
+
+EventOwner dm_new_event(PluginContext* context, int kind) {
+  EventOwner event(static_cast<StationEvent*>(malloc(sizeof(StationEvent))));
+  if (event) {
+    event->kind = kind;
+    event->context = context;
+    event->next = nullptr;
+  }
+  return event;
+}
+
+int add_station_event(EventOwner& event, int display_num) {
+  Station* station = find_station(event->context, display_num);
+  if (!station) {
+    log_debug("{DM} Unable to find station entry for display %d\n", display_num);
+    return -1;
+  }
+  while (station->ready == 0) usleep(ready_poll_microseconds);
+
+  const MutexHold hold(station->mutex);
+  StationEvent** end = &station->events;
+  while (*end) end = &(*end)->next;
+  *end = event.release();
+  pthread_cond_signal(&station->cond);
+  return 0;
+}
+
+void* process_station_events(void* data) {
+  auto* station = static_cast<Station*>(data);
+  log_debug("Thread for Display %d started...\n", station->display_num);
+  const MutexHold hold(station->mutex);
+  for (;;) {
+    station->ready = 1;
+    pthread_cond_wait(&station->cond,
+                      &station->mutex);  // once and in any case: nothing can be queued before it
+    while (station->events) {
+      const EventOwner event(station->events);
+      station->events = event->next;
+      event->proc(station, event.get());
+    }
+  }
+}
+
+// ---- actors -------------------------------------------------------------------------------------------
+
+// Appends a copy of `text` to the vector; false when memory is short.
+static bool add_argument(char** argv, int* count, const char* text) {
+  argv[*count] = strdup(text);
+  if (!argv[*count]) return false;
+  argv[++*count] = nullptr;
+  return true;
+}
+
+// Puts a copy of `text` in the place of the last argument. The copy that stood there is deliberately not
+// freed: a few bytes a launch.
+static bool replace_argument(char** argv, int* count, const char* text) {
+  --*count;
+  return add_argument(argv, count, text);
+}
+
+int dm_expand_argv(const ActorDefinition* actor, int display_num, char* argv[most_arguments + 1]) {
+  char program[text_size];
+  text_format(program, sizeof program, "%s", actor->argv[0]);
+  char text[text_size];
+  int count = 0;
+  for (const char* const* word = actor->argv; *word; ++word) {
+    bool added = add_argument(argv, &count, *word);
+    if (strcmp(*word, "-display") == 0) {
+      text_format(text, sizeof text, ":%d", display_num);
+      added = added && add_argument(argv, &count, text);
+    } else if (strcmp(*word, "DISPLAY") == 0) {
+      text_format(text, sizeof text, ":%d", display_num);
+      added = added && replace_argument(argv, &count, text);
+    } else if (strcmp(*word, "--logfile") == 0) {
+      text_format(text, sizeof text, "/var/log/%s%d.log", program, display_num);
+      added = added && add_argument(argv, &count, text);
+    } else if (strcmp(*word, "CORVANE_DIR") == 0) {
+      ++word;
+      text_format(text, sizeof text, "%s/images/%s", image_directory, *word);
+      added = added && replace_argument(argv, &count, text);
+    }
+    if (!added) {
+      dm_free_argv(argv);
+      return -1;
+    }
+  }
+  return 0;
+}
+
+void dm_free_argv(char** argv) {
+  for (; *argv; ++argv) free(*argv);
+}
+
+// The child's side of a launch: async-signal-safe calls only, and nothing of the daemon's buffers, locks or
+// exit handlers if the program cannot be run.
+[[noreturn]] static void run_actor(char* const* argv) {
+  signals_give_back();
+  execvp(argv[0], argv);
+  _exit(0);
+}
+
+// Forks and records the child. Returns its pid, -1 when there is none (the group is then idle), or 0 when
+// the group belongs to a thread newer than `number`, whose child must stay the only one.
+static pid_t launch(ActorGroup& group, unsigned number, char* const* argv) {
+  const MutexHold hold(group.child_mutex);
+  if (group.newest != number) return 0;
+  const pid_t child = fork();
+  group.child_pid = child;
+  if (child == 0) run_actor(argv);
+  group.is_running = child > 0 ? 1 : 0;
+  group.child_reaped = false;
+  return child;
+}
+
+// Waits for the child's death, and only then takes its number from it: until it is reaped the system gives
+// the number to nobody else, and a stop that comes later knows that it must not signal it any more.
+static void reap(ActorGroup& group, pid_t child) {
+  siginfo_t death;
+  while (waitid(P_PID, static_cast<id_t>(child), &death, WEXITED | WNOWAIT) != 0 && errno != ECHILD) {
+  }
+  const MutexHold hold(group.child_mutex);
+  if (group.child_pid == child) group.child_reaped = true;
+  while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+// The group is idle, unless it belongs to a newer thread by now.
+static void mark_idle(ActorGroup& group, unsigned number) {
+  const MutexHold hold(group.child_mutex);
+  if (group.newest == number) group.is_running = 0;
+}
+
+void* method_start_thread(void* data) {
+  Owned<ThreadStart> start(static_cast<ThreadStart*>(data));
+  LaunchNotice notice(start->launched);
+  const unsigned number = start->number;
+  const int display_num = start->event.display_num;
+  const int actor_code = start->event.actor_code;
+  const PluginContext* context = start->event.context;
+  start.reset();
+
+  log_debug("method_start_thread() for actor_code:%d, display_num:%d\n", actor_code, display_num);
+  Station* station = find_station(context, display_num);
+  if (!station) {
+    log_debug("{DM} Unable to find station info for display %d\n", display_num);
+    return nullptr;
+  }
+  const ActorDefinition* actor = dm_find_actor(actor_code);
+  if (!actor) {
+    log_debug("{DM} Unable to find ACTOR definition for %d\n", actor_code);
+    return nullptr;
+  }
+  ActorGroup& group = station->groups[actor->group];
+  if (group.is_running == 1) {
+    log_debug("{DM} Sub thread of actor group for %d is already running.\n", actor->group);
+    return nullptr;
+  }
+  if (!actor->argv[0]) {
+    log_debug("{DM} No program specified in argv.\n");
+    return nullptr;
+  }
+
+  for (;;) {
+    char* argv[most_arguments + 1];
+    if (dm_expand_argv(actor, display_num, argv) != 0) {
+      log_debug("{DM} Unable to allocate memory\n");
+      mark_idle(group, number);
+      return nullptr;
+    }
+    for (char** argument = argv; *argument; ++argument) {
+      log_debug("{DM} method_start_thread(): %s\n", *argument);
+    }
+    const pid_t child = launch(group, number, argv);
+    dm_free_argv(argv);
+    if (child < 0) {
+      log_debug("{DM} Unable to create child process. Login thread for display %d\n", display_num);
+      return nullptr;
+    }
+    if (child > 0) {
+      log_debug("DISPLAY=:%d, actor_code=%d, child=%d\n", display_num, actor_code, child);
+      notice.give();
+      reap(group, child);
+      log_debug("Child process died: %d\n", child);
+      if (group.keep_alive == 0) {
+        log_debug("keep_alive field is FALSE. Exit from the current thread\n");
+        return nullptr;
+      }
+    }
+    // The number of the thread, not of the child, tells: the system may have given a dead child's number to
+    // the child of the newer thread.
+    if (group.newest != number) {
+      log_debug(
+          "Another process on the same actor group has been started: %d. Exit from the current thread\n",
+          group.child_pid.load());
+      return nullptr;
+    }
+    sleep(restart_pause_seconds);
+  }
+}
+
+void* init_group_thread(void* data) {
+  Owned<ThreadStart> start(static_cast<ThreadStart*>(data));
+  const LaunchNotice notice(start->launched);
+  const int display_num = start->event.display_num;
+  const int actor_code = start->event.actor_code;
+  start.reset();
+
+  log_debug("init_group_thread() for actor_code:%d, display_num:%d\n", actor_code, display_num);
+  if (actor_code == init_station.code) {
+    log_debug("No action needed for INIT_STATION. display_num: %d\n", display_num);
+  } else {
+    log_debug("Invalid actor code for INIT_GROUP: actor_code:%d, display_num:%d\n", actor_code, display_num);
+  }
+  return nullptr;
+}
+
+// Returns what pthread_create(3) returns.
+static int create_group_thread(pthread_t* thread, void* (*body)(void*), ThreadStart* start) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, group_stack_size);
+  pthread_attr_setguardsize(&attributes, 0);
+  const int rc = pthread_create(thread, &attributes, body, start);
+  pthread_attr_destroy(&attributes);
+  return rc;
+}
+
+void proc_method_start(Station* station, StationEvent* event) {
+  Owned<ThreadStart> start(static_cast<ThreadStart*>(malloc(sizeof(ThreadStart))));
+  if (!start) {
+    log_debug("{DM} Unable to allocate memory\n");
+    return;
+  }
+  *start = {.event = *event, .number = 0, .launched = &station->launched};
+  const ActorDefinition* actor = dm_find_actor(event->actor_code);
+  if (!actor) {
+    log_debug("{DM} Start: Unable to find right actor for actor type=%d\n", event->actor_code);
+    return;
+  }
+
+  ActorGroup& group = station->groups[actor->group];
+  int rc = 0;
+  {
+    // The hold makes one step of the test and the claim: an older thread of the group that is just about to
+    // launch again either has done so, and this start is refused, or finds that the group is taken.
+    const MutexHold hold(group.child_mutex);
+    log_debug("group:%d, is_running:%d\n", actor->group, group.is_running.load());
+    if (group.is_running != 0) {
+      log_debug("Sub thread of actor group for %d is already running.\n", actor->group);
+      [[maybe_unused]] const ThreadStart* left_behind = start.release();  // deliberately never freed
+      return;
+    }
+    log_debug("Start method_start_thread for actor:%d\n", event->actor_code);
+    if (actor->group == 0) {
+      rc = create_group_thread(&group.thread, init_group_thread, start.get());
+    } else {
+      group.keep_alive = 1;
+      start->number = ++group.newest;
+      rc = create_group_thread(&group.thread, method_start_thread, start.get());
+    }
+  }
+  if (rc != 0) {
+    log_debug("{DM} Unable to start thread for event:%d\n", event->actor_code);
+    return;
+  }
+  [[maybe_unused]] const ThreadStart* handed_over = start.release();
+  while (sem_wait(&station->launched) != 0) {
+  }
+}
+
+void proc_method_stop(Station* station, StationEvent* event) {
+  log_debug("proc_method_stop\n");
+  const ActorDefinition* actor = dm_find_actor(event->actor_code);
+  if (!actor) {
+    log_debug("{DM} Stop: Unable to find right actor for actor type=%d\n", event->actor_code);
+    return;
+  }
+  ActorGroup& group = station->groups[actor->group];
+  const MutexHold hold(group.child_mutex);
+  const pid_t child = group.child_pid;
+  if (group.is_running == 0 || child == 0) {
+    log_debug("{DM} sub process is not running\n");
+    return;
+  }
+  log_debug("proc_method_stop: child_pid %d\n", child);
+  group.keep_alive = 0;
+  if (!group.child_reaped) kill(child, SIGTERM);
+  group.is_running = 0;
+  group.child_pid = 0;
+}

@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: MIT
+// dm-plugin.cpp: record and message handler of the display manager.
+//
+// The handler only tells the two methods apart; what they do is in dm-dbus.cpp, and what comes of it in
+// display-manager.cpp. It runs on the main thread and never waits for an actor.
+#include "plugins/display-manager/dm-plugin.h"
+
+#include "common/logger.h"
+#include "plugins/display-manager/dm-dbus.h"
+
+static constexpr const char* dm_interface = "com.corvane.ControlServer.DisplayManager";
+
+Plugin dm_plugin = {.name = "DisplayManager",
+                    .path = "/com/corvane/ControlServer/DisplayManager",
+                    .context = nullptr,
+                    .init = dm_init,
+                    .fin = dm_fin,
+                    .handle_message = dm_handle_dbus_message};
+
+int dm_init(Plugin* plugin, PluginContext* context) {
+  log_debug("Initialize DisplayManager plugin\n");
+  plugin->context = context;
+  return 0;
+}
+
+void dm_fin(Plugin*) {
+  log_debug("Finalize DisplayManager plugin\n");
+}
+
+// The line of a message that is not ours is written by hand, because readers of the log know it as it is:
+// where other lines have the function's name it has a longer text, which moves the interface behind "obj="
+// and the member behind "intf=". The path is not in it, and nothing stands behind "member=".
+static void log_unhandled(DBusMessage* message) {
+  if (!plogger || plogger->level < LOG_LEVEL_DEBUG) return;
+  plogger->write(plogger, "%s:%i:%s: DEBUG: Unhandled message: obj=%s, intf=%s, member=%s\n", __FILE__,
+                 __LINE__, "dm_handle_dbus_message dbus_message_get_path(message)",
+                 dbus_message_get_interface(message), dbus_message_get_member(message), "");
+}
+
+DBusHandlerResult dm_handle_dbus_message(DBusConnection* connection, DBusMessage* message, Plugin* plugin) {
+  if (dbus_message_is_method_call(message, dm_interface, "Start")) {
+    return dbus_dm_start(connection, message, plugin);
+  }
+  if (dbus_message_is_method_call(message, dm_interface, "Stop")) {
+    return dbus_dm_stop(connection, message, plugin);
+  }
+  log_unhandled(message);
+  return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+}
