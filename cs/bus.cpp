@@ -44,14 +44,16 @@ void ccs_remove_watch(DBusWatch*, void*) {
 }
 
 void ccs_get_system_conn(BusState* bus) {
-  BusError error;
-  DBusConnection* connection = dbus_bus_get(DBUS_BUS_SESSION, error.get());
-  if (error.is_set()) {
-    log_debug("{EE}Failed to connect system DBus: %s\n", error.message());
-    ccs_fatal_exit();
+  {
+    BusError error;
+    DBusConnection* connection = dbus_bus_get(DBUS_BUS_SESSION, error.get());
+    if (error.is_set()) {
+      log_debug("{EE}Failed to connect system DBus: %s\n", error.message());
+    } else {
+      bus->connection = connection;
+    }
   }
-  bus->connection = connection;
-  if (!connection) ccs_fatal_exit();
+  if (!bus->connection) ccs_fatal_exit();
 }
 
 // The functions for removal and toggling are deliberately crossed: both only leave a line in the log, and
@@ -67,13 +69,14 @@ void ccs_set_watch_functions(BusState* bus) {
 }
 
 void ccs_request_service_name(BusState* bus) {
-  BusError error;
-  log_debug("Request service name: %s\n", service_name);
-  if (dbus_bus_request_name(bus->connection, service_name, DBUS_NAME_FLAG_REPLACE_EXISTING, error.get()) ==
-      -1) {
-    log_debug("{EE} dbus_bus_request_name(): %s\n", error.message());
-    ccs_fatal_exit();
+  int result = 0;
+  {
+    BusError error;
+    log_debug("Request service name: %s\n", service_name);
+    result = dbus_bus_request_name(bus->connection, service_name, DBUS_NAME_FLAG_REPLACE_EXISTING, error.get());
+    if (result == -1) log_debug("{EE} dbus_bus_request_name(): %s\n", error.message());
   }
+  if (result == -1) ccs_fatal_exit();
   dbus_connection_dispatch(bus->connection);
 }
 

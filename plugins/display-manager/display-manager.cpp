@@ -22,16 +22,13 @@
 
 #include "common/logger.h"
 #include "common/signals.h"
+#include "common/stack-pool.h"
 #include "common/verbose.h"
 
 static constexpr unsigned restart_pause_seconds = 2;
 static constexpr useconds_t ready_poll_microseconds = 500;
 static constexpr size_t text_size = 64;  // of a program's name and of each expansion
 static constexpr const char* image_directory = "/usr/share/corvane";
-
-// A thread that is not joined keeps its stack. Small stacks without a guard page merge into one mapping, so
-// that the number of starts is bounded by memory alone, not by the address space or the count of mappings.
-static constexpr size_t group_stack_size = 64 * 1024;
 
 pthread_mutex_t station_table_mutex;
 
@@ -299,12 +296,20 @@ void dm_free_argv(char** argv) {
   _exit(0);
 }
 
+// fork(2) from a thread on `stack`, which the child must find.
+static pid_t fork_from(void* stack) {
+  if (stack_show_to_children(stack) != 0) return -1;
+  const pid_t child = fork();
+  if (child != 0) stack_hide_from_children(stack);
+  return child;
+}
+
 // Forks and records the child. Returns its pid, -1 when there is none (the group is then idle), or 0 when
 // the group belongs to a thread newer than `number`, whose child must stay the only one.
-static pid_t launch(ActorGroup& group, unsigned number, char* const* argv) {
+static pid_t launch(ActorGroup& group, unsigned number, void* stack, char* const* argv) {
   const MutexHold hold(group.child_mutex);
   if (group.newest != number) return 0;
-  const pid_t child = fork();
+  const pid_t child = fork_from(stack);
   group.child_pid = child;
   if (child == 0) run_actor(argv);
   group.is_running = child > 0 ? 1 : 0;
@@ -334,6 +339,7 @@ void* method_start_thread(void* data) {
   Owned<ThreadStart> start(static_cast<ThreadStart*>(data));
   LaunchNotice notice(start->launched);
   const unsigned number = start->number;
+  void* stack = start->stack;
   const int display_num = start->event.display_num;
   const int actor_code = start->event.actor_code;
   const PluginContext* context = start->event.context;
@@ -370,7 +376,7 @@ void* method_start_thread(void* data) {
     for (char** argument = argv; *argument; ++argument) {
       log_debug("{DM} method_start_thread(): %s\n", *argument);
     }
-    const pid_t child = launch(group, number, argv);
+    const pid_t child = launch(group, number, stack, argv);
     dm_free_argv(argv);
     if (child < 0) {
       log_debug("{DM} Unable to create child process. Login thread for display %d\n", display_num);
@@ -414,14 +420,16 @@ void* init_group_thread(void* data) {
   return nullptr;
 }
 
-// Returns what pthread_create(3) returns.
+// Makes a thread on a stack from the pool. Returns what pthread_create(3) returns.
 static int create_group_thread(pthread_t* thread, void* (*body)(void*), ThreadStart* start) {
+  start->stack = stack_take();
+  if (!start->stack) return ENOMEM;
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, group_stack_size);
-  pthread_attr_setguardsize(&attributes, 0);
+  pthread_attr_setstack(&attributes, start->stack, pool_stack_size);
   const int rc = pthread_create(thread, &attributes, body, start);
   pthread_attr_destroy(&attributes);
+  if (rc != 0) stack_return(start->stack);
   return rc;
 }
 
@@ -431,7 +439,7 @@ void proc_method_start(Station* station, StationEvent* event) {
     log_debug("{DM} Unable to allocate memory\n");
     return;
   }
-  *start = {.event = *event, .number = 0, .launched = &station->launched};
+  *start = {.event = *event, .number = 0, .launched = &station->launched, .stack = nullptr};
   const ActorDefinition* actor = dm_find_actor(event->actor_code);
   if (!actor) {
     log_debug("{DM} Start: Unable to find right actor for actor type=%d\n", event->actor_code);

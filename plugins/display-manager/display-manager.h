@@ -158,6 +158,7 @@ struct ThreadStart {
   StationEvent event;  // a copy; the queue's own is gone when its procedure returns
   unsigned number;     // of the thread in its group
   sem_t* launched;     // the station's, to be posted once
+  void* stack;         // the thread's own, from the pool
 };
 
 /** Bodies of the threads that proc_method_start makes, for group 0 and for groups 1 to 3; `start` is a

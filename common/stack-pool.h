@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: MIT
+// stack-pool: stacks for threads that are never joined, kept out of the way of fork.
+#pragma once
+
+#include <cstddef>
+
+#ifdef __SANITIZE_THREAD__
+inline constexpr size_t pool_stack_size = 1024 * 1024;  // the sanitizer keeps its state on the stack
+#else
+inline constexpr size_t pool_stack_size = 64 * 1024;
+#endif
+
+/**
+ * A stack of pool_stack_size bytes without a guard page, for pthread_attr_setstack(3). It belongs to the
+ * thread that is made on it and is never taken back: a thread that is neither joined nor detached keeps its
+ * stack. Null when memory is short. Any thread.
+ */
+void* stack_take();
+
+/** Takes back a stack on which no thread could be made. Any thread. */
+void stack_return(void* stack);
+
+/**
+ * Says whether a child process gets this stack (madvise(2), MADV_DOFORK), which it does not by default: a
+ * thread that forks asks for its own stack before, and hides it again after.
+ * Returns 0, or -1 when memory is short. Any thread.
+ */
+int stack_show_to_children(void* stack);
+int stack_hide_from_children(void* stack);
