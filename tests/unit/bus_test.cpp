@@ -1,0 +1,381 @@
+// SPDX-License-Identifier: MIT
+// bus_test.cpp: the watch functions, each step of setting the bus up, and the steps of the main loop.
+//
+// The connection and the watches are the test's own memory: every call that would look into them is faked.
+#include "cs/bus.h"
+
+#include <unistd.h>
+
+#include "tests/unit/capture.h"
+#include "tests/unit/fakes.h"
+
+using testing::ExitedWithCode;
+using Calls = std::vector<std::string>;
+
+namespace {
+
+struct FakeWatch {
+  unsigned flags;
+  int fd;
+};
+
+DBusWatch* as_watch(FakeWatch* watch) {
+  return reinterpret_cast<DBusWatch*>(watch);
+}
+
+char connection_memory;
+DBusConnection* const connection = reinterpret_cast<DBusConnection*>(&connection_memory);
+
+class Bus : public FakedTest {
+ protected:
+  Bus() {
+    fakes.dbus_watch_get_flags = [](DBusWatch* watch) { return reinterpret_cast<FakeWatch*>(watch)->flags; };
+    fakes.dbus_watch_get_socket = [](DBusWatch* watch) { return reinterpret_cast<FakeWatch*>(watch)->fd; };
+    fakes.dbus_connection_dispatch = [this](DBusConnection* on) {
+      EXPECT_EQ(on, connection);
+      calls.push_back("dispatch");
+      return dispatched < results.size() ? results[dispatched++] : DBUS_DISPATCH_COMPLETE;
+    };
+    fakes.dbus_connection_ref = [this](DBusConnection* on) {
+      EXPECT_EQ(on, connection);
+      calls.push_back("ref");
+      return on;
+    };
+    fakes.dbus_connection_unref = [this](DBusConnection* on) {
+      EXPECT_EQ(on, connection);
+      calls.push_back("unref");
+    };
+    fakes.dbus_watch_handle = [this](DBusWatch* watch, unsigned flags) {
+      EXPECT_EQ(watch, as_watch(&readable));
+      calls.push_back("handle " + std::to_string(flags));
+      return handled;
+    };
+  }
+
+  /** In a death test: the log goes to standard error, where the plugins' fin lines follow. */
+  static void log_to_stderr() {
+    static Logger logger = {.level = 5, .name = "stderr", .fp = stderr, .write = log_write};
+    plogger = &logger;
+  }
+
+  BusState bus = {.connection = connection, .watch = nullptr, .fd = -1};
+  FakeWatch readable = {DBUS_WATCH_READABLE, 7};
+  Calls calls;
+  std::vector<DBusDispatchStatus> results;  // of the first dispatches; the others are complete
+  size_t dispatched = 0;
+  dbus_bool_t handled = TRUE;
+};
+using BusDeathTest = Bus;
+
+std::string line(const std::string& function, const std::string& message) {
+  return "cs/bus.cpp:#:" + function + ": DEBUG: " + message;
+}
+
+/** The log's `lines` and, behind them, the fin of every plugin of the tests' plugin table. */
+std::string fatal(const Lines& lines) {
+  const std::string pattern = log_pattern(lines);
+  return pattern.substr(0, pattern.size() - 1) + "fin First\nfin Second\nfin Third\n$";
+}
+
+}  // namespace
+
+// ---- watch functions ----------------------------------------------------------------------------------
+
+TEST_F(Bus, a_readable_watch_is_stored) {
+  CapturedLog log;
+  EXPECT_EQ(ccs_add_watch(as_watch(&readable), &bus), 1U);
+  EXPECT_EQ(bus.watch, as_watch(&readable));
+  EXPECT_EQ(bus.fd, 7);
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_add_watch", "Adding a read watch on fd 7 using newly-set watch function"),
+                   line("ccs_add_watch", "READ Watch on fd 7")}));
+}
+
+TEST_F(Bus, a_readable_and_writable_watch_is_stored) {
+  CapturedLog log;
+  FakeWatch watch = {3, 8};
+  EXPECT_EQ(ccs_add_watch(as_watch(&watch), &bus), 1U);
+  EXPECT_EQ(bus.watch, as_watch(&watch));
+  EXPECT_EQ(bus.fd, 8);
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_add_watch", "Adding a readwrite watch on fd 8 using newly-set watch function"),
+                   line("ccs_add_watch", "READ Watch on fd 8")}));
+}
+
+TEST_F(Bus, a_writable_watch_is_not_stored) {
+  CapturedLog log;
+  FakeWatch watch = {2, 9};
+  EXPECT_EQ(ccs_add_watch(as_watch(&watch), &bus), 1U);
+  EXPECT_EQ(bus.watch, nullptr);
+  EXPECT_EQ(bus.fd, -1);
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_add_watch", "Adding a write watch on fd 9 using newly-set watch function")}));
+}
+
+TEST_F(Bus, a_watch_for_neither_is_not_stored) {
+  CapturedLog log;
+  FakeWatch watch = {DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP, 10};
+  EXPECT_EQ(ccs_add_watch(as_watch(&watch), &bus), 1U);
+  EXPECT_EQ(bus.watch, nullptr);
+  EXPECT_EQ(bus.fd, -1);
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_add_watch",
+                        "Adding a no read or write watch on fd 10 using newly-set watch function")}));
+}
+
+TEST_F(Bus, other_flags_of_a_readable_watch_change_nothing) {
+  CapturedLog log;
+  FakeWatch watch = {DBUS_WATCH_READABLE | DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP, 11};
+  ccs_add_watch(as_watch(&watch), &bus);
+  EXPECT_EQ(bus.fd, 11);
+  EXPECT_EQ(log.lines().front(),
+            line("ccs_add_watch", "Adding a read watch on fd 11 using newly-set watch function"));
+}
+
+TEST_F(Bus, the_last_readable_watch_replaces_the_others) {
+  FakeWatch second = {1, 12};
+  FakeWatch writable = {2, 13};
+  ccs_add_watch(as_watch(&readable), &bus);
+  ccs_add_watch(as_watch(&second), &bus);
+  ccs_add_watch(as_watch(&writable), &bus);
+  EXPECT_EQ(bus.watch, as_watch(&second));
+  EXPECT_EQ(bus.fd, 12);
+  EXPECT_EQ(bus.connection, connection);
+}
+
+TEST_F(Bus, toggling_and_removing_only_leave_lines) {
+  ccs_add_watch(as_watch(&readable), &bus);
+  CapturedLog log;
+  ccs_toggle_watch(as_watch(&readable), &bus);
+  ccs_remove_watch(as_watch(&readable), &bus);
+  EXPECT_EQ(log.lines(), (Lines{line("ccs_toggle_watch", "{II} ccs_toggle_watch()"),
+                                line("ccs_remove_watch", "{II} ccs_remove_watch()")}));
+  EXPECT_EQ(bus.watch, as_watch(&readable));
+  EXPECT_EQ(bus.fd, 7);
+}
+
+// ---- setting up ---------------------------------------------------------------------------------------
+
+TEST_F(Bus, the_connection_is_asked_for_as_the_session_bus) {
+  bus.connection = nullptr;
+  CapturedLog log;
+  fakes.dbus_bus_get = [](DBusBusType type, DBusError* error) {
+    EXPECT_EQ(static_cast<int>(type), 0);
+    EXPECT_EQ(dbus_error_is_set(error), 0U);
+    return connection;
+  };
+  ccs_get_system_conn(&bus);
+  EXPECT_EQ(bus.connection, connection);
+  EXPECT_EQ(log.text(), "");
+  EXPECT_EQ(calls, (Calls{}));
+}
+
+TEST_F(BusDeathTest, an_error_while_connecting_is_logged_and_fatal) {
+  EXPECT_EXIT(
+      {
+        log_to_stderr();
+        bus.connection = nullptr;
+        fakes.dbus_bus_get = [](DBusBusType, DBusError* error) -> DBusConnection* {
+          dbus_set_error(error, DBUS_ERROR_FAILED, "no bus today");
+          return nullptr;
+        };
+        ccs_get_system_conn(&bus);
+        _exit(99);
+      },
+      ExitedWithCode(1),
+      fatal({line("ccs_get_system_conn", "{EE}Failed to connect system DBus: no bus today")}));
+}
+
+TEST_F(BusDeathTest, errors_are_freed_before_the_end) {
+  const auto note_free = [](DBusError* error) {
+    if (dbus_error_is_set(error)) fputs("freed\n", stderr);
+    __real_dbus_error_free(error);
+  };
+  EXPECT_EXIT(
+      {
+        fakes.dbus_error_free = note_free;
+        bus.connection = nullptr;
+        fakes.dbus_bus_get = [](DBusBusType, DBusError* error) -> DBusConnection* {
+          dbus_set_error(error, DBUS_ERROR_FAILED, "no bus today");
+          return nullptr;
+        };
+        ccs_get_system_conn(&bus);
+      },
+      ExitedWithCode(1), "^freed\nfin First\nfin Second\nfin Third\n$");
+  EXPECT_EXIT(
+      {
+        fakes.dbus_error_free = note_free;
+        fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError* error) {
+          dbus_set_error(error, DBUS_ERROR_ACCESS_DENIED, "not for you");
+          return -1;
+        };
+        ccs_request_service_name(&bus);
+      },
+      ExitedWithCode(1), "^freed\nfin First\nfin Second\nfin Third\n$");
+}
+
+TEST_F(BusDeathTest, an_error_counts_even_with_a_connection) {
+  EXPECT_EXIT(
+      {
+        log_to_stderr();
+        bus.connection = nullptr;
+        fakes.dbus_bus_get = [](DBusBusType, DBusError* error) {
+          dbus_set_error(error, DBUS_ERROR_FAILED, "half a bus");
+          return connection;
+        };
+        ccs_get_system_conn(&bus);
+        _exit(99);
+      },
+      ExitedWithCode(1),
+      fatal({line("ccs_get_system_conn", "{EE}Failed to connect system DBus: half a bus")}));
+}
+
+TEST_F(BusDeathTest, no_connection_without_an_error_is_fatal_without_a_message) {
+  EXPECT_EXIT(
+      {
+        log_to_stderr();
+        bus.connection = nullptr;
+        fakes.dbus_bus_get = [](DBusBusType, DBusError*) -> DBusConnection* { return nullptr; };
+        ccs_get_system_conn(&bus);
+        _exit(99);
+      },
+      ExitedWithCode(1), fatal({}));
+}
+
+TEST_F(Bus, the_functions_for_removing_and_toggling_are_crossed) {
+  CapturedLog log;
+  fakes.dbus_connection_set_watch_functions =
+      [this](DBusConnection* on, DBusAddWatchFunction add, DBusRemoveWatchFunction remove,
+             DBusWatchToggledFunction toggled, void* data, DBusFreeFunction free_data) {
+        EXPECT_EQ(on, connection);
+        EXPECT_EQ(add, ccs_add_watch);
+        EXPECT_EQ(remove, ccs_toggle_watch);
+        EXPECT_EQ(toggled, ccs_remove_watch);
+        EXPECT_EQ(data, &bus);
+        EXPECT_EQ(free_data, nullptr);
+        calls.push_back("set");
+        return dbus_bool_t{TRUE};
+      };
+  results = {DBUS_DISPATCH_DATA_REMAINS};
+  ccs_set_watch_functions(&bus);
+  EXPECT_EQ(calls, (Calls{"set", "dispatch"})) << "dispatched once, whatever remains";
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(BusDeathTest, watch_functions_that_cannot_be_set_are_fatal) {
+  EXPECT_EXIT(
+      {
+        log_to_stderr();
+        fakes.dbus_connection_set_watch_functions =
+            [](DBusConnection*, DBusAddWatchFunction, DBusRemoveWatchFunction, DBusWatchToggledFunction,
+               void*, DBusFreeFunction) { return dbus_bool_t{FALSE}; };
+        ccs_set_watch_functions(&bus);
+        _exit(99);
+      },
+      ExitedWithCode(1),
+      fatal({line("ccs_set_watch_functions", "dbus_connection_set_watch_functions(): (null)")}));
+}
+
+TEST_F(Bus, the_name_is_requested_to_replace_its_owner_and_every_answer_but_minus_1_is_accepted) {
+  for (const int answer : {0, 1, 2, 3, 4, -2}) {
+    CapturedLog log;
+    calls.clear();
+    fakes.dbus_bus_request_name = [&](DBusConnection* on, const char* name, unsigned flags,
+                                      DBusError* error) {
+      EXPECT_EQ(on, connection);
+      EXPECT_STREQ(name, "com.corvane.ControlServer");
+      EXPECT_EQ(flags, 2U);
+      EXPECT_EQ(dbus_error_is_set(error), 0U);
+      calls.push_back("request");
+      return answer;
+    };
+    ccs_request_service_name(&bus);
+    EXPECT_EQ(calls, (Calls{"request", "dispatch"})) << answer;
+    EXPECT_EQ(log.lines(),
+              (Lines{line("ccs_request_service_name", "Request service name: com.corvane.ControlServer")}))
+        << answer;
+  }
+}
+
+TEST_F(Bus, the_name_is_dispatched_once_whatever_remains) {
+  fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError*) { return 1; };
+  results = {DBUS_DISPATCH_DATA_REMAINS};
+  ccs_request_service_name(&bus);
+  EXPECT_EQ(calls, (Calls{"dispatch"}));
+}
+
+TEST_F(BusDeathTest, a_name_that_cannot_be_requested_is_fatal) {
+  EXPECT_EXIT(
+      {
+        log_to_stderr();
+        fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError* error) {
+          dbus_set_error(error, DBUS_ERROR_ACCESS_DENIED, "not for you");
+          return -1;
+        };
+        ccs_request_service_name(&bus);
+        _exit(99);
+      },
+      ExitedWithCode(1),
+      fatal({line("ccs_request_service_name", "Request service name: com.corvane.ControlServer"),
+             line("ccs_request_service_name", "{EE} dbus_bus_request_name(): not for you")}));
+}
+
+// ---- the main loop's steps ----------------------------------------------------------------------------
+
+TEST_F(Bus, the_read_set_holds_the_watchs_descriptor_alone) {
+  for (const int fd : {0, 7, 1023}) {
+    fd_set set;
+    for (int other = 0; other < FD_SETSIZE; ++other) FD_SET(other, &set);
+    bus.fd = fd;
+    CapturedLog log;
+    ccs_build_read_set(&bus, &set);
+    for (int other = 0; other < FD_SETSIZE; ++other) {
+      EXPECT_EQ(FD_ISSET(other, &set) != 0, other == fd) << other << " in the set for " << fd;
+    }
+    EXPECT_EQ(log.text(), "");
+  }
+}
+
+TEST_F(BusDeathTest, a_descriptor_that_select_cannot_hold_is_fatal) {
+  for (const int fd : {1024, 1025, 100000, -1, -7}) {
+    bus.fd = fd;
+    EXPECT_EXIT(
+        {
+          log_to_stderr();
+          fd_set set;
+          ccs_build_read_set(&bus, &set);
+          _exit(99);
+        },
+        ExitedWithCode(1),
+        fatal({line("ccs_build_read_set",
+                    "{EE} Watch on fd " + std::to_string(fd) + " is beyond what select() can hold")}))
+        << fd;
+  }
+}
+
+TEST_F(Bus, dispatching_goes_on_while_data_remains) {
+  results = {DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_COMPLETE,
+             DBUS_DISPATCH_DATA_REMAINS};
+  ccs_dispatch_all(connection);
+  EXPECT_EQ(calls, (Calls{"ref", "dispatch", "dispatch", "dispatch", "unref"}));
+}
+
+TEST_F(Bus, dispatching_stops_when_memory_is_short) {
+  results = {DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_DATA_REMAINS};
+  ccs_dispatch_all(connection);
+  EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref"}));
+}
+
+TEST_F(Bus, a_ready_watch_is_handled_as_readable_and_then_dispatched) {
+  ccs_add_watch(as_watch(&readable), &bus);
+  results = {DBUS_DISPATCH_DATA_REMAINS};
+  ccs_serve_watch(&bus);
+  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "dispatch", "unref"}));
+}
+
+TEST_F(Bus, a_watch_that_could_not_be_handled_is_dispatched_all_the_same) {
+  ccs_add_watch(as_watch(&readable), &bus);
+  handled = FALSE;
+  ccs_serve_watch(&bus);
+  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "unref"}));
+}

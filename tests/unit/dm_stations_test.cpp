@@ -1,0 +1,435 @@
+// SPDX-License-Identifier: MIT
+// dm_stations_test.cpp: making stations, queueing events, and the workers that run them.
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "common/verbose.h"
+#include "tests/unit/dm_support.h"
+
+namespace {
+
+/** A test whose stations get no worker: thread creation only notes what it is asked for. */
+class StartStationThread : public DisplayManagerTest {
+ protected:
+  StartStationThread() {
+    fakes.pthread_create = [this](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                                  void* data) {
+      created.push_back({thread, attributes, body, static_cast<Station*>(data)});
+      return result;
+    };
+    fakes.seen_lock = [this](pthread_mutex_t* mutex) {
+      if (mutex == &station_table_mutex) ++table_locks;
+    };
+  }
+  ~StartStationThread() override {
+    for (Station* station = context.stations; station;) {
+      Station* next = station->next;
+      free(station->display);
+      free(station);
+      station = next;
+    }
+  }
+
+  int start(int display_num, int station_type = 1) {
+    return dm_start_station_thread(&context, (":" + std::to_string(display_num)).c_str(), display_num,
+                                   station_type);
+  }
+
+  /** The display numbers in the order of the list, checked along the links in both directions. */
+  std::vector<int> listed() const {
+    std::vector<int> displays;
+    const Station* before = nullptr;
+    for (const Station* station = context.stations; station; station = station->next) {
+      EXPECT_EQ(station->prev, before) << "behind :" << station->display_num;
+      displays.push_back(station->display_num);
+      before = station;
+    }
+    return displays;
+  }
+
+  struct Created {
+    pthread_t* thread;
+    const pthread_attr_t* attributes;
+    void* (*body)(void*);
+    Station* station;
+  };
+  std::vector<Created> created;
+  int result = 0;
+  int table_locks = 0;
+};
+
+using NewEvent = DisplayManagerTest;
+using AddStationEvent = OneStationTest;
+
+}  // namespace
+
+// ---- dm_start_station_thread --------------------------------------------------------------------------
+
+TEST_F(StartStationThread, a_new_station_is_linked_before_its_worker_is_made) {
+  const Station* listed_at_creation = nullptr;
+  const auto create = fakes.pthread_create;
+  fakes.pthread_create = [&](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                             void* data) {
+    listed_at_creation = context.stations;
+    return create(thread, attributes, body, data);
+  };
+  EXPECT_EQ(start(5, 2), 0);
+  ASSERT_EQ(created.size(), 1U);
+  Station* station = context.stations;
+  EXPECT_EQ(listed_at_creation, station);
+  EXPECT_EQ(created[0].station, station);
+  EXPECT_EQ(created[0].thread, &station->thread);
+  EXPECT_EQ(created[0].attributes, nullptr) << "workers keep default attributes";
+  EXPECT_EQ(created[0].body, process_station_events);
+  EXPECT_EQ(table_locks, 1);
+  EXPECT_FALSE(is_held(station_table_mutex));
+  EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread", {"Start a new station thread for :5"}));
+}
+
+TEST_F(StartStationThread, a_new_station_is_idle_and_keeps_what_it_is_given) {
+  const char text[] = "host:5.1";
+  EXPECT_EQ(dm_start_station_thread(&context, text, 5, 2), 0);
+  Station* station = context.stations;
+  EXPECT_EQ(station->display_num, 5);
+  EXPECT_STREQ(station->display, "host:5.1");
+  EXPECT_NE(station->display, text) << "a copy";
+  EXPECT_EQ(station->station_type, 2);
+  EXPECT_EQ(station->ready, 0);
+  EXPECT_EQ(station->events, nullptr);
+  EXPECT_EQ(station->prev, nullptr);
+  EXPECT_EQ(station->next, nullptr);
+  EXPECT_EQ(value_of(station->launched), 0);
+  for (ActorGroup& entry : station->groups) {
+    EXPECT_EQ(entry.is_running, 0);
+    EXPECT_EQ(entry.keep_alive, 0);
+    EXPECT_EQ(entry.child_pid, 0);
+    EXPECT_EQ(entry.newest, 0U);
+    EXPECT_FALSE(entry.child_reaped);
+    EXPECT_FALSE(is_held(entry.child_mutex));
+  }
+  EXPECT_FALSE(is_held(station->mutex));
+}
+
+TEST_F(StartStationThread, an_existing_station_is_left_as_it_is) {
+  start(5, 2);
+  log.forget();
+  EXPECT_EQ(dm_start_station_thread(&context, "other:5", 5, 3), 0);
+  EXPECT_EQ(created.size(), 1U);
+  EXPECT_EQ(listed(), (std::vector<int>{5}));
+  Station* station = context.stations;
+  EXPECT_STREQ(station->display, ":5");
+  EXPECT_EQ(station->station_type, 2);
+  EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread", {"station thread for :5 exists."}));
+  EXPECT_EQ(table_locks, 1) << "lookups take no lock";
+}
+
+TEST_F(StartStationThread, new_stations_are_appended) {
+  for (const int display_num : {5, 0, 2147483647, 1}) EXPECT_EQ(start(display_num), 0);
+  EXPECT_EQ(listed(), (std::vector<int>{5, 0, 2147483647, 1}));
+  for (const int display_num : {5, 0, 2147483647, 1}) EXPECT_EQ(start(display_num), 0);
+  EXPECT_EQ(created.size(), 4U) << "each is found again";
+}
+
+TEST_F(StartStationThread, with_verbose_every_station_is_listed_from_1) {
+  start(5, 2);
+  verbose = 1;
+  log.forget();
+  start(0, 3);
+  EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread",
+                                  {"Start a new station thread for :0", "#1 station: display_num=5, type=2",
+                                   "#2 station: display_num=0, type=3"}));
+  log.forget();
+  start(5);
+  EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread", {"station thread for :5 exists."}))
+      << "not for a station that exists";
+}
+
+TEST_F(StartStationThread, without_memory_for_the_record_nothing_is_left) {
+  MemoryBook memory;
+  memory.fail_malloc(1);
+  EXPECT_EQ(start(5), -1);
+  EXPECT_EQ(memory.blocks_left(), 0U);
+  EXPECT_EQ(created.size(), 0U);
+  EXPECT_EQ(listed(), (std::vector<int>{}));
+  EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread",
+                                  {"Start a new station thread for :5", "{DM} Unable to allocate memory."}));
+}
+
+TEST_F(StartStationThread, without_memory_for_the_display_nothing_is_left) {
+  MemoryBook memory;
+  memory.fail_strdup(1);
+  EXPECT_EQ(start(5), -1);
+  EXPECT_EQ(memory.blocks_left(), 0U);
+  EXPECT_EQ(created.size(), 0U);
+  EXPECT_EQ(listed(), (std::vector<int>{}));
+  EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread",
+                                  {"Start a new station thread for :5", "{DM} Unable to allocate memory."}));
+}
+
+TEST_F(StartStationThread, the_only_station_without_a_worker_leaves_no_trace) {
+  MemoryBook memory;
+  verbose = 1;
+  result = EAGAIN;
+  EXPECT_EQ(start(5), -1);
+  EXPECT_EQ(memory.blocks_left(), 0U);
+  EXPECT_EQ(context.stations, nullptr);
+  EXPECT_EQ(table_locks, 2) << "to link and to unlink";
+  EXPECT_FALSE(is_held(station_table_mutex));
+  EXPECT_EQ(log.lines(),
+            dm_lines("dm_start_station_thread", {"Start a new station thread for :5",
+                                                 "{DM} Unable to start thread for display=5, rc=11"}));
+}
+
+TEST_F(StartStationThread, the_last_of_several_without_a_worker_leaves_the_others) {
+  start(1);
+  start(2);
+  MemoryBook memory;
+  result = ENOMEM;
+  EXPECT_EQ(start(5), -1);
+  EXPECT_EQ(memory.blocks_left(), 0U);
+  EXPECT_EQ(listed(), (std::vector<int>{1, 2}));
+  EXPECT_EQ(log.lines().back(),
+            dm_line("dm_start_station_thread", "{DM} Unable to start thread for display=5, rc=12"));
+}
+
+TEST_F(StartStationThread, a_station_that_got_no_worker_can_be_made_afterwards) {
+  start(1);
+  result = EAGAIN;
+  EXPECT_EQ(start(5), -1);
+  result = 0;
+  EXPECT_EQ(start(5), 0);
+  EXPECT_EQ(start(6), 0);
+  EXPECT_EQ(listed(), (std::vector<int>{1, 5, 6}));
+}
+
+TEST_F(StartStationThread, unlinking_keeps_what_stands_behind_the_station) {
+  // Only the main thread links, so nothing stands there while the daemon runs; the links hold all the same.
+  start(1);
+  for (const bool with_station_before : {true, false}) {
+    Station behind = {};
+    behind.display_num = 9;
+    Station* first = context.stations;
+    if (!with_station_before) context.stations = nullptr;
+    fakes.pthread_create = [&](pthread_t*, const pthread_attr_t*, void* (*)(void*), void* data) {
+      auto* station = static_cast<Station*>(data);
+      station->next = &behind;
+      behind.prev = station;
+      return EAGAIN;
+    };
+    EXPECT_EQ(start(5), -1);
+    EXPECT_EQ(listed(), with_station_before ? (std::vector<int>{1, 9}) : (std::vector<int>{9}));
+    context.stations = first;
+    first->next = nullptr;
+  }
+}
+
+// ---- events -------------------------------------------------------------------------------------------
+
+TEST_F(NewEvent, kind_context_and_link_are_filled_in) {
+  const EventOwner event = dm_new_event(&context, 2);
+  ASSERT_NE(event, nullptr);
+  EXPECT_EQ(event->kind, 2);
+  EXPECT_EQ(event->context, &context);
+  EXPECT_EQ(event->next, nullptr);
+}
+
+TEST_F(NewEvent, start_is_kind_1_and_stop_is_kind_2) {
+  EXPECT_EQ(event_kind_start, 1);
+  EXPECT_EQ(event_kind_stop, 2);
+}
+
+TEST_F(NewEvent, without_memory_there_is_none_and_nothing_is_logged) {
+  MemoryBook memory;
+  memory.fail_malloc(1);
+  EXPECT_EQ(dm_new_event(&context, 1), nullptr);
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(NewEvent, it_is_freed_with_its_owner) {
+  MemoryBook memory;
+  EXPECT_NE(dm_new_event(&context, 1), nullptr);
+  EXPECT_EQ(memory.sizes_taken(), (std::vector<size_t>{sizeof(StationEvent)}));
+  EXPECT_EQ(memory.blocks_left(), 0U);
+}
+
+TEST_F(AddStationEvent, without_a_station_the_event_stays_with_the_caller) {
+  EventOwner event = dm_new_event(&context, 1);
+  EXPECT_EQ(add_station_event(event, 4), -1);
+  EXPECT_NE(event, nullptr);
+  EXPECT_EQ(log.lines(), dm_lines("add_station_event", {"{DM} Unable to find station entry for display 4"}));
+}
+
+TEST_F(AddStationEvent, the_queue_is_first_in_first_out) {
+  station.ready = 1;
+  StationEvent* in_order[3];
+  for (StationEvent*& queued : in_order) {
+    EventOwner event = dm_new_event(&context, 1);
+    queued = event.get();
+    EXPECT_EQ(add_station_event(event, 3), 0);
+    EXPECT_EQ(event, nullptr) << "taken over";
+  }
+  for (StationEvent* queued : in_order) {
+    const EventOwner event(station.events);
+    ASSERT_EQ(event.get(), queued);
+    station.events = event->next;
+  }
+  EXPECT_EQ(station.events, nullptr);
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(AddStationEvent, the_worker_is_signalled_once_under_the_stations_mutex) {
+  station.ready = 1;
+  int signals = 0;
+  fakes.pthread_cond_signal = [&](pthread_cond_t* condition) {
+    EXPECT_EQ(condition, &station.cond);
+    EXPECT_TRUE(is_held(station.mutex));
+    EXPECT_NE(station.events, nullptr) << "signalled behind the queueing";
+    ++signals;
+    return 0;
+  };
+  EventOwner event = dm_new_event(&context, 1);
+  add_station_event(event, 3);
+  EXPECT_EQ(signals, 1);
+  EXPECT_FALSE(is_held(station.mutex));
+  free(station.events);
+}
+
+TEST_F(AddStationEvent, a_worker_that_is_not_ready_is_polled_every_500_microseconds) {
+  std::vector<useconds_t> pauses;
+  fakes.usleep = [&](useconds_t microseconds) {
+    EXPECT_FALSE(is_held(station.mutex)) << "the worker needs the mutex to become ready";
+    EXPECT_EQ(station.events, nullptr);
+    pauses.push_back(microseconds);
+    if (pauses.size() == 3) station.ready = 1;
+    return 0;
+  };
+  EventOwner event = dm_new_event(&context, 1);
+  EXPECT_EQ(add_station_event(event, 3), 0);
+  EXPECT_EQ(pauses, (std::vector<useconds_t>{500, 500, 500}));
+  free(station.events);
+}
+
+TEST_F(AddStationEvent, a_ready_worker_is_not_waited_for) {
+  station.ready = 1;
+  fakes.usleep = [](useconds_t) {
+    ADD_FAILURE() << "no pause is needed";
+    return 0;
+  };
+  EventOwner event = dm_new_event(&context, 1);
+  add_station_event(event, 3);
+  free(station.events);
+}
+
+TEST_F(AddStationEvent, the_station_is_found_among_others) {
+  Station other = {};
+  other.display_num = 4;
+  other.ready = 1;
+  station.next = &other;
+  EventOwner event = dm_new_event(&context, 1);
+  EXPECT_EQ(add_station_event(event, 4), 0);
+  EXPECT_EQ(station.events, nullptr);
+  EXPECT_NE(other.events, nullptr);
+  free(other.events);
+}
+
+// ---- the worker ---------------------------------------------------------------------------------------
+
+namespace {
+
+class Worker : public WorkersTest {
+ public:
+  Worker() { running = this; }
+
+  void make_station(int display_num) {
+    ASSERT_EQ(dm_start_station_thread(&context, ":0", display_num, 1), 0);
+    ASSERT_TRUE(log.wait_for(dm_line("process_station_events",
+                                     "Thread for Display " + std::to_string(display_num) + " started...")));
+  }
+
+  Station* station_of(int display_num) {
+    Station* station = context.stations;
+    while (station->display_num != display_num) station = station->next;
+    return station;
+  }
+
+  static void note(Station* station, StationEvent* event) {
+    log_debug("event %d on :%d, mutex %s\n", event->actor_code, station->display_num,
+              is_held(station->mutex) ? "held" : "free");
+  }
+  static std::string noted(int number, int display_num) {
+    return "tests/unit/dm_stations_test.cpp:#:note: DEBUG: event " + std::to_string(number) +
+           " on :" + std::to_string(display_num) + ", mutex held";
+  }
+
+  static inline Worker* running;
+  std::atomic<bool> gate{false};
+};
+
+}  // namespace
+
+TEST_F(Worker, it_becomes_ready_and_says_so_once) {
+  make_station(1);
+  let_workers_rest();
+  EXPECT_EQ(station_of(1)->ready, 1);
+  EXPECT_EQ(log.lines(), (Lines{dm_line("dm_start_station_thread", "Start a new station thread for :1"),
+                                dm_line("process_station_events", "Thread for Display 1 started...")}));
+}
+
+TEST_F(Worker, the_first_event_of_a_brand_new_station_runs) {
+  ASSERT_EQ(dm_start_station_thread(&context, ":1", 1, 1), 0);
+  queue(1, 7, note);
+  EXPECT_TRUE(log.wait_for(noted(7, 1)));
+}
+
+TEST_F(Worker, events_run_in_the_order_of_their_queueing_under_the_stations_mutex) {
+  make_station(1);
+  log.forget();
+  Lines expected;
+  for (int number = 1; number <= 50; ++number) {
+    queue(1, number, note);
+    expected.push_back(noted(number, 1));
+  }
+  ASSERT_TRUE(log.wait_for(noted(50, 1)));
+  EXPECT_EQ(log.lines(), expected);
+}
+
+TEST_F(Worker, events_queued_while_it_waits_are_all_run_at_one_wake_up) {
+  make_station(1);
+  let_workers_rest();
+  log.forget();
+  int signals = 0;
+  fakes.pthread_cond_signal = [&](pthread_cond_t*) { return ++signals; };
+  queue(1, 1, note);
+  queue(1, 2, note);
+  queue(1, 3, note);
+  fakes.pthread_cond_signal = nullptr;
+  EXPECT_EQ(log.text(), "") << "nobody was woken";
+  queue(1, 4, note);
+  ASSERT_TRUE(log.wait_for(noted(4, 1)));
+  EXPECT_EQ(log.lines(), (Lines{noted(1, 1), noted(2, 1), noted(3, 1), noted(4, 1)}));
+}
+
+TEST_F(Worker, each_event_is_freed_when_its_procedure_has_returned) {
+  make_station(1);
+  MemoryBook memory;
+  for (int number = 1; number <= 5; ++number) queue(1, number, note);
+  ASSERT_TRUE(log.wait_for(noted(5, 1)));
+  let_workers_rest();
+  EXPECT_EQ(memory.sizes_taken().size(), 5U);
+  EXPECT_EQ(memory.blocks_left(), 0U);
+}
+
+TEST_F(Worker, stations_work_side_by_side) {
+  make_station(1);
+  make_station(2);
+  queue(1, 1, [](Station* station, StationEvent* event) {
+    while (!running->gate) usleep(500);
+    note(station, event);
+  });
+  queue(2, 2, note);
+  ASSERT_TRUE(log.wait_for(noted(2, 2)));
+  for (const std::string& written : log.lines()) EXPECT_NE(written, noted(1, 1)) << "the first still waits";
+  gate = true;
+  EXPECT_TRUE(log.wait_for(noted(1, 1)));
+}

@@ -1,0 +1,605 @@
+// SPDX-License-Identifier: MIT
+// dm_supervision_test.cpp: the thread that launches an actor, waits for it and launches it again.
+//
+// It runs on the test's own thread: fork, waiting, signals and pauses are faked, and what another thread
+// would do meanwhile stands in the fake of the call during which it happens. Real children and real threads
+// run in the last tests.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+
+#include "common/signals.h"
+#include "common/stack-pool.h"
+#include "tests/unit/dm_support.h"
+
+using Words = std::vector<std::string>;
+
+namespace {
+
+using MethodStartThread = OneStationTest;
+
+}  // namespace
+
+// ---- method_start_thread: early ends ------------------------------------------------------------------
+
+TEST_F(MethodStartThread, without_its_station_it_ends) {
+  MemoryBook memory;
+  supervise(2, 1, 4);
+  EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:2, display_num:4",
+                                       "{DM} Unable to find station info for display 4"}));
+  EXPECT_EQ(value_of(station.launched), 1);
+  EXPECT_EQ(memory.blocks_left(), 0U) << "the copy is freed";
+  EXPECT_EQ(calls, (Calls{}));
+}
+
+TEST_F(MethodStartThread, without_its_actor_it_ends) {
+  supervise(8);
+  EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:8, display_num:3",
+                                       "{DM} Unable to find ACTOR definition for 8"}));
+  EXPECT_EQ(value_of(station.launched), 1);
+  EXPECT_EQ(calls, (Calls{}));
+}
+
+TEST_F(MethodStartThread, the_station_is_looked_for_before_the_actor) {
+  supervise(8, 1, 4);
+  EXPECT_EQ(log.lines().back(),
+            dm_line("method_start_thread", "{DM} Unable to find station info for display 4"));
+}
+
+TEST_F(MethodStartThread, in_a_running_group_it_ends) {
+  group = 2;
+  claim();
+  entry().is_running = 1;
+  entry().child_pid = 99;
+  supervise(4);
+  EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:4, display_num:3",
+                                       "{DM} Sub thread of actor group for 2 is already running."}));
+  EXPECT_EQ(value_of(station.launched), 1);
+  EXPECT_EQ(entry().is_running, 1);
+  EXPECT_EQ(entry().child_pid, 99);
+  EXPECT_EQ(calls, (Calls{}));
+}
+
+TEST_F(MethodStartThread, an_actor_without_a_program_ends_it) {
+  supervise(1);
+  EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:1, display_num:3",
+                                       "{DM} No program specified in argv."}));
+  EXPECT_EQ(value_of(station.launched), 1);
+  EXPECT_EQ(calls, (Calls{}));
+}
+
+TEST_F(MethodStartThread, a_running_group_is_noticed_before_a_missing_program) {
+  group = 0;
+  entry().is_running = 1;
+  supervise(1);
+  EXPECT_EQ(log.lines().back(),
+            dm_line("method_start_thread", "{DM} Sub thread of actor group for 0 is already running."));
+}
+
+TEST_F(MethodStartThread, only_is_running_1_stands_in_its_way) {
+  claim();
+  entry().is_running = 2;
+  on_wait = [&] { entry().keep_alive = 0; };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
+}
+
+TEST_F(MethodStartThread, without_memory_for_the_vector_it_ends_and_the_group_is_idle) {
+  claim();
+  MemoryBook memory;
+  memory.fail_strdup(1);
+  supervise(2);
+  EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:2, display_num:3",
+                                       "{DM} Unable to allocate memory"}));
+  EXPECT_EQ(value_of(station.launched), 1);
+  EXPECT_EQ(entry().is_running, 0);
+  EXPECT_EQ(memory.blocks_left(), 0U);
+  EXPECT_EQ(calls, (Calls{}));
+}
+
+TEST_F(MethodStartThread, without_memory_for_a_later_vector_the_group_becomes_idle) {
+  claim();
+  MemoryBook memory;
+  on_sleep = [&] { memory.fail_strdup(1); };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2"}));
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread", "{DM} Unable to allocate memory"));
+  EXPECT_EQ(entry().is_running, 0);
+  EXPECT_EQ(value_of(station.launched), 1);
+  EXPECT_FALSE(is_held(child_mutex()));
+}
+
+TEST_F(MethodStartThread, without_memory_for_a_later_vector_a_newer_threads_group_stays_running) {
+  claim();
+  MemoryBook memory;
+  on_sleep = [&] {
+    memory.fail_strdup(1);
+    entry().newest = 2;
+  };
+  supervise(2);
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread", "{DM} Unable to allocate memory"));
+  EXPECT_EQ(entry().is_running, 1);
+}
+
+TEST_F(MethodStartThread, the_group_is_marked_idle_under_its_mutex) {
+  claim();
+  MemoryBook memory;
+  memory.fail_strdup(1);
+  Lines written_at_lock;
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    if (mutex == &child_mutex()) written_at_lock = log.lines();
+  };
+  supervise(2);
+  ASSERT_EQ(written_at_lock.size(), 2U);
+  EXPECT_EQ(written_at_lock.back(), dm_line("method_start_thread", "{DM} Unable to allocate memory"));
+}
+
+TEST_F(MethodStartThread, a_failed_fork_ends_it_and_is_never_signalled) {
+  group = 3;
+  claim();
+  fork_fails = true;
+  MemoryBook memory;
+  supervise(7);
+  EXPECT_EQ(log.lines(),
+            thread_lines({"method_start_thread() for actor_code:7, display_num:3",
+                          "{DM} method_start_thread(): corvane-xh", "{DM} method_start_thread(): -display",
+                          "{DM} method_start_thread(): :3",
+                          "{DM} Unable to create child process. Login thread for display 3"}));
+  EXPECT_EQ(value_of(station.launched), 1);
+  EXPECT_EQ(entry().is_running, 0);
+  EXPECT_EQ(entry().child_pid, -1);
+  EXPECT_EQ(memory.blocks_left(), 0U) << "the vector is freed";
+  stop(7);
+  EXPECT_EQ(log.lines().back(), dm_line("proc_method_stop", "{DM} sub process is not running"));
+  EXPECT_EQ(calls, (Calls{"fork"})) << "no kill of -1, which would be everybody";
+}
+
+TEST_F(MethodStartThread, a_failed_fork_behind_the_pause_makes_the_group_idle) {
+  claim();
+  on_sleep = [&] { fork_fails = true; };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "fork"}));
+  EXPECT_EQ(entry().is_running, 0);
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
+                                        "{DM} Unable to create child process. "
+                                        "Login thread for display 3"));
+  EXPECT_EQ(value_of(station.launched), 1);
+  stop(2);
+  EXPECT_EQ(calls.back(), "fork");
+}
+
+// ---- method_start_thread: launches --------------------------------------------------------------------
+
+TEST_F(MethodStartThread, a_child_is_launched_waited_for_and_not_launched_again_after_a_stop) {
+  claim();
+  on_wait = [&] { stop(2); };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "kill 4711 15", "reap 4711"}));
+  Lines expected = thread_lines({"method_start_thread() for actor_code:2, display_num:3",
+                                 "{DM} method_start_thread(): corvane-ls", "{DM} method_start_thread(): :3",
+                                 "DISPLAY=:3, actor_code=2, child=4711"});
+  expected.push_back(dm_line("proc_method_stop", "proc_method_stop"));
+  expected.push_back(dm_line("proc_method_stop", "proc_method_stop: child_pid 4711"));
+  expected.push_back(dm_line("method_start_thread", "Child process died: 4711"));
+  expected.push_back(
+      dm_line("method_start_thread", "keep_alive field is FALSE. Exit from the current thread"));
+  EXPECT_EQ(log.lines(), expected);
+  EXPECT_EQ(entry().is_running, 0);
+  EXPECT_EQ(entry().child_pid, 0);
+  EXPECT_EQ(value_of(station.launched), 1);
+}
+
+TEST_F(MethodStartThread, the_entry_is_filled_before_the_child_is_waited_for) {
+  claim();
+  on_wait = [&] {
+    EXPECT_EQ(entry().is_running, 1);
+    EXPECT_EQ(entry().child_pid, 4711);
+    EXPECT_EQ(entry().keep_alive, 1);
+    EXPECT_FALSE(entry().child_reaped);
+    EXPECT_EQ(value_of(station.launched), 1) << "the worker may go on";
+    entry().keep_alive = 0;
+  };
+  on_fork = [&] { EXPECT_EQ(value_of(station.launched), 0) << "the worker may not go on yet"; };
+  supervise(2);
+  EXPECT_EQ(entry().is_running, 1);
+  EXPECT_EQ(entry().child_pid, 4711) << "its number stays";
+  EXPECT_TRUE(entry().child_reaped) << "but is nobody's any more";
+}
+
+TEST_F(MethodStartThread, its_stack_is_shown_to_the_child_for_the_fork_only) {
+  claim();
+  fakes.madvise = [&](void* where, size_t size, int advice) {
+    EXPECT_EQ(where, stack);
+    EXPECT_EQ(size, pool_stack_size);
+    calls.push_back(advice == MADV_DOFORK ? "show" : advice == MADV_DONTFORK ? "hide" : "?");
+    return 0;
+  };
+  on_wait = [&] { entry().keep_alive = 0; };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"show", "fork", "hide", "wait 4711", "reap 4711"}));
+}
+
+TEST_F(MethodStartThread, its_stack_is_hidden_behind_a_failed_fork_too) {
+  claim();
+  fork_fails = true;
+  fakes.madvise = [&](void*, size_t, int advice) {
+    calls.push_back(advice == MADV_DOFORK ? "show" : "hide");
+    return 0;
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"show", "fork", "hide"}));
+}
+
+TEST_F(MethodStartThread, a_stack_that_cannot_be_shown_is_a_failed_fork) {
+  claim();
+  fakes.madvise = [](void*, size_t, int) { return -1; };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{}));
+  EXPECT_EQ(entry().child_pid, -1);
+  EXPECT_EQ(entry().is_running, 0);
+  EXPECT_EQ(value_of(station.launched), 1);
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
+                                        "{DM} Unable to create child process. "
+                                        "Login thread for display 3"));
+}
+
+TEST_F(MethodStartThread, every_argument_is_logged) {
+  group = 2;
+  claim();
+  on_wait = [&] { entry().keep_alive = 0; };
+  supervise(5);
+  EXPECT_EQ(log.lines(),
+            thread_lines({"method_start_thread() for actor_code:5, display_num:3",
+                          "{DM} method_start_thread(): corvane-pfk", "{DM} method_start_thread(): -display",
+                          "{DM} method_start_thread(): :3", "{DM} method_start_thread(): --mouse",
+                          "{DM} method_start_thread(): --verbose", "{DM} method_start_thread(): --logfile",
+                          "{DM} method_start_thread(): /var/log/corvane-pfk3.log",
+                          "DISPLAY=:3, actor_code=5, child=4711", "Child process died: 4711",
+                          "keep_alive field is FALSE. Exit from the current thread"}));
+}
+
+TEST_F(MethodStartThread, a_child_that_dies_by_itself_is_launched_again_after_2_seconds) {
+  claim();
+  on_wait = [&, deaths = 0]() mutable {
+    EXPECT_FALSE(entry().child_reaped);
+    EXPECT_EQ(entry().child_pid, 4711 + deaths);
+    if (++deaths == 3) entry().keep_alive = 0;
+  };
+  on_sleep = [&] {
+    EXPECT_EQ(entry().is_running, 1) << "a start in the pause is refused";
+    EXPECT_TRUE(entry().child_reaped);
+  };
+  MemoryBook memory;
+  supervise(3);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "fork", "wait 4712", "reap 4712",
+                          "sleep 2", "fork", "wait 4713", "reap 4713"}));
+  EXPECT_EQ(value_of(station.launched), 1) << "told at the first launch only";
+  EXPECT_EQ(memory.texts_left(), (Words{"DISPLAY", "DISPLAY", "DISPLAY"})) << "all else is freed";
+  Lines expected = thread_lines({"method_start_thread() for actor_code:3, display_num:3"});
+  for (const char* child : {"4711", "4712", "4713"}) {
+    for (const std::string& message :
+         {std::string("{DM} method_start_thread(): corvane-ls"),
+          std::string("{DM} method_start_thread(): :3"), std::string("{DM} method_start_thread(): -query"),
+          std::string("{DM} method_start_thread(): localhost"),
+          std::string("DISPLAY=:3, actor_code=3, child=") + child,
+          std::string("Child process died: ") + child})
+      expected.push_back(dm_line("method_start_thread", message));
+  }
+  expected.push_back(
+      dm_line("method_start_thread", "keep_alive field is FALSE. Exit from the current thread"));
+  EXPECT_EQ(log.lines(), expected);
+}
+
+TEST_F(MethodStartThread, each_group_has_its_own_entry) {
+  group = 3;
+  claim();
+  on_wait = [&] {
+    EXPECT_EQ(station.groups[3].child_pid, 4711);
+    for (const int other : {0, 1, 2}) {
+      EXPECT_EQ(station.groups[other].is_running, 0);
+      EXPECT_EQ(station.groups[other].child_pid, 0);
+    }
+    entry().keep_alive = 0;
+  };
+  supervise(7);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
+}
+
+TEST_F(MethodStartThread, interrupted_waits_are_taken_up_again) {
+  claim();
+  const auto wait = fakes.waitid;
+  fakes.waitid = [&, interruptions = 0](idtype_t type, id_t id, siginfo_t* info, int options) mutable {
+    if (++interruptions <= 2) {
+      errno = EINTR;
+      return -1;
+    }
+    return wait(type, id, info, options);
+  };
+  const auto reap = fakes.waitpid;
+  fakes.waitpid = [&, interruptions = 0](pid_t pid, int* status, int options) mutable {
+    calls.push_back("try");
+    if (++interruptions <= 2) {
+      errno = EINTR;
+      return pid_t{-1};
+    }
+    return reap(pid, status, options);
+  };
+  on_wait = [&] { entry().keep_alive = 0; };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "try", "try", "try", "reap 4711"}));
+}
+
+TEST_F(MethodStartThread, a_child_that_somebody_else_reaped_counts_as_dead) {
+  claim();
+  fakes.waitid = [&](idtype_t, id_t id, siginfo_t*, int) {
+    calls.push_back("wait " + std::to_string(id));
+    entry().keep_alive = 0;
+    errno = ECHILD;
+    return -1;
+  };
+  fakes.waitpid = [&](pid_t pid, int*, int) {
+    calls.push_back("reap " + std::to_string(pid));
+    errno = ECHILD;
+    return pid_t{-1};
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
+  EXPECT_TRUE(entry().child_reaped);
+}
+
+// ---- method_start_thread: stops and starts in between -------------------------------------------------
+
+TEST_F(MethodStartThread, a_stop_during_the_pause_lets_one_more_launch_through_and_signals_nobody) {
+  claim();
+  on_sleep = [&] {
+    stop(2);
+    EXPECT_EQ(entry().is_running, 0);
+    EXPECT_EQ(entry().child_pid, 0);
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "fork", "wait 4712", "reap 4712"}));
+  Lines expected = thread_lines({"Child process died: 4711"});
+  expected.push_back(dm_line("proc_method_stop", "proc_method_stop"));
+  expected.push_back(dm_line("proc_method_stop", "proc_method_stop: child_pid 4711"));
+  const Lines after =
+      thread_lines({"{DM} method_start_thread(): corvane-ls", "{DM} method_start_thread(): :3",
+                    "DISPLAY=:3, actor_code=2, child=4712", "Child process died: 4712",
+                    "keep_alive field is FALSE. Exit from the current thread"});
+  expected.insert(expected.end(), after.begin(), after.end());
+  const Lines written = log.lines();
+  EXPECT_EQ(Lines(written.end() - static_cast<ptrdiff_t>(expected.size()), written.end()), expected);
+}
+
+TEST_F(MethodStartThread, a_second_stop_during_the_pause_finds_nothing) {
+  claim();
+  on_sleep = [&] {
+    stop(2);
+    log.forget();
+    stop(2);
+    EXPECT_EQ(log.lines(),
+              dm_lines("proc_method_stop", {"proc_method_stop", "{DM} sub process is not running"}));
+  };
+  supervise(2);
+}
+
+TEST_F(MethodStartThread, a_newer_thread_is_noticed_when_the_child_has_died) {
+  claim();
+  on_wait = [&] {
+    entry().newest = 2;
+    entry().child_pid = 5000;
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
+  EXPECT_FALSE(entry().child_reaped) << "the newer thread's child is alive";
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
+                                        "Another process on the same actor group has been started: 5000. "
+                                        "Exit from the current thread"));
+}
+
+TEST_F(MethodStartThread, a_stopped_group_is_noticed_before_a_newer_thread) {
+  claim();
+  on_wait = [&] {
+    entry().newest = 2;
+    entry().keep_alive = 0;
+  };
+  supervise(2);
+  EXPECT_EQ(log.lines().back(),
+            dm_line("method_start_thread", "keep_alive field is FALSE. Exit from the current thread"));
+}
+
+TEST_F(MethodStartThread, the_same_child_number_does_not_hide_a_newer_thread) {
+  claim();
+  on_wait = [&] { entry().newest = 2; };  // whose child got the number of the dead one
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
+                                        "Another process on the same actor group has been started: 4711. "
+                                        "Exit from the current thread"));
+}
+
+TEST_F(MethodStartThread, a_thread_overtaken_before_its_first_launch_lets_its_worker_go_on) {
+  claim(2);
+  supervise(2, 1);
+  EXPECT_EQ(calls, (Calls{}));
+  EXPECT_EQ(value_of(station.launched), 1);
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
+                                        "Another process on the same actor group has been started: 0. "
+                                        "Exit from the current thread"));
+}
+
+// ---- the child ----------------------------------------------------------------------------------------
+
+namespace {
+
+/** A test with real children, which report through a pipe instead of becoming an actor. */
+class Child : public OneStationTest {
+ public:
+  Child() {
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    fakes.fork = nullptr;
+    fakes.waitid = nullptr;
+    fakes.waitpid = [this](pid_t pid, int*, int options) { return __real_waitpid(pid, &status, options); };
+    fakes.execvp = [this](const char* program, char* const* argv) {
+      std::string report = std::string("execvp ") + program;
+      for (char* const* word = argv; *word; ++word) report += std::string(" ") + *word;
+      report += handler_of(SIGCHLD) == SIG_IGN ? " ignored" : " default";
+      report += handler_of(SIGPIPE) == SIG_IGN ? " ignored" : " default";
+      tell(report);
+      errno = ENOENT;
+      return -1;
+    };
+    claim();
+  }
+  ~Child() override {
+    close(ends[0]);
+    close(ends[1]);
+  }
+
+  static sighandler_t handler_of(int number) {
+    struct sigaction action;
+    sigaction(number, nullptr, &action);
+    return action.sa_handler;
+  }
+  void tell(const std::string& text) {
+    if (write(ends[1], text.data(), text.size()) < 0) abort();
+  }
+  std::string told() {
+    close(ends[1]);
+    ends[1] = -1;
+    std::string text;
+    char part[256];
+    for (ssize_t count; (count = read(ends[0], part, sizeof part)) > 0;)
+      text.append(part, static_cast<size_t>(count));
+    return text;
+  }
+
+  int ends[2] = {-1, -1};
+  int status = -1;
+};
+
+}  // namespace
+
+TEST_F(Child, it_executes_the_program_with_the_vector_and_the_signals_of_the_start) {
+  const sighandler_t before = signal(SIGPIPE, SIG_DFL);
+  signals_take_over();
+  signal(SIGPIPE, SIG_IGN);  // as the bus library does
+  on_sleep = [&] { entry().keep_alive = 0; };
+  supervise(2);
+  signal(SIGPIPE, before);
+  const std::string one_child = "execvp corvane-ls corvane-ls :3 default default";
+  EXPECT_EQ(told(), one_child + one_child) << "one more launch goes through behind the pause";
+}
+
+TEST_F(Child, a_program_that_cannot_be_executed_ends_the_child_at_once_with_status_0) {
+  static Child* running;
+  running = this;
+  atexit([] {
+    if (running) running->tell("exit handlers ran");
+  });
+  bool in_pause = false;
+  on_sleep = [&] {
+    in_pause = true;
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    entry().keep_alive = 0;
+  };
+  supervise(2);
+  running = nullptr;
+  EXPECT_TRUE(in_pause) << "and is tried again";
+  EXPECT_EQ(told().find("exit handlers ran"), std::string::npos);
+  EXPECT_EQ(log.lines().back(),
+            dm_line("method_start_thread", "keep_alive field is FALSE. Exit from the current thread"));
+}
+
+// ---- all together -------------------------------------------------------------------------------------
+
+namespace {
+
+/** A test with a real worker and real group threads; only the children are made up. */
+class Together : public WorkersTest {
+ protected:
+  Together() {
+    fakes.fork = [this] { return next_child++; };
+    fakes.waitid = [this](idtype_t, id_t id, siginfo_t*, int) {
+      // A child lives until it is signalled.
+      const auto child = static_cast<pid_t>(id);
+      while (last_signalled < child) usleep(100);
+      return 0;
+    };
+    fakes.waitpid = [](pid_t pid, int*, int) { return pid; };
+    fakes.kill = [this](pid_t pid, int) {
+      ++signals;
+      last_signalled = pid;
+      return 0;
+    };
+    fakes.pthread_create = [this](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                                  void* data) {
+      const int result = __real_pthread_create(thread, attributes, body, data);
+      if (result == 0 && body != process_station_events) threads.push_back(*thread);
+      return result;
+    };
+  }
+
+  /** Waits until every queued event has run and every group thread has ended. */
+  void finish() {
+    let_workers_rest();
+    for (const pthread_t thread : threads) pthread_join(thread, nullptr);
+  }
+
+  size_t count_of(const std::string& wanted) const {
+    size_t count = 0;
+    for (const std::string& written : log.lines()) count += written.find(wanted) != std::string::npos;
+    return count;
+  }
+
+  std::atomic<pid_t> next_child{1000};
+  std::atomic<pid_t> last_signalled{0};
+  std::atomic<int> signals{0};
+  std::vector<pthread_t> threads;  // appended to by the worker only, read when it rests
+};
+
+}  // namespace
+
+TEST_F(Together, a_stop_right_behind_its_start_finds_the_child) {
+  ASSERT_EQ(dm_start_station_thread(&context, ":3", 3, 1), 0);
+  constexpr int pairs = 50;
+  for (int pair = 0; pair < pairs; ++pair) {
+    queue(3, 2, proc_method_start);
+    queue(3, 3, proc_method_stop);
+  }
+  finish();
+  EXPECT_EQ(next_child, 1000 + pairs);
+  EXPECT_EQ(signals, pairs);
+  EXPECT_EQ(count_of("sub process is not running"), 0U);
+  EXPECT_EQ(count_of("already running"), 0U);
+  EXPECT_EQ(count_of("Exit from the current thread"), static_cast<size_t>(pairs))
+      << "for the stop, or for the next start when that was quicker";
+}
+
+TEST_F(Together, two_starts_of_one_group_in_one_burst_make_one_child) {
+  ASSERT_EQ(dm_start_station_thread(&context, ":3", 3, 1), 0);
+  MemoryBook memory;  // frees the copy that stays
+  queue(3, 4, proc_method_start);
+  queue(3, 5, proc_method_start);
+  queue(3, 6, proc_method_stop);
+  finish();
+  EXPECT_EQ(next_child, 1001);
+  EXPECT_EQ(signals, 1);
+  EXPECT_EQ(count_of("Sub thread of actor group for 2 is already running."), 1U);
+  EXPECT_EQ(count_of("actor_code=4, child=1000"), 1U);
+}
+
+TEST_F(Together, groups_run_side_by_side_and_group_0_never_counts_as_running) {
+  ASSERT_EQ(dm_start_station_thread(&context, ":3", 3, 1), 0);
+  for (const int code : {1, 2, 4, 7, 1}) queue(3, code, proc_method_start);
+  for (const int code : {1, 2, 4, 7}) queue(3, code, proc_method_stop);
+  finish();
+  EXPECT_EQ(next_child, 1003);
+  EXPECT_EQ(signals, 3);
+  EXPECT_EQ(count_of("No action needed for INIT_STATION. display_num: 3"), 2U);
+  EXPECT_EQ(count_of("sub process is not running"), 1U) << "the stop of init-station";
+}

@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: MIT
+// fakes: calls of the product into libc and the bus library that a test can take over.
+//
+// The linker sends each call listed in CMakeLists.txt here (ld(1), --wrap). An empty entry of `fakes` passes
+// the call on, except for what could hurt the machine that runs the tests: see fakes.cpp.
+#pragma once
+
+#include <dbus/dbus.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct Fakes {
+  std::function<void*(size_t)> malloc;
+  std::function<char*(const char*)> strdup;
+  std::function<void(void*)> free;
+
+  std::function<void*(size_t, int, int)> mmap;  // size, protection, flags
+  std::function<int(void*, size_t, int)> madvise;
+
+  std::function<time_t()> time;
+  std::function<unsigned(unsigned)> sleep;
+  std::function<int(useconds_t)> usleep;
+
+  std::function<FILE*(const char*, const char*)> fopen;
+  std::function<int(const char*)> unlink;
+  std::function<ssize_t(const char*, char*, size_t)> readlink;
+  std::function<int(const char*)> chdir;
+
+  std::function<pid_t()> fork;
+  std::function<pid_t()> setsid;
+  std::function<mode_t(mode_t)> umask;
+  std::function<int(const char*, char* const*)> execvp;
+  std::function<int(idtype_t, id_t, siginfo_t*, int)> waitid;
+  std::function<pid_t(pid_t, int*, int)> waitpid;
+  std::function<int(pid_t, int)> kill;
+
+  std::function<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
+  std::function<void(pthread_mutex_t*)> seen_lock;  // only told; the lock is taken all the same
+  std::function<int(pthread_cond_t*)> pthread_cond_signal;
+  std::function<int(sem_t*)> sem_wait;
+
+  std::function<DBusConnection*(DBusBusType, DBusError*)> dbus_bus_get;
+  std::function<int(DBusConnection*, const char*, unsigned, DBusError*)> dbus_bus_request_name;
+  std::function<dbus_bool_t(DBusConnection*, DBusAddWatchFunction, DBusRemoveWatchFunction,
+                            DBusWatchToggledFunction, void*, DBusFreeFunction)>
+      dbus_connection_set_watch_functions;
+  std::function<DBusDispatchStatus(DBusConnection*)> dbus_connection_dispatch;
+  std::function<DBusConnection*(DBusConnection*)> dbus_connection_ref;
+  std::function<void(DBusConnection*)> dbus_connection_unref;
+  std::function<dbus_bool_t(DBusConnection*, const char*, const DBusObjectPathVTable*, void*)>
+      dbus_connection_register_object_path;
+  std::function<unsigned(DBusWatch*)> dbus_watch_get_flags;
+  std::function<int(DBusWatch*)> dbus_watch_get_socket;
+  std::function<dbus_bool_t(DBusWatch*, unsigned)> dbus_watch_handle;
+  std::function<dbus_bool_t(DBusConnection*, DBusMessage*, dbus_uint32_t*)> dbus_connection_send;
+  std::function<void(DBusConnection*)> dbus_connection_flush;
+  std::function<DBusMessage*(DBusMessage*)> dbus_message_new_method_return;
+  std::function<bool()> dbus_message_append_args_fails;
+  std::function<void(DBusError*)> dbus_error_free;
+};
+
+/** The fakes in force. Set before a test's threads start, cleared at its end. */
+extern Fakes fakes;
+
+/** A test whose fakes end with its body, whose variables they may use. */
+class FakedTest : public testing::Test {
+ protected:
+  void TearDown() override { fakes = {}; }
+};
+
+// The real calls, for fakes that end in them.
+extern "C" {
+void* __real_malloc(size_t size);
+char* __real_strdup(const char* text);
+void __real_free(void* memory);
+void* __real_mmap64(void* where, size_t size, int protection, int flags, int fd, off_t offset);
+int __real_madvise(void* where, size_t size, int advice);
+pid_t __real_fork();
+int __real_kill(pid_t pid, int sig);
+pid_t __real_waitpid(pid_t pid, int* status, int options);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* data);
+int __real_sem_wait(sem_t* semaphore);
+FILE* __real_fopen(const char* path, const char* mode);
+int __real_unlink(const char* path);
+void __real_dbus_error_free(DBusError* error);
+}
+
+/**
+ * Books every block that product and test take with malloc or strdup and have not freed, from construction
+ * to destruction, which frees what is left: the place to prove what is deliberately left behind, and that
+ * nothing else is.
+ */
+class MemoryBook {
+ public:
+  MemoryBook();
+  ~MemoryBook();
+  MemoryBook(const MemoryBook&) = delete;
+  MemoryBook& operator=(const MemoryBook&) = delete;
+
+  /** Of the n-th call from now on, the first being 1. */
+  void fail_malloc(int nth) { malloc_to_fail_ = nth; }
+  void fail_strdup(int nth) { strdup_to_fail_ = nth; }
+
+  size_t blocks_left() const;
+  std::vector<std::string> texts_left() const;                      // of strdup
+  std::vector<size_t> sizes_left() const;                           // of malloc
+  std::vector<size_t> sizes_taken() const { return sizes_taken_; }  // of malloc
+
+ private:
+  struct Block {
+    size_t size;
+    std::string text;
+    bool is_text;
+  };
+  void* book(void* memory, size_t size, const char* text);
+
+  mutable std::mutex mutex_;
+  std::map<void*, Block> blocks_;
+  std::vector<size_t> sizes_taken_;
+  int malloc_to_fail_ = 0;
+  int strdup_to_fail_ = 0;
+};

@@ -1,0 +1,196 @@
+// SPDX-License-Identifier: MIT
+// plugin_registry_test.cpp: bringing plugins up, handing them messages, and giving up, with three plugins
+// that note what is asked of them.
+#include "cs/plugin-registry.h"
+
+#include <unistd.h>
+
+#include "common/bus.h"
+#include "tests/unit/capture.h"
+#include "tests/unit/fakes.h"
+
+using testing::ExitedWithCode;
+using Calls = std::vector<std::string>;
+
+namespace {
+
+Calls* calls;           // of the running test
+const Plugin* failing;  // the plugin whose init fails
+PluginContext* context_seen;
+
+int note_init(Plugin* plugin, PluginContext* context) {
+  calls->push_back(std::string("init ") + plugin->name);
+  context_seen = context;
+  return plugin == failing ? -7 : 0;
+}
+
+void note_fin(Plugin* plugin) {
+  fprintf(stderr, "fin %s\n", plugin->name);
+}
+
+DBusHandlerResult note_message(DBusConnection*, DBusMessage*, Plugin* plugin) {
+  calls->push_back(std::string("message ") + plugin->name);
+  return DBUS_HANDLER_RESULT_NEED_MEMORY;
+}
+
+constexpr Plugin plugin_named(const char* name, const char* path) {
+  return {.name = name,
+          .path = path,
+          .context = nullptr,
+          .init = note_init,
+          .fin = note_fin,
+          .handle_message = note_message};
+}
+Plugin first = plugin_named("First", "/first");
+Plugin second = plugin_named("Second", "/second");
+Plugin third = plugin_named("Third", "/third");
+
+char connection_memory;
+DBusConnection* const connection = reinterpret_cast<DBusConnection*>(&connection_memory);
+
+class PluginRegistry : public FakedTest {
+ protected:
+  PluginRegistry() {
+    calls = &calls_;
+    failing = nullptr;
+    context_seen = nullptr;
+    fakes.dbus_connection_register_object_path = [this](DBusConnection* on, const char* path,
+                                                        const DBusObjectPathVTable* functions, void* data) {
+      EXPECT_EQ(on, connection);
+      EXPECT_EQ(functions, &functions_);
+      calls_.push_back(std::string("register ") + path + " for " + static_cast<Plugin*>(data)->name);
+      return path != path_refused_ ? TRUE : FALSE;
+    };
+    fakes.dbus_connection_dispatch = [this](DBusConnection* on) {
+      EXPECT_EQ(on, connection);
+      calls_.push_back("dispatch");
+      return DBUS_DISPATCH_DATA_REMAINS;
+    };
+  }
+
+  void register_objects() { ccs_register_objects(connection, &functions_, &context_); }
+
+  /** In a death test: the log goes to standard error, and what was called before the end behind it. */
+  void register_objects_to_the_end() {
+    Logger logger = {.level = 5, .name = "stderr", .fp = stderr, .write = log_write};
+    plogger = &logger;
+    atexit([] {
+      for (const std::string& call : *calls) fprintf(stderr, "%s\n", call.c_str());
+    });
+    register_objects();
+    _exit(99);
+  }
+
+  Calls calls_;
+  std::string path_refused_;
+  DBusObjectPathVTable functions_ = {};
+  PluginContext context_ = {};
+};
+using PluginRegistryDeathTest = PluginRegistry;
+
+std::string line(const std::string& function, const std::string& message) {
+  return "cs/plugin-registry.cpp:#:" + function + ": DEBUG: " + message;
+}
+
+/** The pattern of `lines` in the log, and of `rest` behind them. */
+std::string log_and_rest(const Lines& lines, const std::string& rest) {
+  const std::string pattern = log_pattern(lines);
+  return pattern.substr(0, pattern.size() - 1) + text_pattern(rest).substr(1);
+}
+
+}  // namespace
+
+Plugin* const plugin_table[] = {&first, &second, &third, nullptr};
+
+TEST_F(PluginRegistry, each_plugin_is_initialised_just_before_its_own_path_is_registered) {
+  CapturedLog log;
+  register_objects();
+  EXPECT_EQ(calls_, (Calls{"init First", "register /first for First", "dispatch",  //
+                           "init Second", "register /second for Second", "dispatch", "init Third",
+                           "register /third for Third", "dispatch"}));
+  EXPECT_EQ(context_seen, &context_);
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_register_objects", "path=/first"), line("ccs_register_objects", "path=/second"),
+                   line("ccs_register_objects", "path=/third")}));
+}
+
+TEST_F(PluginRegistryDeathTest, an_init_that_fails_ends_the_daemon_behind_the_fin_of_every_plugin) {
+  failing = &second;
+  EXPECT_EXIT(register_objects_to_the_end(), ExitedWithCode(1),
+              log_and_rest({line("ccs_register_objects", "path=/first"),
+                            line("ccs_register_objects", "{EE} Fail to initialize plugin:Second")},
+                           "fin First\nfin Second\nfin Third\n"
+                           "init First\nregister /first for First\ndispatch\ninit Second\n"));
+}
+
+TEST_F(PluginRegistryDeathTest, a_path_that_is_refused_ends_the_daemon_behind_the_fin_of_every_plugin) {
+  path_refused_ = "/second";
+  EXPECT_EXIT(
+      register_objects_to_the_end(), ExitedWithCode(1),
+      log_and_rest({line("ccs_register_objects", "path=/first"), line("ccs_register_objects", "path=/second"),
+                    line("ccs_register_objects", "{EE}dbus_connection_register_object_path(): (null)")},
+                   "fin First\nfin Second\nfin Third\n"
+                   "init First\nregister /first for First\ndispatch\n"
+                   "init Second\nregister /second for Second\n"));
+}
+
+TEST_F(PluginRegistryDeathTest, a_fatal_exit_runs_every_fin_in_order_and_exits_with_1) {
+  EXPECT_EXIT(ccs_fatal_exit(), ExitedWithCode(1), "^fin First\nfin Second\nfin Third\n$");
+}
+
+TEST_F(PluginRegistry, a_message_is_logged_and_handed_to_the_plugin_of_its_path) {
+  CapturedLog log;
+  const MessageOwner call(dbus_message_new_method_call(nullptr, "/second", "some.Interface", "Member"));
+  static DBusConnection* seen_connection;
+  static DBusMessage* seen_message;
+  Plugin plugin = second;
+  plugin.handle_message = [](DBusConnection* on, DBusMessage* message, Plugin* of) {
+    seen_connection = on;
+    seen_message = message;
+    return note_message(on, message, of);
+  };
+  EXPECT_EQ(ccs_dbus_message_handler(connection, call.get(), &plugin), DBUS_HANDLER_RESULT_NEED_MEMORY)
+      << "whatever the plugin returns";
+  EXPECT_EQ(seen_connection, connection);
+  EXPECT_EQ(seen_message, call.get());
+  EXPECT_EQ(calls_, (Calls{"message Second"}));
+  EXPECT_EQ(log.lines(), (Lines{line("ccs_dbus_message_handler",
+                                     "obj=/second, interface=some.Interface, member=Member, type=1")}));
+}
+
+TEST_F(PluginRegistry, a_signal_is_handed_over_like_a_call) {
+  CapturedLog log;
+  const MessageOwner signal_message(dbus_message_new_signal("/first", "some.Interface", "Happened"));
+  ccs_dbus_message_handler(connection, signal_message.get(), &first);
+  EXPECT_EQ(calls_, (Calls{"message First"}));
+  EXPECT_EQ(log.lines(), (Lines{line("ccs_dbus_message_handler",
+                                     "obj=/first, interface=some.Interface, member=Happened, type=4")}));
+}
+
+TEST_F(PluginRegistry, a_message_without_an_interface_is_logged_with_null_in_its_place) {
+  CapturedLog log;
+  const MessageOwner call(dbus_message_new_method_call(nullptr, "/first", nullptr, "Member"));
+  ccs_dbus_message_handler(connection, call.get(), &first);
+  EXPECT_EQ(calls_, (Calls{"message First"}));
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_dbus_message_handler", "obj=/first, interface=(null), member=Member, type=1")}));
+}
+
+TEST_F(PluginRegistry, a_return_and_an_error_are_handed_over_with_null_for_what_they_lack) {
+  CapturedLog log;
+  const MessageOwner answer(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN));
+  const MessageOwner error(dbus_message_new(DBUS_MESSAGE_TYPE_ERROR));
+  ccs_dbus_message_handler(connection, answer.get(), &first);
+  ccs_dbus_message_handler(connection, error.get(), &third);
+  EXPECT_EQ(calls_, (Calls{"message First", "message Third"}));
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_dbus_message_handler", "obj=(null), interface=(null), member=(null), type=2"),
+                   line("ccs_dbus_message_handler", "obj=(null), interface=(null), member=(null), type=3")}));
+}
+
+TEST_F(PluginRegistry, an_unregistered_path_leaves_a_line) {
+  CapturedLog log;
+  ccs_object_unregister(connection, &first);
+  EXPECT_EQ(log.lines(), (Lines{line("ccs_object_unregister", "{II}")}));
+  EXPECT_EQ(calls_, (Calls{}));
+}

@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: MIT
+// reply_test.cpp: the owners of bus objects, and answering a call, also while memory is short.
+#include "tests/unit/bus_calls.h"
+#include "tests/unit/capture.h"
+
+using Sent = std::vector<std::string>;
+
+namespace {
+
+class BusReply : public BusCallTest {
+ protected:
+  void reply_true() {
+    const dbus_bool_t value = TRUE;
+    bus_reply(fake_connection, call.get(), DBUS_TYPE_BOOLEAN, &value);
+  }
+
+  MessageOwner call = method_call("/path", "some.Interface", "Member", {});
+  CapturedLog log;
+  int attempts = 0;
+};
+
+constexpr const char* given_up = "common/bus.cpp:#:bus_reply: DEBUG: {EE} Unable to reply to Member";
+
+}  // namespace
+
+TEST_F(BusReply, one_reply_is_sent_and_flushed) {
+  reply_true();
+  EXPECT_EQ(sent, (Sent{"send b true to 7", "flush"}));
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(BusReply, the_type_is_the_callers) {
+  const char* text = "words";
+  bus_reply(fake_connection, call.get(), DBUS_TYPE_STRING, &text);
+  const dbus_bool_t value = FALSE;
+  bus_reply(fake_connection, call.get(), DBUS_TYPE_BOOLEAN, &value);
+  EXPECT_EQ(sent, (Sent{"send s words to 7", "flush", "send b false to 7", "flush"}));
+}
+
+TEST_F(BusReply, the_reply_is_released_and_the_call_stays_the_callers) {
+  DBusMessage* kept = nullptr;
+  static int freed;
+  freed = 0;
+  fakes.dbus_message_new_method_return = [&](DBusMessage* of) {
+    MessageOwner message(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN));
+    EXPECT_EQ(of, call.get());
+    dbus_int32_t slot = -1;
+    dbus_message_allocate_data_slot(&slot);
+    dbus_message_set_data(message.get(), slot, &freed, [](void* count) { ++*static_cast<int*>(count); });
+    kept = message.release();
+    return kept;
+  };
+  reply_true();
+  EXPECT_EQ(freed, 1);
+  EXPECT_STREQ(dbus_message_get_member(call.get()), "Member");
+}
+
+TEST_F(BusReply, a_reply_that_cannot_be_made_is_tried_three_times) {
+  fakes.dbus_message_new_method_return = [this](DBusMessage*) -> DBusMessage* {
+    ++attempts;
+    return nullptr;
+  };
+  reply_true();
+  EXPECT_EQ(attempts, 3);
+  EXPECT_EQ(sent, (Sent{})) << "nothing is flushed either";
+  EXPECT_EQ(log.lines(), (Lines{given_up}));
+}
+
+TEST_F(BusReply, a_value_that_cannot_be_appended_is_tried_three_times) {
+  fakes.dbus_message_append_args_fails = [this] {
+    ++attempts;
+    return true;
+  };
+  reply_true();
+  EXPECT_EQ(attempts, 3);
+  EXPECT_EQ(sent, (Sent{}));
+  EXPECT_EQ(log.lines(), (Lines{given_up}));
+}
+
+TEST_F(BusReply, a_reply_that_cannot_be_sent_is_tried_three_times) {
+  fakes.dbus_connection_send = [this](DBusConnection*, DBusMessage*, dbus_uint32_t*) {
+    ++attempts;
+    return dbus_bool_t{FALSE};
+  };
+  reply_true();
+  EXPECT_EQ(attempts, 3);
+  EXPECT_EQ(sent, (Sent{}));
+  EXPECT_EQ(log.lines(), (Lines{given_up}));
+}
+
+TEST_F(BusReply, the_third_attempt_may_succeed) {
+  const auto send = fakes.dbus_connection_send;
+  fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
+    return ++attempts < 3 ? dbus_bool_t{FALSE} : send(on, reply, serial);
+  };
+  reply_true();
+  EXPECT_EQ(attempts, 3);
+  EXPECT_EQ(sent, (Sent{"send b true to 7", "flush"}));
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(BusCallTest, an_error_starts_unset_and_frees_itself) {
+  std::vector<std::string> freed;
+  fakes.dbus_error_free = [&](DBusError* error) {
+    freed.push_back(error->message ? error->message : "(none)");
+    __real_dbus_error_free(error);
+  };
+  {
+    BusError error;
+    EXPECT_FALSE(error.is_set());
+    EXPECT_EQ(error.message(), nullptr);
+    dbus_set_error(error.get(), DBUS_ERROR_FAILED, "went wrong");
+    EXPECT_TRUE(error.is_set());
+    EXPECT_STREQ(error.message(), "went wrong");
+    EXPECT_EQ(freed, (Sent{}));
+  }
+  EXPECT_EQ(freed, (Sent{"went wrong"}));
+}

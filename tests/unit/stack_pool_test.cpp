@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: MIT
+// stack_pool_test.cpp: stacks in blocks that a child process does not get, but for the one that is shown.
+//
+// The pool lasts as long as the process, so each test first takes what earlier ones left in it.
+#include "common/stack-pool.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <set>
+
+#include "tests/unit/fakes.h"
+
+namespace {
+
+class StackPool : public FakedTest {
+ protected:
+  StackPool() {
+    stack_return(stack_take());  // so that there is one to begin with
+    fakes.mmap = [this](size_t size, int protection, int flags) {
+      maps.push_back({size, protection, flags});
+      if (no_memory) return MAP_FAILED;
+      return __real_mmap64(nullptr, size, protection, flags, -1, 0);
+    };
+  }
+
+  /** The first stack of a new block, the pool being empty behind the block. */
+  char* first_of_a_new_block() {
+    maps.clear();
+    char* stack = nullptr;
+    while (maps.empty()) stack = static_cast<char*>(stack_take());
+    return stack;
+  }
+
+  struct Map {
+    size_t size;
+    int protection;
+    int flags;
+  };
+  std::vector<Map> maps;
+  bool no_memory = false;
+};
+
+}  // namespace
+
+TEST_F(StackPool, a_block_is_one_private_mapping_of_64_stacks_that_takes_memory_as_it_is_used) {
+  first_of_a_new_block();
+  ASSERT_EQ(maps.size(), 1U);
+  EXPECT_EQ(maps[0].size, 64 * pool_stack_size);
+  EXPECT_EQ(maps[0].protection, PROT_READ | PROT_WRITE);
+  EXPECT_EQ(maps[0].flags, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK);
+}
+
+TEST_F(StackPool, a_block_gives_64_stacks_that_do_not_overlap) {
+  char* const first = first_of_a_new_block();
+  for (size_t i = 1; i < 64; ++i) EXPECT_EQ(stack_take(), first + i * pool_stack_size) << i;
+  EXPECT_EQ(maps.size(), 1U);
+  EXPECT_NE(stack_take(), nullptr);
+  EXPECT_EQ(maps.size(), 2U) << "the 65th stack is from the next block";
+}
+
+TEST_F(StackPool, a_stack_can_be_written_to_its_last_byte) {
+  char* const stack = first_of_a_new_block();
+  memset(stack, 's', pool_stack_size);
+  EXPECT_EQ(stack[pool_stack_size - 1], 's');
+}
+
+TEST_F(StackPool, stacks_have_64_kilobytes) {
+#ifdef __SANITIZE_THREAD__
+  EXPECT_EQ(pool_stack_size, 1048576U);
+#else
+  EXPECT_EQ(pool_stack_size, 65536U);
+#endif
+}
+
+TEST_F(StackPool, stacks_that_were_given_back_are_taken_first) {
+  char* const first = first_of_a_new_block();
+  void* const second = stack_take();
+  stack_return(first);
+  stack_return(second);
+  EXPECT_EQ((std::set<void*>{stack_take(), stack_take()}), (std::set<void*>{first, second}));
+  EXPECT_EQ(stack_take(), first + 2 * pool_stack_size) << "each once";
+}
+
+TEST_F(StackPool, without_memory_for_a_block_there_is_no_stack_and_later_there_is) {
+  first_of_a_new_block();
+  for (int i = 1; i < 64; ++i) stack_take();
+  no_memory = true;
+  EXPECT_EQ(stack_take(), nullptr);
+  EXPECT_EQ(stack_take(), nullptr);
+  no_memory = false;
+  EXPECT_NE(stack_take(), nullptr);
+}
+
+TEST_F(StackPool, taking_and_giving_back_leave_the_pool_to_other_threads) {
+  stack_return(stack_take());
+  void* taken = nullptr;
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(
+                &thread, nullptr,
+                [](void* result) -> void* {
+                  *static_cast<void**>(result) = stack_take();
+                  return nullptr;
+                },
+                &taken),
+            0);
+  pthread_join(thread, nullptr);
+  EXPECT_NE(taken, nullptr);
+}
+
+TEST_F(StackPool, taking_and_giving_back_hold_the_pools_mutex) {
+  std::vector<pthread_mutex_t*> locks;
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) { locks.push_back(mutex); };
+  fakes.mmap = [&](size_t, int, int) {
+    EXPECT_NE(pthread_mutex_trylock(locks.back()), 0) << "also while a block is made";
+    return MAP_FAILED;
+  };
+  std::vector<void*> taken;
+  while (void* stack = stack_take()) taken.push_back(stack);
+  EXPECT_EQ(locks.size(), taken.size() + 1);
+  locks.clear();
+  for (void* stack : taken) stack_return(stack);
+  EXPECT_EQ(locks.size(), taken.size());
+  EXPECT_EQ(std::set<pthread_mutex_t*>(locks.begin(), locks.end()).size(), 1U);
+}
+
+TEST_F(StackPool, a_whole_block_is_hidden_from_children) {
+  std::vector<std::pair<size_t, int>> advices;
+  fakes.madvise = [&](void* where, size_t size, int advice) {
+    advices.push_back({size, advice});
+    return __real_madvise(where, size, advice);
+  };
+  first_of_a_new_block();
+  EXPECT_EQ(advices, (std::vector<std::pair<size_t, int>>{{64 * pool_stack_size, MADV_DONTFORK}}));
+}
+
+TEST_F(StackPool, showing_and_hiding_say_when_they_fail) {
+  void* const stack = first_of_a_new_block();
+  EXPECT_EQ(stack_show_to_children(stack), 0);
+  EXPECT_EQ(stack_hide_from_children(stack), 0);
+  fakes.madvise = [](void*, size_t, int) { return -1; };
+  EXPECT_EQ(stack_show_to_children(stack), -1);
+  EXPECT_EQ(stack_hide_from_children(stack), -1);
+}
+
+TEST_F(StackPool, a_child_gets_the_stack_that_is_shown_and_no_other) {
+  char* const shown = first_of_a_new_block();
+  char* const hidden = static_cast<char*>(stack_take());
+  ASSERT_EQ(stack_show_to_children(shown), 0);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    // The kernel says of each page whether it is there, without a fault.
+    const bool has_shown = write(ends[1], shown + pool_stack_size - 1, 1) == 1;
+    const bool has_hidden = write(ends[1], hidden, 1) == 1;
+    _exit((has_shown ? 1 : 0) + (has_hidden ? 2 : 0));
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  close(ends[0]);
+  close(ends[1]);
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+TEST_F(StackPool, a_stack_that_is_hidden_again_stays_with_its_process) {
+  char* const stack = first_of_a_new_block();
+  ASSERT_EQ(stack_show_to_children(stack), 0);
+  ASSERT_EQ(stack_hide_from_children(stack), 0);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t child = fork();
+  if (child == 0) _exit(write(ends[1], stack, 1) == 1 ? 1 : 0);
+  int status = -1;
+  waitpid(child, &status, 0);
+  close(ends[0]);
+  close(ends[1]);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+// text_test.cpp: formatting into a buffer that must be large enough.
+#include "common/text.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+using testing::KilledBySignal;
+
+TEST(TextFormat, a_text_that_fits_stands_in_the_buffer) {
+  char buffer[16];
+  text_format(buffer, sizeof buffer, "%s is %d", "seven", 7);
+  EXPECT_STREQ(buffer, "seven is 7");
+}
+
+TEST(TextFormat, an_empty_text_fits_a_buffer_of_one_byte) {
+  char buffer[1] = {'x'};
+  text_format(buffer, sizeof buffer, "%s", "");
+  EXPECT_EQ(buffer[0], '\0');
+}
+
+TEST(TextFormat, a_text_that_fills_the_buffer_with_its_zero_fits) {
+  char buffer[8];
+  text_format(buffer, sizeof buffer, "%s", "1234567");
+  EXPECT_STREQ(buffer, "1234567");
+}
+
+TEST(TextFormatDeathTest, a_text_one_byte_too_long_aborts) {
+  char buffer[8];
+  EXPECT_EXIT(text_format(buffer, sizeof buffer, "%s", "12345678"), KilledBySignal(SIGABRT), "^$");
+}
+
+TEST(TextFormatDeathTest, a_text_much_too_long_aborts) {
+  char buffer[8];
+  EXPECT_EXIT(text_format(buffer, sizeof buffer, "%0100d", 1), KilledBySignal(SIGABRT), "^$");
+}
+
+TEST(TextFormatDeathTest, a_text_that_cannot_be_formatted_aborts) {
+  char buffer[8];
+  const wchar_t no_character[] = {static_cast<wchar_t>(0x7fffffff), 0};
+  EXPECT_EXIT(text_format(buffer, sizeof buffer, "%ls", no_character), KilledBySignal(SIGABRT), "^$");
+}
+
+TEST(Owners, memory_from_malloc_is_freed_with_its_owner) {
+  const TextOwner text(strdup("owned"));  // leak checkers look at the rest
+  EXPECT_STREQ(text.get(), "owned");
+}
