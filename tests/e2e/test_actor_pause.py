@@ -1,0 +1,151 @@
+# SPDX-License-Identifier: MIT
+# test_actor_pause.py: what a stop and a start do in the two seconds between an actor's death and its next launch.
+#
+# A dead child's number stands in its group through the pause, while the system may give it to another process. The
+# stories give it to one and look whether it lives on.
+import contextlib
+import ctypes
+import os
+import signal
+
+from machine import process_state
+from transcript import STOP, now, transcript
+
+CLONE3 = 435  # the same on every machine
+
+
+class CloneArguments(ctypes.Structure):
+    _fields_ = [(name, ctypes.c_uint64) for name in (
+        "flags", "pidfd", "child_tid", "parent_tid", "exit_signal", "stack", "stack_size", "tls", "set_tid",
+        "set_tid_size")]
+
+
+@contextlib.contextmanager
+def stranger(pid):
+    """A process of the story's own that has this free number, as the system might have given it; see clone3(2)."""
+    number = ctypes.c_int(pid)
+    arguments = CloneArguments(exit_signal=signal.SIGCHLD, set_tid=ctypes.addressof(number), set_tid_size=1)
+    libc = ctypes.PyDLL(None, use_errno=True)
+    child = libc.syscall(CLONE3, ctypes.byref(arguments), ctypes.c_size_t(ctypes.sizeof(arguments)))
+    if child == 0:
+        try:
+            os.execv("/bin/sleep", ["sleep", "600"])
+        finally:
+            os._exit(127)
+    assert child == pid, os.strerror(ctypes.get_errno())
+    yield
+    assert os.waitpid(pid, os.WNOHANG) == (0, 0), "a process was signalled that is none of the daemon's"
+    os.kill(pid, signal.SIGKILL)
+    os.waitpid(pid, 0)
+
+
+def kill(machine, record):
+    os.kill(record.pid, signal.SIGKILL)
+    machine.wait_log(f"Child process died: {record.pid}$")
+
+
+def start_one(machine, caller):
+    assert caller.start(":1", "xhotkey") is True
+    (record,) = machine.wait_records(1)
+    machine.wait_log(f"child={record.pid}$")
+    return record
+
+
+def test_a_stop_in_the_pause_signals_nobody_and_lets_one_more_launch_through(machine):
+    caller = machine.caller()
+    first = start_one(machine, caller)
+    kill(machine, first)
+    with stranger(first.pid):
+        since = now(machine)
+        assert caller.stop(":1", "xhotkey") is True
+        machine.wait_log(f"child_pid {first.pid}$")
+        assert transcript(machine, since) == [
+            STOP,
+            ("dbus_dm_stop", "display_num=1, actor_code=7"),
+            ("proc_method_stop", "proc_method_stop"),
+            ("proc_method_stop", f"proc_method_stop: child_pid {first.pid}"),
+        ]
+        second = machine.wait_records(2)[1]
+        machine.wait_log(f"child={second.pid}$")
+
+    # The group runs again, so a start is refused, also when the child has ended and nothing comes after it.
+    since = now(machine)
+    assert caller.start(":1", "xhotkey") is True
+    machine.wait_log("is already running")
+    kill(machine, second)
+    machine.wait_log("keep_alive field is FALSE. Exit from the current thread$")
+    assert caller.start(":1", "xhotkey") is True
+    machine.wait_log("is already running", 2)
+    assert [text for _, text in transcript(machine, since)].count("group:3, is_running:1") == 2
+
+    # A stop makes the group idle, and again it signals nobody.
+    with stranger(second.pid):
+        assert caller.stop(":1", "xhotkey") is True
+        machine.wait_log(f"child_pid {second.pid}$")
+        assert caller.start(":1", "xhotkey") is True
+        third = machine.wait_records(3)[2]
+    assert machine.children() == [third.pid]
+
+
+def test_a_second_stop_ends_the_launch_that_the_stop_in_the_pause_let_through(machine):
+    caller = machine.caller()
+    first = start_one(machine, caller)
+    kill(machine, first)
+    assert caller.stop(":1", "xhotkey") is True
+    second = machine.wait_records(2)[1]
+    machine.wait_log(f"child={second.pid}$")
+    assert caller.stop(":1", "xhotkey") is True
+    machine.wait_log(f"child_pid {second.pid}$")
+    machine.wait_log("keep_alive field is FALSE. Exit from the current thread$")
+    assert machine.children() == []
+
+
+def test_a_second_stop_in_the_pause_finds_nothing_running(machine):
+    caller = machine.caller()
+    first = start_one(machine, caller)
+    kill(machine, first)
+    assert caller.stop(":1", "xhotkey") is True
+    assert caller.stop(":1", "xhotkey") is True
+    machine.wait_log("sub process is not running")
+    assert machine.texts().count(f"proc_method_stop: child_pid {first.pid}") == 1
+
+
+def test_a_stop_and_a_start_in_the_pause_leave_one_child_the_new_threads(machine):
+    caller = machine.caller()
+    first = start_one(machine, caller)
+    kill(machine, first)
+    with stranger(first.pid):
+        since = now(machine)
+        assert caller.stop(":1", "xhotkey") is True
+        assert caller.start(":1", "xhotkey") is True
+        second = machine.wait_records(2)[1]
+        assert second.started - first.started < 2.0
+        machine.wait_log(f"child={second.pid}$")
+        assert ("proc_method_start", "group:3, is_running:0") in transcript(machine, since)
+        since = now(machine)
+        machine.wait_log("Another process")
+        words = ("corvane-xh", "-display", ":1")
+        assert transcript(machine, since) == [
+            *(("method_start_thread", f"{{DM}} method_start_thread(): {word}") for word in words),
+            ("method_start_thread", "Another process on the same actor group has been started: "
+                                    f"{second.pid}. Exit from the current thread"),
+        ]
+        assert machine.children() == [second.pid]
+        assert caller.stop(":1", "xhotkey") is True
+        machine.wait_log("keep_alive field is FALSE. Exit from the current thread$")
+    assert machine.children() == [] and len(machine.records()) == 2
+
+
+def test_a_stop_in_the_pause_of_one_group_leaves_the_others_alone(machine):
+    caller = machine.caller()
+    assert caller.start(":1", "local-login") is True
+    (other,) = machine.wait_records(1)
+    assert caller.start(":1", "xhotkey") is True
+    record = machine.wait_records(2)[1]
+    machine.wait_log(f"child={record.pid}$")
+    kill(machine, record)
+    assert caller.stop(":1", "xhotkey") is True
+    machine.wait_log(f"child_pid {record.pid}$")
+    assert process_state(other.pid) == "S"
+    assert caller.stop(":1", "remote-login") is True
+    machine.wait_gone(other.pid)

@@ -1,0 +1,273 @@
+# SPDX-License-Identifier: MIT
+# test_bus.py: how the daemon comes to its connection and its name, and what it does when it does not.
+import os
+import resource
+import signal
+
+import pytest
+from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
+from machine import NAME, CallFailed, meddled, plugin_call
+
+BEGIN = [
+    "cs/corvane-cs.cpp main: Initialize DBus connection and Watches ...",
+    "cs/corvane-cs.cpp main: Initialize segfault signal handler...",
+]
+CONNECTED = "cs/corvane-cs.cpp main: Succeeded to get System DBus connection ..."
+WATCHED = [
+    "cs/bus.cpp ccs_add_watch: Adding a write watch on fd 4 using newly-set watch function",
+    "cs/bus.cpp ccs_add_watch: Adding a read watch on fd 4 using newly-set watch function",
+    "cs/bus.cpp ccs_add_watch: READ Watch on fd 4",
+    "cs/corvane-cs.cpp main: Succeeded to set watch functions ...",
+    "cs/bus.cpp ccs_request_service_name: Request service name: com.corvane.ControlServer",
+]
+NAMED = "cs/corvane-cs.cpp main: Succeeded to request service name ..."
+FIRST_OBJECT = [
+    "plugins/display-manager/dm-plugin.cpp dm_init: Initialize DisplayManager plugin",
+    "cs/plugin-registry.cpp ccs_register_objects: path=/com/corvane/ControlServer/DisplayManager",
+]
+SECOND_OBJECT = [
+    "plugins/dummy/dummy-plugin.cpp dummy_init: Initialize Dummy plugin()",
+    "cs/plugin-registry.cpp ccs_register_objects: path=/com/corvane/ControlServer/Dummy",
+]
+GIVEN_UP = [
+    "plugins/display-manager/dm-plugin.cpp dm_fin: Finalize DisplayManager plugin",
+    "plugins/dummy/dummy-plugin.cpp dummy_fin: Finalize Dummy plugin()",
+]
+INTERRUPTED = "cs/corvane-cs.cpp main: {II} Timeout or error occurrs during select() ..."
+REMOVAL = "cs/bus.cpp ccs_toggle_watch: {II} ccs_toggle_watch()"
+TOGGLE = "cs/bus.cpp ccs_remove_watch: {II} ccs_remove_watch()"
+
+
+def assert_given_up(process, machine, lines):
+    """The process ended with 1, wrote nothing but the lines into its log, and every plugin was finalised."""
+    assert process.communicate(timeout=10) == ("", "")
+    assert process.returncode == 1
+    assert machine.told() == lines + GIVEN_UP
+
+
+def ask_bus(caller, member, signature=None, *arguments):
+    address = DBusAddress("/org/freedesktop/DBus", bus_name="org.freedesktop.DBus", interface="org.freedesktop.DBus")
+    return caller.ask(new_method_call(address, member, signature, arguments))[0]
+
+
+def take_name(caller, flags):
+    return ask_bus(caller, "RequestName", "su", NAME, flags)
+
+
+def queued(caller):
+    """Unique names of whoever owns or awaits the daemon's name, the owner first."""
+    try:
+        return ask_bus(caller, "ListQueuedOwners", "s", NAME)
+    except CallFailed:
+        return []
+
+
+def hello_to(caller, owner):
+    message = plugin_call("Dummy", "HelloWorld")
+    message.header.fields[HeaderFields.destination] = owner
+    return caller.ask(message)[0]
+
+
+# ---- no bus ----
+
+
+@pytest.mark.parametrize("address, reason", [
+    ("", "Unable to autolaunch a dbus-daemon without a $DISPLAY for X11"),
+    ("garbage", "Address does not contain a colon"),
+    ("unix:path=/run/nothing", "Failed to connect to socket /run/nothing: No such file or directory"),
+    ("pigeon:coop=3", "Could not parse server address: Unknown address type "
+                      '(examples of valid types are "tcp" and on UNIX "unix")'),
+])
+def test_without_a_bus_the_daemon_says_why_and_gives_up(bare, address, reason):
+    bare.address = address
+    environment = {name: "" for name in ("DISPLAY", "XDG_RUNTIME_DIR")}
+    process = bare.launch(environment=dict(environment, DBUS_SESSION_BUS_ADDRESS=address))
+    assert_given_up(process, bare, BEGIN + [
+        f"cs/bus.cpp ccs_get_system_conn: {{EE}}Failed to connect system DBus: {reason}"])
+
+
+def test_without_a_bus_a_started_daemon_gives_up_and_leaves_its_pid_file(bare):
+    assert bare.daemonise("--start").returncode == 0
+    bare.wait_log(r"Finalize Dummy plugin\(\)")
+    bare.wait_gone(int(bare.pid_file()))
+    assert bare.terminal() == ""
+
+
+def test_no_connection_without_an_error_is_given_up_without_a_message(bare):
+    bare.start_bus()
+    assert_given_up(bare.launch(environment=meddled("get=nothing")), bare, BEGIN)
+
+
+def test_the_bus_library_is_prepared_for_threads_before_there_is_a_connection(bare):
+    bare.start_bus()
+    bare.start_daemon(environment=meddled("get=prepared"))
+    assert bare.caller().hello() == "How are you?"
+
+
+def test_a_connection_that_cannot_be_watched_is_given_up(bare):
+    bare.start_bus()
+    assert_given_up(bare.launch(environment=meddled("set_watch_functions=fail")), bare, BEGIN + [
+        CONNECTED, "cs/bus.cpp ccs_set_watch_functions: dbus_connection_set_watch_functions(): (null)"])
+
+
+@pytest.mark.parametrize("nth, objects", [(1, FIRST_OBJECT), (2, FIRST_OBJECT + SECOND_OBJECT)])
+def test_an_object_that_cannot_be_registered_is_given_up(bare, nth, objects):
+    bare.start_bus()
+    process = bare.launch(environment=meddled(f"register_object_path={nth}"))
+    assert_given_up(process, bare, BEGIN + [CONNECTED] + WATCHED + [NAMED] + objects + [
+        "cs/plugin-registry.cpp ccs_register_objects: {EE}dbus_connection_register_object_path(): (null)"])
+
+
+# ---- the name ----
+
+
+def test_a_name_that_the_bus_refuses_is_given_up(bare):
+    with open("/run/bus.conf", "w") as file:
+        file.write('<busconfig><type>session</type><listen>unix:path=/run/bus</listen><policy context="default">'
+                   '<allow user="*"/><allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/>'
+                   f'<deny own="{NAME}"/></policy></busconfig>')
+    bare.start_bus("--config-file=/run/bus.conf")
+    assert_given_up(bare.launch(), bare, BEGIN + [CONNECTED] + WATCHED + [
+        'cs/bus.cpp ccs_request_service_name: {EE} dbus_bus_request_name(): Connection ":1.0" is not allowed to own '
+        'the service "com.corvane.ControlServer" due to security policies in the configuration file'])
+
+
+def test_a_name_of_somebody_else_is_awaited_and_then_served(bare):
+    bare.start_bus()
+    owner, caller = bare.caller(), bare.caller()
+    assert take_name(owner, 0) == 1
+    bare.start_daemon()
+    first, second = queued(caller)
+    assert first == owner.connection.unique_name
+    assert hello_to(caller, second) == "How are you?"
+    owner.close()
+    bare.wait("the daemon to own its name", lambda: queued(caller) == [second])
+    assert caller.hello() == "How are you?"
+
+
+def test_a_name_that_somebody_gives_up_for_others_is_taken(bare):
+    bare.start_bus()
+    owner, caller = bare.caller(), bare.caller()
+    assert take_name(owner, 1) == 1  # may be replaced
+    bare.start_daemon()
+    assert queued(caller)[0] != owner.connection.unique_name
+    assert caller.hello() == "How are you?"
+
+
+def test_nobody_can_take_the_name_from_the_daemon(machine):
+    rival, caller = machine.caller(), machine.caller()
+    assert take_name(rival, 2) == 2  # wants to replace, and has to wait
+    assert queued(caller)[1] == rival.connection.unique_name
+    assert caller.hello() == "How are you?"
+
+
+def test_a_second_daemon_serves_when_the_first_is_gone(bare):
+    bare.start_bus()
+    first = bare.start_daemon()
+    caller = bare.caller()
+    (owner,) = queued(caller)
+    second = bare.launch()
+    bare.wait("the second daemon to queue", lambda: len(queued(caller)) == 2)
+    bare.daemon = second
+    first.kill()
+    first.communicate()
+    bare.wait("the second daemon to own the name", lambda: queued(caller)[0] != owner)
+    assert caller.hello() == "How are you?"
+
+
+# ---- the main loop ----
+
+
+def test_calls_that_arrive_during_the_start_do_not_wait_for_another_message(bare):
+    bare.start_bus()
+    caller = bare.caller()
+    known = set(ask_bus(caller, "ListNames"))
+    daemon = bare.daemon = bare.launch(environment=meddled("request_name=gate"))
+    bare.wait("the daemon to ask for its name", lambda: os.path.exists("/run/gate"))
+    (unique,) = set(ask_bus(caller, "ListNames")) - known
+    message = plugin_call("Dummy", "HelloWorld")
+    message.header.fields[HeaderFields.destination] = unique
+    for _ in range(12):
+        caller.send(message)
+    ask_bus(caller, "GetId")  # the bus has passed the calls on
+    os.unlink("/run/gate")
+    answers = []
+    while len(answers) < 12:
+        reply = caller.connection.receive(timeout=10)
+        if reply.header.message_type in (MessageType.method_return, MessageType.error):
+            answers.append(reply.body[0])
+    # Those that come before the objects are there are refused by the bus library.
+    assert answers[-1] == "How are you?"
+    assert answers.count("How are you?") == bare.texts().count("{DUMMY} dbus_dummy_hello_world: HelloWorld") >= 8
+    assert daemon.poll() is None
+
+
+def test_an_interrupted_wait_is_logged_and_waited_again(bare):
+    bare.start_bus()
+    bare.start_daemon(environment=meddled("select=interrupt"))
+    bare.wait_log(r"\{II\} Timeout")
+    assert bare.caller().hello() == "How are you?"
+    assert bare.told().count(INTERRUPTED) == 1
+    assert bare.told()[-3] == INTERRUPTED
+
+
+def test_a_stopped_and_continued_daemon_serves_what_came_meanwhile(machine):
+    caller = machine.caller()
+    machine.daemon.send_signal(signal.SIGSTOP)
+    for _ in range(50):
+        caller.send(plugin_call("Dummy", "HelloWorld"))
+    ask_bus(caller, "GetId")
+    machine.daemon.send_signal(signal.SIGCONT)
+    for _ in range(50):
+        assert caller.connection.receive(timeout=10).body == ("How are you?",)
+
+
+def open_below(limit):
+    """For preexec_fn: opens every descriptor below the limit, to be left open for the daemon."""
+
+    def prepare():
+        resource.setrlimit(resource.RLIMIT_NOFILE, (2048, 2048))
+        for descriptor in range(3, limit):
+            os.dup2(0, descriptor)
+
+    return {"preexec_fn": prepare, "close_fds": False}
+
+
+def test_the_last_descriptor_that_select_can_hold_is_served(bare):
+    bare.start_bus()
+    bare.start_daemon(**open_below(1022))
+    assert "cs/bus.cpp ccs_add_watch: READ Watch on fd 1023" in bare.told()
+    assert bare.caller().hello() == "How are you?"
+
+
+def test_a_descriptor_that_select_cannot_hold_is_given_up(bare):
+    bare.start_bus()
+    process = bare.launch(**open_below(1023))
+    watched = [line.replace("on fd 4", "on fd 1024") for line in WATCHED]
+    assert_given_up(process, bare, BEGIN + [CONNECTED] + watched + [NAMED] + FIRST_OBJECT + SECOND_OBJECT + [
+        "cs/corvane-cs.cpp main: Succeeded to register objects ...",
+        "cs/bus.cpp ccs_build_read_set: {EE} Watch on fd 1024 is beyond what select() can hold"])
+
+
+def test_replies_wait_for_a_bus_that_is_slow_and_none_is_lost(bare):
+    bare.start_bus()
+    daemon = bare.start_daemon(environment=meddled("connect=narrow"))
+    caller = bare.caller()
+    daemon.send_signal(signal.SIGSTOP)
+    for _ in range(100):
+        caller.send(plugin_call("Dummy", "HelloWorld"))
+    ask_bus(caller, "GetId")
+    bare.bus.send_signal(signal.SIGSTOP)
+    daemon.send_signal(signal.SIGCONT)
+    bare.wait_log(r"\{II\} ccs_remove_watch\(\)")  # the writable side is waited for: a toggle
+    assert TOGGLE in bare.told()
+    bare.bus.send_signal(signal.SIGCONT)
+    for _ in range(100):
+        assert caller.connection.receive(timeout=10).body == ("How are you?",)
+
+
+def test_when_the_bus_is_gone_the_daemon_ends_with_1_and_both_watches_are_removed(machine):
+    since = len(machine.told())
+    machine.bus.kill()
+    assert machine.daemon.wait(5) == 1
+    assert machine.told()[since:] == [REMOVAL, REMOVAL]

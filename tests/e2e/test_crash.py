@@ -1,0 +1,156 @@
+# SPDX-License-Identifier: MIT
+# test_crash.py: a segmentation fault is reported in the log, the pid file goes, and the process ends with 1.
+import ctypes
+import os
+import re
+import signal
+import time
+
+import pytest
+from machine import LOG, Line, meddled, plugin_call
+
+# A frame is written by the C library: the object, the function where it has a name, the address.
+FRAME = re.compile(r"/\S+\((\w*)\+0x[0-9a-f]+\) ?\[0x[0-9a-f]+\]")
+
+
+def report(machine):
+    """What the log says from the crash on: the line of the crash and the names of the frames behind it."""
+    lines = machine.log_text().splitlines()
+    (begin,) = [n for n, line in enumerate(lines) if "Catch" in line]
+    frames = [FRAME.fullmatch(line) for line in lines[begin + 1:]]
+    assert all(frames), lines[begin:]
+    return Line(lines[begin]), [frame[1] for frame in frames if frame[1]]
+
+
+def crash_thread(machine, thread):
+    assert ctypes.CDLL(None).tgkill(machine.daemon.pid, thread, signal.SIGSEGV) == 0
+
+
+def threads(machine):
+    return {int(entry) for entry in os.listdir(f"/proc/{machine.daemon.pid}/task")}
+
+
+def assert_reported(machine, *functions):
+    """The daemon ended with 1 within 3 seconds, the pid file is gone, and the report names these functions."""
+    assert machine.daemon.wait(3) == 1
+    assert machine.pid_file() is None
+    line, names = report(machine)
+    assert (line.file, line.function, line.level) == ("cs/corvane-cs.cpp", "segfault_handler", "ERROR")
+    assert line.text == "Catch segfault signal."
+    assert len(names) >= 3
+    for function in functions:
+        assert any(function in name for name in names), names
+
+
+@pytest.fixture
+def doomed(bare):
+    """A machine with a daemon in the foreground and a pid file that the daemon did not write."""
+    bare.start_bus()
+    bare.write_pid_file("77")
+    bare.start_daemon()
+    return bare
+
+
+def test_a_crash_of_the_main_thread_is_reported_and_takes_the_pid_file_along(doomed):
+    doomed.daemon.send_signal(signal.SIGSEGV)
+    assert_reported(doomed, "segfault_handler", "main")
+    assert doomed.daemon.communicate() == ("", "")
+    assert "Finalize" not in doomed.log_text()
+
+
+def test_a_crash_of_a_station_is_reported(doomed):
+    before = threads(doomed)
+    assert doomed.caller().start(":1", "init-station") is True
+    doomed.wait_log("Thread for Display 1 started")
+    doomed.wait("the thread of init-station to end", lambda: len(threads(doomed)) == 2)
+    (station,) = threads(doomed) - before
+    crash_thread(doomed, station)
+    assert_reported(doomed, "segfault_handler", "process_station_events")
+
+
+def test_a_crash_beside_an_actor_is_reported_and_the_actor_lives_on(doomed):
+    assert doomed.caller().start(":1", "xhotkey") is True
+    (actor,) = doomed.wait_records(1)
+    doomed.wait_log("child=")
+    crash_thread(doomed, max(threads(doomed)))
+    assert_reported(doomed, "segfault_handler", "method_start_thread")
+    assert [record.pid for record in doomed.running()] == [actor.pid]
+
+
+def test_a_daemon_that_crashed_can_be_started_again_at_once(bare):
+    bare.start_bus()
+    bare.daemonise("--start")
+    bare.wait_log(r"Start mainloop")
+    crashed = int(bare.pid_file())
+    os.kill(crashed, signal.SIGSEGV)
+    bare.wait_gone(crashed)
+    assert bare.pid_file() is None
+    assert bare.terminal() == ""
+    begin = time.monotonic()
+    bare.daemonise("--start")
+    bare.wait("another pid file", bare.pid_file)
+    assert time.monotonic() - begin < 2
+    bare.wait_log(r"Start mainloop")
+    assert "Catch segfault signal." in open(LOG + ".old").read()
+
+
+def test_a_crash_before_the_first_message_is_reported(bare):
+    bare.start_bus()
+    bare.daemon = bare.launch(environment=meddled("request_name=gate"))
+    bare.wait("the daemon to ask for its name", lambda: os.path.exists("/run/gate"))
+    bare.daemon.send_signal(signal.SIGSEGV)
+    assert_reported(bare, "segfault_handler", "ccs_request_service_name", "main")
+
+
+def test_a_crash_with_a_silent_log_still_takes_the_pid_file_and_ends_with_1(bare):
+    bare.start_bus()
+    bare.write_pid_file("77")
+    os.mkdir(LOG)
+    daemon = bare.daemon = bare.launch(environment=meddled("request_name=gate"))
+    bare.wait("the daemon to ask for its name", lambda: os.path.exists("/run/gate"))
+    daemon.send_signal(signal.SIGSEGV)
+    assert daemon.wait(3) == 1
+    assert daemon.communicate() == ("", "")
+    assert bare.pid_file() is None
+    assert os.listdir(LOG) == []
+
+
+def test_a_crash_on_a_full_disk_still_takes_the_pid_file_and_ends_with_1(bare):
+    bare.start_bus()
+    bare.write_pid_file("77")
+    bare.mount("-t", "tmpfs", "-o", "size=64k", "none", "/var/log")
+    bare.start_daemon()
+    with open("/var/log/filler", "wb", buffering=0) as filler:
+        with pytest.raises(OSError):
+            while True:
+                filler.write(bytes(4096))
+    bare.daemon.send_signal(signal.SIGSEGV)
+    assert bare.daemon.wait(3) == 1
+    assert bare.daemon.communicate() == ("", "")
+    assert bare.pid_file() is None
+
+
+def test_a_crash_while_another_thread_keeps_the_log_locked_ends_with_1_all_the_same(bare):
+    bare.start_bus()
+    bare.write_pid_file("77")
+    bare.start_daemon(environment=meddled("fflush=hold"))
+    # Not asked, but sent: the reply may never come, because the main thread may need the log for it.
+    bare.caller().send(plugin_call("DisplayManager", "Start", "sss", ":1", "init-station", "COMMON"))
+    bare.wait("a thread to hold the log's lock", lambda: os.path.exists("/run/held"))
+    bare.daemon.send_signal(signal.SIGSEGV)
+    assert bare.daemon.wait(3) == 1
+    assert bare.pid_file() is None
+    assert bare.daemon.communicate() == ("", "")
+
+
+def test_a_crash_while_the_heap_is_locked_ends_with_1_all_the_same(bare):
+    bare.start_bus()
+    bare.write_pid_file("77")
+    bare.start_daemon(environment=meddled(library="malloc-lock"))
+    bare.daemon.send_signal(signal.SIGUSR2)
+    bare.daemon.send_signal(signal.SIGSEGV)
+    assert bare.daemon.wait(3) == 1
+    assert bare.pid_file() is None
+    line, names = report(bare)
+    assert line.text == "Catch segfault signal."
+    assert len(names) >= 3

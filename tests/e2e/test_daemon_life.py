@@ -1,0 +1,315 @@
+# SPDX-License-Identifier: MIT
+# test_daemon_life.py: a daemon is started, found, refused a second time and stopped through its pid file.
+#
+# Whoever reads the pid file waits 2 seconds first. Stories that can read it side by side do so.
+import ctypes
+import os
+import re
+import shutil
+import signal
+import stat
+import subprocess
+import time
+
+import pytest
+from machine import DAEMON, LOG, PID_FILE, meddled, process_state, texts_of
+
+PR_SET_CHILD_SUBREAPER = 36
+NO_PROCESS = 999999  # six digits, and far beyond the numbers of a machine that has just been started
+
+
+@pytest.fixture
+def adopted():
+    """Orphans become children of the test runner, so that their end can be seen: adopted() awaits one's status."""
+    try:
+        while os.waitpid(-1, os.WNOHANG)[0]:  # what the clean-up of an earlier story ended
+            pass
+    except ChildProcessError:
+        pass
+    libc = ctypes.CDLL(None)
+    assert libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0
+
+    def status(pid=-1):
+        return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
+
+    yield status
+    assert libc.prctl(PR_SET_CHILD_SUBREAPER, 0, 0, 0, 0) == 0
+
+
+@pytest.fixture
+def daemon(bare):
+    """The pid of a daemon that was started with --start."""
+    bare.start_bus()
+    assert bare.daemonise("--start").returncode == 0
+    bare.wait_log(r"Start mainloop")
+    return int(bare.pid_file())
+
+
+def ask(machine, *options):
+    """Runs options that read the pid file; asserts that it takes the 2 seconds and not many more."""
+    begin = time.monotonic()
+    answer = machine.run(*options, cwd="/run")  # for the core of one that aborts
+    assert 2 <= time.monotonic() - begin < 8
+    return answer
+
+
+def has_opened_the_pid_file(process):
+    try:
+        opened = [os.readlink(f"/proc/{process.pid}/fd/{entry}") for entry in os.listdir(f"/proc/{process.pid}/fd")]
+    except FileNotFoundError:  # closed between the two looks
+        return False
+    return os.path.realpath(PID_FILE) in opened
+
+
+def status_of(pid):
+    with open(f"/proc/{pid}/status") as file:
+        return dict(line.rstrip("\n").split(":\t", 1) for line in file)
+
+
+def mode(path):
+    return stat.S_IMODE(os.stat(path).st_mode)
+
+
+# ---- start ----
+
+
+def test_start_leaves_a_daemon_of_its_own_behind(bare):
+    bare.start_bus()
+    os.makedirs("/run/elsewhere")
+    assert bare.daemonise("--start", cwd="/run/elsewhere", umask=0o077).returncode == 0
+    bare.wait_log(r"Start mainloop")
+    assert re.fullmatch(r"[1-9]\d*", bare.pid_file())
+    pid = int(bare.pid_file())
+    assert bare.caller().hello() == "How are you?"
+    status = status_of(pid)
+    assert status["PPid"].strip() == "1"
+    assert os.getsid(pid) not in (os.getsid(0), pid)
+    assert os.getpgid(pid) == os.getsid(pid)
+    assert os.readlink(f"/proc/{pid}/cwd") == "/"
+    assert status["Umask"] == "0000"
+    assert (mode(LOG), mode(PID_FILE)) == (0o666, 0o666)
+    kept = [os.readlink(f"/proc/{pid}/fd/{descriptor}") for descriptor in range(3)]
+    assert kept == ["/dev/null", "/run/terminal", "/run/terminal"]
+    assert bare.terminal() == ""
+
+
+def test_a_daemon_in_the_foreground_stays_where_it_was_started_and_leaves_the_pid_file_alone(bare):
+    bare.start_bus()
+    os.makedirs("/run/elsewhere")
+    bare.write_pid_file("77")
+    pid = bare.start_daemon(cwd="/run/elsewhere", umask=0o027).pid
+    assert bare.caller().hello() == "How are you?"
+    assert os.getsid(pid) == os.getsid(0)
+    assert os.readlink(f"/proc/{pid}/cwd") == "/run/elsewhere"
+    assert mode(LOG) == 0o640
+    assert bare.pid_file() == "77"
+
+
+def test_the_intermediate_processes_of_a_start_end_with_0(bare, adopted):
+    bare.start_bus()
+    assert bare.daemonise("--start").returncode == 0
+    assert adopted(os.getsid(int(bare.wait("a pid file", bare.pid_file)))) == 0
+
+
+def test_a_second_start_is_refused_on_its_terminal_while_its_shell_sees_0(bare, adopted):
+    bare.start_bus()
+    bare.daemonise("--start")
+    bare.wait_log(r"Start mainloop")
+    first = bare.pid_file()
+    assert adopted(os.getsid(int(first))) == 0
+    log = bare.log_text()
+    begin = time.monotonic()
+    assert bare.daemonise("--start").returncode == 0
+    assert time.monotonic() - begin < 2
+    assert sorted([adopted(), adopted()]) == [0, 1]
+    assert 2 <= time.monotonic() - begin < 8
+    assert texts_of(bare.terminal()) == ["already running"]
+    assert (bare.pid_file(), bare.log_text()) == (first, log)
+    assert bare.caller().hello() == "How are you?"
+
+
+def test_a_start_that_cannot_write_its_pid_file_ends_with_1_while_its_shell_sees_0(bare, adopted):
+    bare.start_bus()
+    shutil.rmtree("/run/corvane")
+    assert bare.daemonise("--start").returncode == 0
+    assert sorted([adopted(), adopted()]) == [0, 1]
+    assert texts_of(bare.terminal()) == ["unable to open pid file: /var/run/corvane/corvane-cs.pid for writing"]
+    assert os.listdir("/var/log") == []
+
+
+@pytest.mark.parametrize("options", [["--start", "--verbose"], ["--verbose", "--start"], ["--start", "-v"]])
+def test_a_daemon_can_be_verbose(bare, options):
+    bare.start_bus()
+    assert bare.daemonise(*options).returncode == 0
+    bare.wait_log(r"Start mainloop")
+    assert bare.caller().start(":4", "init-station") is True
+    assert "#1 station: display_num=4, type=1" in bare.texts()
+
+
+@pytest.mark.parametrize("options, complaint", [
+    (["--start", "start"], ""),
+    (["--start", "--bogus"], "corvane-cs: unknown command line option: --bogus\n"),
+])
+def test_a_start_has_already_acted_when_a_later_argument_is_refused(bare, adopted, options, complaint):
+    bare.start_bus()
+    assert bare.daemonise(*options).returncode == 0
+    assert sorted([adopted(), adopted()]) == [0, 1]
+    assert bare.terminal().startswith(f"{complaint}\ncorvane-cs: Corvane Control Server\n")
+    assert bare.pid_file()
+    assert os.listdir("/var/log") == []
+
+
+def test_start_and_pid_in_one_command_print_the_pid_of_the_new_process(bare, adopted):
+    assert bare.daemonise("--start", "--pid").returncode == 0
+    assert [adopted(), adopted()] == [0, 0]
+    assert bare.terminal() == f"{bare.pid_file()}\n"
+    assert os.listdir("/var/log") == []
+
+
+def test_start_and_stop_in_one_command_leave_no_process(bare, adopted):
+    begin = time.monotonic()
+    assert bare.daemonise("--start", "--stop").returncode == 0
+    assert sorted([adopted(), adopted()]) == [-signal.SIGTERM, 0]
+    assert 2 <= time.monotonic() - begin < 8
+    assert bare.terminal() == ""
+    assert os.listdir("/var/log") == []
+
+
+def test_a_start_that_cannot_fork_goes_on_in_the_process_that_the_shell_waits_for(bare):
+    bare.start_bus()
+    daemon = bare.start_daemon("--start", environment=meddled("fork=fail"))
+    assert bare.pid_file() == str(daemon.pid)
+    assert os.getsid(daemon.pid) == daemon.pid
+    assert bare.caller().hello() == "How are you?"
+
+
+# ---- pid and stop ----
+
+
+def test_pid_prints_the_running_daemon_after_two_seconds(bare, daemon):
+    answer = ask(bare, "--pid", "--bogus")
+    assert (answer.returncode, answer.stdout, answer.stderr) == (0, f"{daemon}\n", "")
+    assert process_state(daemon)
+
+
+def test_stop_ends_the_daemon_by_signal_15_and_another_can_be_started(bare, adopted):
+    bare.start_bus()
+    bare.daemonise("--start")
+    bare.wait_log(r"Start mainloop")
+    daemon = int(bare.pid_file())
+    adopted(os.getsid(daemon))
+    answer = ask(bare, "--stop", "--bogus")
+    assert (answer.returncode, answer.stdout, answer.stderr) == (0, "", "")
+    assert adopted(daemon) == -signal.SIGTERM
+    assert bare.pid_file() is None
+    assert "Finalize" not in bare.log_text()
+    assert bare.daemonise("--start").returncode == 0
+    bare.wait("another pid file", bare.pid_file)
+    bare.wait_log(r"Start mainloop")
+    assert bare.caller().hello() == "How are you?"
+
+
+def test_a_daemon_that_was_killed_still_counts_as_running_until_it_is_stopped(bare, daemon):
+    os.kill(daemon, signal.SIGKILL)
+    bare.wait_gone(daemon)
+    asking = bare.launch("--pid")
+    assert bare.daemonise("--start").returncode == 0
+    stdout, stderr = asking.communicate(timeout=10)
+    assert (asking.returncode, stdout) == (0, f"{daemon}\n")
+    assert texts_of(stderr) == ["cannot readlink"]
+    bare.wait("the refusal", bare.terminal)
+    assert texts_of(bare.terminal()) == ["already running"]
+    assert bare.pid_file() == str(daemon)
+    answer = ask(bare, "--stop")
+    assert (answer.returncode, answer.stdout) == (0, "")
+    assert texts_of(answer.stderr) == ["cannot readlink"]
+    assert bare.pid_file() is None
+
+
+def test_a_live_process_of_another_program_is_no_daemon_and_is_left_alone(bare):
+    bare.start_bus()
+    bare.write_pid_file(bare.bus.pid)
+    asking = bare.launch("--pid")
+    stopping = bare.launch("--stop")
+    bare.wait("both to open the pid file",
+              lambda: has_opened_the_pid_file(asking) and has_opened_the_pid_file(stopping))
+    assert (*asking.communicate(timeout=10), asking.returncode) == ("0\n", "", 0)
+    assert (*stopping.communicate(timeout=10), stopping.returncode) == ("", "", 0)
+    assert bare.pid_file() is None
+    assert bare.bus.poll() is None
+    bare.write_pid_file(bare.bus.pid)
+    bare.daemonise("--start")
+    bare.wait_log(r"Start mainloop")
+    assert int(bare.pid_file()) != bare.bus.pid
+    assert bare.terminal() == ""
+
+
+@pytest.mark.parametrize("text", ["corvane", ""])
+def test_a_pid_file_without_a_number_names_nobody(bare, text):
+    bare.write_pid_file(text)
+    answer = ask(bare, "--pid")
+    assert (answer.returncode, answer.stdout, answer.stderr) == (0, "0\n", "")
+
+
+def test_a_number_of_six_digits_is_looked_up_and_one_of_seven_ends_the_process(bare):
+    bare.write_pid_file(f"{NO_PROCESS}\n")
+    answer = ask(bare, "--pid")
+    assert (answer.returncode, answer.stdout) == (0, f"{NO_PROCESS}\n")
+    assert texts_of(answer.stderr) == ["cannot readlink"]
+    bare.write_pid_file("1000000")
+    answer = ask(bare, "--pid")
+    assert (answer.returncode, answer.stdout) == (-signal.SIGABRT, "")
+
+
+@pytest.mark.parametrize("number", ["0", "-1"])
+def test_a_number_that_is_no_process_is_never_signalled(bare, number):
+    bare.start_bus()
+    bare.write_pid_file(number)
+    answer = ask(bare, "--stop")
+    assert (answer.returncode, texts_of(answer.stderr)) == (0, ["cannot readlink"])
+    assert bare.pid_file() is None
+    assert bare.bus.poll() is None
+
+
+def test_the_pid_file_is_read_after_the_wait_so_that_a_daemon_just_starting_is_found(bare):
+    bare.write_pid_file("")
+    asking = bare.launch("--pid")
+    bare.wait("the pid file to be opened", lambda: has_opened_the_pid_file(asking))
+    bare.write_pid_file(asking.pid)
+    assert asking.communicate(timeout=10) == (f"{asking.pid}\n", "")
+
+
+# ---- what a running daemon is ----
+
+
+def test_a_running_daemon_handles_no_signal_but_the_crash(machine):
+    status = status_of(machine.daemon.pid)
+    crash = 1 << (signal.SIGSEGV - 1)
+    assert int(status["SigCgt"], 16) == crash
+    assert int(status["SigBlk"], 16) == 0
+
+
+def test_a_daemon_started_with_sigchld_ignored_supervises_and_its_actors_find_it_ignored(bare):
+    bare.start_bus()
+    bare.behave("corvane-xh", "exit 0")
+    bare.start_daemon(preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+    status = status_of(bare.daemon.pid)
+    assert not int(status["SigIgn"], 16) & 1 << (signal.SIGCHLD - 1)
+    assert bare.caller().start(":1", "xhotkey") is True
+    first, second = bare.wait_records(2)
+    assert 2 <= second.started - first.started < 8
+    assert f"Child process died: {first.pid}" in bare.texts()
+    assert signal.SIGCHLD in first.ignored
+
+
+def test_no_more_is_mapped_than_the_executable_the_bus_library_and_the_c_runtime(machine):
+    def library(path):
+        return os.path.basename(path).split(".so")[0]
+
+    with open(f"/proc/{machine.daemon.pid}/maps") as file:
+        mapped = {line.split()[-1] for line in file if "/" in line}
+    (bus_library,) = [path for path in mapped if library(path) == "libdbus-1"]
+    needed = subprocess.run(["ldd", bus_library], capture_output=True, text=True, check=True).stdout
+    of_the_bus = {library(line.split()[0]) for line in needed.splitlines()}
+    own = {library(path) for path in mapped if path != os.path.realpath(DAEMON)} - of_the_bus
+    assert own == {"libdbus-1", "libgcc_s"}
