@@ -2,7 +2,8 @@
 // signals.cpp: an actor finds its signals as the daemon found them.
 //
 // An ignored signal stays ignored across exec (execve(2)), so what the daemon or a library of it ignores
-// would silently change every actor. Caught signals need no care: exec resets them.
+// would silently change every actor. A caught signal is reset by exec, but until then a crash of the child
+// would be reported as the daemon's, and take away its pid file.
 #include "common/signals.h"
 
 #include <csignal>
@@ -12,7 +13,7 @@ struct Disposition {
   struct sigaction at_start;
 };
 
-static Disposition dispositions[] = {{SIGCHLD, {}}, {SIGPIPE, {}}};
+static Disposition dispositions[] = {{SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}};
 
 void signals_take_over() {
   for (Disposition& disposition : dispositions) sigaction(disposition.signal, nullptr, &disposition.at_start);

@@ -3,14 +3,14 @@
 #pragma once
 
 /**
- * Remembers how SIGCHLD and SIGPIPE stand and sets SIGCHLD to its default, so that children can be waited
- * for although the daemon was started with SIGCHLD ignored (sigaction(2), waitpid(2)).
- * Main thread, once, before the bus library (which ignores SIGPIPE) and before any thread.
+ * Remembers how SIGCHLD, SIGPIPE and SIGSEGV stand and sets SIGCHLD to its default, so that children can be
+ * waited for although the daemon was started with SIGCHLD ignored (sigaction(2), waitpid(2)). Main thread,
+ * once, before the bus library (which ignores SIGPIPE), the crash report and any thread.
  */
 void signals_take_over();
 
 /**
- * Gives SIGCHLD and SIGPIPE back as they stood at signals_take_over. Between fork and exec: it makes nothing
+ * Gives these signals back as they stood at signals_take_over. Between fork and exec: it makes nothing
  * but async-signal-safe calls. The signal mask needs no such care: no thread of the daemon changes it.
  */
 void signals_give_back();

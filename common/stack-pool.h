@@ -21,9 +21,9 @@ void* stack_take();
 void stack_return(void* stack);
 
 /**
- * Says whether a child process gets this stack (madvise(2), MADV_DOFORK), which it does not by default: a
- * thread that forks asks for its own stack before, and hides it again after.
+ * Says whether a child process finds what is on this stack (madvise(2), MADV_KEEPONFORK) or an empty one,
+ * which is the default: a thread that forks keeps its own stack for the child before, and no longer after.
  * Returns 0, or -1 when memory is short. Any thread.
  */
-int stack_show_to_children(void* stack);
-int stack_hide_from_children(void* stack);
+int stack_keep_for_child(void* stack);
+int stack_keep_for_parent_only(void* stack);

@@ -298,9 +298,9 @@ void dm_free_argv(char** argv) {
 
 // fork(2) from a thread on `stack`, which the child must find.
 static pid_t fork_from(void* stack) {
-  if (stack_show_to_children(stack) != 0) return -1;
+  if (stack_keep_for_child(stack) != 0) return -1;
   const pid_t child = fork();
-  if (child != 0) stack_hide_from_children(stack);
+  if (child != 0) stack_keep_for_parent_only(stack);
   return child;
 }
 

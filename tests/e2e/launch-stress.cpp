@@ -3,9 +3,10 @@
 //
 // usage: launch-stress LAUNCHES
 //
-// Launches actors on sixteen stations, 48 at a time, and waits until each has said that it runs; then it stops
-// them, and goes on. An actor that got stuck between fork and exec says nothing. The actors are this program too,
-// found on PATH by the actors' names; an actor says 'y', or 'n' if a signal is blocked or ignored.
+// Launches actors on sixteen stations, 48 at a time, and waits until each has said that it runs; then it
+// stops them, and goes on. An actor that got stuck between fork and exec says nothing. The actors are this
+// program too, found on PATH by the actors' names; an actor says 'y', or 'n' if a signal is blocked or
+// ignored.
 #include <poll.h>
 #include <pthread.h>
 #include <unistd.h>

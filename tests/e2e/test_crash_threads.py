@@ -130,7 +130,7 @@ def test_a_crash_while_the_heap_is_locked_is_reported_from_each_thread(doomed, w
 
 def lock_the_log(machine):
     """Leaves the group's thread in the middle of writing a line."""
-    (record,) = machine.records()
+    (record,) = machine.wait_records(1)
     machine.hold("fflush")
     os.kill(record.pid, signal.SIGKILL)
     machine.wait_held("fflush")

@@ -326,3 +326,29 @@ def test_an_older_thread_without_memory_leaves_the_group_to_the_newer_one(faulty
     faulty.wait_log("is already running")
     assert ("proc_method_start", "group:3, is_running:1") in transcript(faulty, since)
     assert faulty.children() == [second.pid]
+
+
+@pytest.mark.parametrize("call, nth, child", [("memory", 5, 0), ("fork", 1, -1)])
+def test_the_thread_of_a_stopped_actor_ends_behind_a_start_that_came_to_nothing(faulty, call, nth, child):
+    caller = faulty.caller()
+    faulty.behave("corvane-xh", "ignore-term")
+    assert caller.start(":1", "xhotkey") is True
+    (record,) = faulty.wait_records(1)
+    faulty.wait("a deaf actor", lambda: os.path.exists(f"/run/actors/records/{record.pid}.deaf"))
+    faulty.wait_log("child=")
+    assert caller.stop(":1", "xhotkey") is True
+    faulty.wait_log("proc_method_stop: child_pid")
+    faulty.fail(call, nth)
+    assert caller.start(":1", "xhotkey") is True
+    faulty.wait_log("Unable to (allocate memory|create child process)")
+    since = now(faulty)
+    os.kill(record.pid, signal.SIGKILL)
+    faulty.wait_log("Exit from the current thread")
+    assert transcript(faulty, since) == [
+        ("method_start_thread", f"Child process died: {record.pid}"),
+        ("method_start_thread", "Another process on the same actor group has been started: "
+                                f"{child}. Exit from the current thread"),
+    ]
+    assert caller.stop(":1", "xhotkey") is True
+    faulty.wait_log("sub process is not running")
+    assert faulty.children() == []

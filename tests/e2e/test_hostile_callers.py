@@ -32,6 +32,7 @@ AT_ONCE = 2  # seconds, on a machine that others load too; the figures printed a
 START_BYTES = 13 * 1024  # a start keeps its thread's stack for good: so much of it was ever touched
 STATION_BYTES = 40 * 1024  # a station keeps its worker, and that its share of the heap
 SLACK_BYTES = 256 * 1024  # caches of the bus library and of malloc that a warm-up has not filled yet
+BACKLOG_BYTES = 1024 * 1024  # what a burst of some thousand calls takes while it waits in the bus library's queue
 
 
 def call(member, signature="", body=(), plugin="DisplayManager", interface="", path=None, destination=NAME, flags=0):
@@ -195,11 +196,11 @@ def ground(bare):
 CASES = {}
 
 
-def case(function=None, *, runs=3, grows_by=0):
-    """A case; `grows_by` is what one run of it may keep of memory for good."""
+def case(function=None, *, runs=3, grows_by=0, backlog=0):
+    """A case; `grows_by` is what one run of it may keep of memory for good, `backlog` what all together may."""
     if function is None:
-        return lambda named: case(named, runs=runs, grows_by=grows_by)
-    CASES[function.__name__] = (function, runs, grows_by)
+        return lambda named: case(named, runs=runs, grows_by=grows_by, backlog=backlog)
+    CASES[function.__name__] = (function, runs, grows_by, backlog)
     return function
 
 
@@ -294,6 +295,7 @@ def descriptors_behind_the_texts(ground, client):
         with file:
             client.send(call("Start", "sssh", (":1", "bad actor", "PCI", file)))
             client.send(call("HelloWorld", "h", (file,), plugin="Dummy"))
+            client.send(call("Launch", "h", (file,), plugin="Dummy"))
 
 
 @case
@@ -547,17 +549,17 @@ def one_serial_for_all(ground, client):
             client.send(hello(), serial)
 
 
-@case(runs=2)
+@case(runs=2, backlog=BACKLOG_BYTES)
 def a_caller_that_never_reads(ground, client):
-    for _ in range(size(3000, 50_000)):
+    for _ in range(3000):
         client.send(hello())
     ground.serves_at_once()
 
 
-@case(runs=2)
+@case(runs=2, backlog=BACKLOG_BYTES)
 def thousands_of_pending_calls(ground, client):
     callers = [ground.client() for _ in range(10)]
-    for _ in range(size(150, 1500)):
+    for _ in range(300):
         for caller in callers:
             caller.send(start(":x"))
     for caller in callers:
@@ -691,7 +693,7 @@ def no_message_at_all(ground, client):
 
 @pytest.mark.parametrize("name", CASES)
 def test_a_hostile_caller_harms_nobody(ground, name):
-    attack, runs, grows_by = CASES[name]
+    attack, runs, grows_by, backlog = CASES[name]
     runs = size(runs, 5 * runs)
 
     def run():
@@ -710,7 +712,7 @@ def test_a_hostile_caller_harms_nobody(ground, name):
         run()
         assert ground.descriptors() == descriptors
     growth = ground.memory() - memory
-    assert growth <= SLACK_BYTES + runs * grows_by
+    assert growth <= SLACK_BYTES + backlog + runs * grows_by
     assert ground.machine.daemon.poll() is None
     report(name, slowest_next_caller=f"{1000 * ground.slowest:.0f} ms", memory=f"{memory // 1024} KiB",
            growth=f"{growth // 1024} KiB in {runs} runs")

@@ -210,31 +210,31 @@ TEST_F(MethodStartThread, the_entry_is_filled_before_the_child_is_waited_for) {
   EXPECT_TRUE(entry().child_reaped) << "but is nobody's any more";
 }
 
-TEST_F(MethodStartThread, its_stack_is_shown_to_the_child_for_the_fork_only) {
+TEST_F(MethodStartThread, its_stack_is_kept_for_the_child_during_the_fork_only) {
   claim();
   fakes.madvise = [&](void* where, size_t size, int advice) {
     EXPECT_EQ(where, stack);
     EXPECT_EQ(size, pool_stack_size);
-    calls.push_back(advice == MADV_DOFORK ? "show" : advice == MADV_DONTFORK ? "hide" : "?");
+    calls.push_back(advice == MADV_KEEPONFORK ? "keep" : advice == MADV_WIPEONFORK ? "wipe" : "?");
     return 0;
   };
   on_wait = [&] { entry().keep_alive = 0; };
   supervise(2);
-  EXPECT_EQ(calls, (Calls{"show", "fork", "hide", "wait 4711", "reap 4711"}));
+  EXPECT_EQ(calls, (Calls{"keep", "fork", "wipe", "wait 4711", "reap 4711"}));
 }
 
-TEST_F(MethodStartThread, its_stack_is_hidden_behind_a_failed_fork_too) {
+TEST_F(MethodStartThread, its_stack_is_kept_no_longer_behind_a_failed_fork) {
   claim();
   fork_fails = true;
   fakes.madvise = [&](void*, size_t, int advice) {
-    calls.push_back(advice == MADV_DOFORK ? "show" : "hide");
+    calls.push_back(advice == MADV_KEEPONFORK ? "keep" : "wipe");
     return 0;
   };
   supervise(2);
-  EXPECT_EQ(calls, (Calls{"show", "fork", "hide"}));
+  EXPECT_EQ(calls, (Calls{"keep", "fork", "wipe"}));
 }
 
-TEST_F(MethodStartThread, a_stack_that_cannot_be_shown_is_a_failed_fork) {
+TEST_F(MethodStartThread, a_stack_that_cannot_be_kept_is_a_failed_fork) {
   claim();
   fakes.madvise = [](void*, size_t, int) { return -1; };
   supervise(2);

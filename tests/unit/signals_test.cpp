@@ -13,10 +13,13 @@ class Signals : public testing::Test {
   Signals() {
     sigaction(SIGCHLD, nullptr, &child_before_);
     sigaction(SIGPIPE, nullptr, &pipe_before_);
+    sigaction(SIGSEGV, nullptr, &crash_before_);
+    signal(SIGSEGV, SIG_DFL);
   }
   ~Signals() override {
     sigaction(SIGCHLD, &child_before_, nullptr);
     sigaction(SIGPIPE, &pipe_before_, nullptr);
+    sigaction(SIGSEGV, &crash_before_, nullptr);
   }
 
   static sighandler_t handler_of(int number) {
@@ -28,6 +31,7 @@ class Signals : public testing::Test {
  private:
   struct sigaction child_before_;
   struct sigaction pipe_before_;
+  struct sigaction crash_before_;
 };
 
 void handle(int) {}
@@ -64,4 +68,11 @@ TEST_F(Signals, what_the_bus_library_ignores_is_not_ignored_in_children) {
   signals_give_back();
   EXPECT_EQ(handler_of(SIGCHLD), SIG_DFL);
   EXPECT_EQ(handler_of(SIGPIPE), SIG_DFL);
+}
+
+TEST_F(Signals, a_crash_of_a_child_is_not_reported_as_the_daemons) {
+  signals_take_over();
+  signal(SIGSEGV, handle);
+  signals_give_back();
+  EXPECT_EQ(handler_of(SIGSEGV), SIG_DFL);
 }

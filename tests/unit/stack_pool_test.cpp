@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// stack_pool_test.cpp: stacks in blocks that a child process does not get, but for the one that is shown.
+// stack_pool_test.cpp: stacks in blocks that a child process finds empty, but for the one that is kept.
 //
 // The pool lasts as long as the process, so each test first takes what earlier ones left in it.
 #include "common/stack-pool.h"
@@ -44,17 +44,17 @@ class StackPool : public FakedTest {
 
 }  // namespace
 
-TEST_F(StackPool, a_block_is_one_private_mapping_of_64_stacks_that_takes_memory_as_it_is_used) {
+TEST_F(StackPool, a_block_is_one_private_mapping_of_256_stacks_that_takes_memory_as_it_is_used) {
   first_of_a_new_block();
   ASSERT_EQ(maps.size(), 1U);
-  EXPECT_EQ(maps[0].size, 64 * pool_stack_size);
+  EXPECT_EQ(maps[0].size, 256 * pool_stack_size);
   EXPECT_EQ(maps[0].protection, PROT_READ | PROT_WRITE);
   EXPECT_EQ(maps[0].flags, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK);
 }
 
-TEST_F(StackPool, a_block_gives_64_stacks_that_do_not_overlap) {
+TEST_F(StackPool, a_block_gives_256_stacks_that_do_not_overlap) {
   char* const first = first_of_a_new_block();
-  for (size_t i = 1; i < 64; ++i) EXPECT_EQ(stack_take(), first + i * pool_stack_size) << i;
+  for (size_t i = 1; i < 256; ++i) EXPECT_EQ(stack_take(), first + i * pool_stack_size) << i;
   EXPECT_EQ(maps.size(), 1U);
   EXPECT_NE(stack_take(), nullptr);
   EXPECT_EQ(maps.size(), 2U) << "the 65th stack is from the next block";
@@ -85,7 +85,7 @@ TEST_F(StackPool, stacks_that_were_given_back_are_taken_first) {
 
 TEST_F(StackPool, without_memory_for_a_block_there_is_no_stack_and_later_there_is) {
   first_of_a_new_block();
-  for (int i = 1; i < 64; ++i) stack_take();
+  for (int i = 1; i < 256; ++i) stack_take();
   no_memory = true;
   EXPECT_EQ(stack_take(), nullptr);
   EXPECT_EQ(stack_take(), nullptr);
@@ -125,56 +125,73 @@ TEST_F(StackPool, taking_and_giving_back_hold_the_pools_mutex) {
   EXPECT_EQ(std::set<pthread_mutex_t*>(locks.begin(), locks.end()).size(), 1U);
 }
 
-TEST_F(StackPool, a_whole_block_is_hidden_from_children) {
+TEST_F(StackPool, a_whole_block_is_left_empty_in_children) {
   std::vector<std::pair<size_t, int>> advices;
   fakes.madvise = [&](void* where, size_t size, int advice) {
     advices.push_back({size, advice});
     return __real_madvise(where, size, advice);
   };
   first_of_a_new_block();
-  EXPECT_EQ(advices, (std::vector<std::pair<size_t, int>>{{64 * pool_stack_size, MADV_DONTFORK}}));
+  EXPECT_EQ(advices, (std::vector<std::pair<size_t, int>>{{256 * pool_stack_size, MADV_WIPEONFORK}}));
 }
 
-TEST_F(StackPool, showing_and_hiding_say_when_they_fail) {
+TEST_F(StackPool, keeping_says_when_it_fails) {
   void* const stack = first_of_a_new_block();
-  EXPECT_EQ(stack_show_to_children(stack), 0);
-  EXPECT_EQ(stack_hide_from_children(stack), 0);
+  EXPECT_EQ(stack_keep_for_child(stack), 0);
+  EXPECT_EQ(stack_keep_for_parent_only(stack), 0);
   fakes.madvise = [](void*, size_t, int) { return -1; };
-  EXPECT_EQ(stack_show_to_children(stack), -1);
-  EXPECT_EQ(stack_hide_from_children(stack), -1);
+  EXPECT_EQ(stack_keep_for_child(stack), -1);
+  EXPECT_EQ(stack_keep_for_parent_only(stack), -1);
 }
 
-TEST_F(StackPool, a_child_gets_the_stack_that_is_shown_and_no_other) {
-  char* const shown = first_of_a_new_block();
-  char* const hidden = static_cast<char*>(stack_take());
-  ASSERT_EQ(stack_show_to_children(shown), 0);
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
+TEST_F(StackPool, a_child_finds_what_is_on_the_stack_that_is_kept_and_on_no_other) {
+  char* const kept = first_of_a_new_block();
+  char* const kept_no_longer = static_cast<char*>(stack_take());
+  char* const other = static_cast<char*>(stack_take());
+  ASSERT_EQ(stack_keep_for_child(kept), 0);
+  ASSERT_EQ(stack_keep_for_child(kept_no_longer), 0);
+  ASSERT_EQ(stack_keep_for_parent_only(kept_no_longer), 0);
+  kept[pool_stack_size - 1] = 1;
+  kept_no_longer[0] = 2;
+  other[0] = 4;
   const pid_t child = fork();
-  if (child == 0) {
-    // The kernel says of each page whether it is there, without a fault.
-    const bool has_shown = write(ends[1], shown + pool_stack_size - 1, 1) == 1;
-    const bool has_hidden = write(ends[1], hidden, 1) == 1;
-    _exit((has_shown ? 1 : 0) + (has_hidden ? 2 : 0));
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  close(ends[0]);
-  close(ends[1]);
-  EXPECT_EQ(WEXITSTATUS(status), 1);
-}
-
-TEST_F(StackPool, a_stack_that_is_hidden_again_stays_with_its_process) {
-  char* const stack = first_of_a_new_block();
-  ASSERT_EQ(stack_show_to_children(stack), 0);
-  ASSERT_EQ(stack_hide_from_children(stack), 0);
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  const pid_t child = fork();
-  if (child == 0) _exit(write(ends[1], stack, 1) == 1 ? 1 : 0);
+  if (child == 0) _exit(kept[pool_stack_size - 1] + kept_no_longer[0] + other[0]);
   int status = -1;
   waitpid(child, &status, 0);
-  close(ends[0]);
-  close(ends[1]);
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(status, 1 << 8) << "the child must end by itself, with the sum of what it found";
+}
+
+// The C library's fork writes, in the child, to the neighbours of the forking thread in its list of threads.
+TEST_F(StackPool, a_thread_among_others_can_fork) {
+  struct Turn {
+    void* stack;
+    int status;
+    sem_t go;
+  };
+  static constexpr auto body = [](void* data) -> void* {
+    auto* turn = static_cast<Turn*>(data);
+    while (sem_wait(&turn->go) != 0) {
+    }
+    stack_keep_for_child(turn->stack);
+    const pid_t child = fork();
+    if (child == 0) _exit(7);
+    waitpid(child, &turn->status, 0);
+    return nullptr;
+  };
+  Turn turns[3];
+  pthread_t threads[3];
+  for (int i = 0; i < 3; ++i) {
+    turns[i] = {.stack = stack_take(), .status = -1, .go = {}};
+    sem_init(&turns[i].go, 0, 0);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, turns[i].stack, pool_stack_size);
+    ASSERT_EQ(pthread_create(&threads[i], &attributes, body, &turns[i]), 0);
+    pthread_attr_destroy(&attributes);
+  }
+  for (int i = 0; i < 3; ++i) {
+    sem_post(&turns[i].go);
+    pthread_join(threads[i], nullptr);
+    EXPECT_EQ(turns[i].status, 7 << 8);
+  }
 }
