@@ -7,10 +7,14 @@
 // left to the bus library, which ends the process.
 #include "cs/bus.h"
 
+#include <unistd.h>
+
 #include "common/bus.h"
 #include "common/logger.h"
 #include "cs/plugin-registry.h"
 
+static constexpr useconds_t memory_pause_microseconds = 1000;
+static constexpr long most_descriptors_of_a_message = 253;  // SCM_MAX_FD of unix(7): no message carries more
 static constexpr const char* service_name = "com.corvane.ControlServer";
 
 static const char* watch_kind(unsigned flags) {
@@ -54,6 +58,7 @@ void ccs_get_system_conn(BusState* bus) {
     }
   }
   if (!bus->connection) ccs_fatal_exit();
+  dbus_connection_set_max_message_unix_fds(bus->connection, most_descriptors_of_a_message);
 }
 
 // The functions for removal and toggling are deliberately crossed: both only leave a line in the log, and
@@ -73,7 +78,8 @@ void ccs_request_service_name(BusState* bus) {
   {
     BusError error;
     log_debug("Request service name: %s\n", service_name);
-    result = dbus_bus_request_name(bus->connection, service_name, DBUS_NAME_FLAG_REPLACE_EXISTING, error.get());
+    result =
+        dbus_bus_request_name(bus->connection, service_name, DBUS_NAME_FLAG_REPLACE_EXISTING, error.get());
     if (result == -1) log_debug("{EE} dbus_bus_request_name(): %s\n", error.message());
   }
   if (result == -1) ccs_fatal_exit();
@@ -89,14 +95,19 @@ void ccs_build_read_set(const BusState* bus, fd_set* readable) {
   FD_SET(bus->fd, readable);
 }
 
-void ccs_dispatch_all(DBusConnection* connection) {
+DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection) {
   dbus_connection_ref(connection);
-  while (dbus_connection_dispatch(connection) == DBUS_DISPATCH_DATA_REMAINS) {
-  }
+  DBusDispatchStatus status = DBUS_DISPATCH_DATA_REMAINS;
+  while (status == DBUS_DISPATCH_DATA_REMAINS) status = dbus_connection_dispatch(connection);
   dbus_connection_unref(connection);
+  return status;
+}
+
+void ccs_dispatch_held(DBusConnection* connection) {
+  while (ccs_dispatch_all(connection) == DBUS_DISPATCH_NEED_MEMORY) usleep(memory_pause_microseconds);
 }
 
 void ccs_serve_watch(const BusState* bus) {
   dbus_watch_handle(bus->watch, DBUS_WATCH_READABLE);
-  ccs_dispatch_all(bus->connection);
+  ccs_dispatch_held(bus->connection);
 }

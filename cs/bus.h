@@ -20,7 +20,10 @@ dbus_bool_t ccs_add_watch(DBusWatch* watch, void* data);
 void ccs_toggle_watch(DBusWatch* watch, void* data);
 void ccs_remove_watch(DBusWatch* watch, void* data);
 
-/** Connects to the bus that the session bus address in the environment names. */
+/**
+ * Connects to the bus that the session bus address in the environment names, ready for as many descriptors in
+ * a message as the bus lets through: the library gives up a connection on which more come than it expects.
+ */
 void ccs_get_system_conn(BusState* bus);
 
 /** Installs the watch functions; afterwards `bus` has its watch. */
@@ -35,8 +38,17 @@ void ccs_request_service_name(BusState* bus);
  */
 void ccs_build_read_set(const BusState* bus, fd_set* readable);
 
-/** Dispatches what the bus library holds until nothing remains or memory is short. */
-void ccs_dispatch_all(DBusConnection* connection);
+/**
+ * Dispatches what the bus library holds until nothing remains or memory is short.
+ * Returns DBUS_DISPATCH_COMPLETE or DBUS_DISPATCH_NEED_MEMORY.
+ */
+DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection);
+
+/**
+ * The same, again and again while memory is short: a call that the library holds must not wait there for
+ * somebody else's.
+ */
+void ccs_dispatch_held(DBusConnection* connection);
 
 /** Reads from the ready watch and dispatches what came. */
 void ccs_serve_watch(const BusState* bus);

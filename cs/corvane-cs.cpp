@@ -81,7 +81,7 @@ int main(int argc, char** argv) {
   const int descriptors = bus.fd + 1;
   log_debug("Start mainloop ...\n\n");
 
-  ccs_dispatch_all(bus.connection);  // what came during set-up must not wait for the next message
+  ccs_dispatch_held(bus.connection);  // what came during set-up must not wait for the next message
   for (;;) {
     if (select(descriptors, &readable, nullptr, nullptr, nullptr) < 1) {
       log_debug("{II} Timeout or error occurrs during select() ...\n");

@@ -275,7 +275,6 @@ def test_whatever_fails_in_a_command_it_ends_and_leaves_nothing_that_hangs(bare,
 # ---- more than one at a time ----
 
 
-@pytest.mark.xfail(strict=True, reason="a message that memory was too short to read waits for the next one's bytes")
 @pytest.mark.parametrize("length", [20_000, 300_000])
 def test_a_call_that_memory_is_too_short_to_read_is_read_as_soon_as_there_is_memory(bare, length):
     bare.start_bus()

@@ -718,7 +718,6 @@ def test_a_hostile_caller_harms_nobody(ground, name):
            growth=f"{growth // 1024} KiB in {runs} runs")
 
 
-@pytest.mark.xfail(strict=True, reason="the bus library gives up a connection on which more than 16 descriptors come")
 def test_a_message_of_as_many_descriptors_as_the_kernel_carries_ends_nobody(bare):
     ground = Ground(bare, '<limit name="max_message_unix_fds">250</limit>')
     client = ground.client()

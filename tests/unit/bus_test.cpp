@@ -45,6 +45,14 @@ class Bus : public FakedTest {
       EXPECT_EQ(on, connection);
       calls.push_back("unref");
     };
+    fakes.usleep = [this](useconds_t microseconds) {
+      calls.push_back("usleep " + std::to_string(microseconds));
+      return 0;
+    };
+    fakes.dbus_connection_set_max_message_unix_fds = [this](DBusConnection* on, long most) {
+      EXPECT_EQ(on, connection);
+      calls.push_back("at most " + std::to_string(most) + " descriptors");
+    };
     fakes.dbus_watch_handle = [this](DBusWatch* watch, unsigned flags) {
       EXPECT_EQ(watch, as_watch(&readable));
       calls.push_back("handle " + std::to_string(flags));
@@ -167,7 +175,7 @@ TEST_F(Bus, the_connection_is_asked_for_as_the_session_bus) {
   ccs_get_system_conn(&bus);
   EXPECT_EQ(bus.connection, connection);
   EXPECT_EQ(log.text(), "");
-  EXPECT_EQ(calls, (Calls{}));
+  EXPECT_EQ(calls, (Calls{"at most 253 descriptors"}));
 }
 
 TEST_F(BusDeathTest, an_error_while_connecting_is_logged_and_fatal) {
@@ -356,14 +364,21 @@ TEST_F(BusDeathTest, a_descriptor_that_select_cannot_hold_is_fatal) {
 TEST_F(Bus, dispatching_goes_on_while_data_remains) {
   results = {DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_COMPLETE,
              DBUS_DISPATCH_DATA_REMAINS};
-  ccs_dispatch_all(connection);
+  EXPECT_EQ(ccs_dispatch_all(connection), DBUS_DISPATCH_COMPLETE);
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "dispatch", "dispatch", "unref"}));
 }
 
 TEST_F(Bus, dispatching_stops_when_memory_is_short) {
   results = {DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_DATA_REMAINS};
-  ccs_dispatch_all(connection);
+  EXPECT_EQ(ccs_dispatch_all(connection), DBUS_DISPATCH_NEED_MEMORY);
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref"}));
+}
+
+TEST_F(Bus, what_memory_was_too_short_for_is_tried_again_after_a_millisecond) {
+  results = {DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_NEED_MEMORY};
+  ccs_dispatch_held(connection);
+  EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "usleep 1000", "ref", "dispatch", "dispatch", "unref",
+                          "usleep 1000", "ref", "dispatch", "unref"}));
 }
 
 TEST_F(Bus, a_ready_watch_is_handled_as_readable_and_then_dispatched) {
@@ -371,6 +386,14 @@ TEST_F(Bus, a_ready_watch_is_handled_as_readable_and_then_dispatched) {
   results = {DBUS_DISPATCH_DATA_REMAINS};
   ccs_serve_watch(&bus);
   EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "dispatch", "unref"}));
+}
+
+TEST_F(Bus, a_ready_watch_leaves_nothing_held) {
+  ccs_add_watch(as_watch(&readable), &bus);
+  results = {DBUS_DISPATCH_NEED_MEMORY};
+  ccs_serve_watch(&bus);
+  EXPECT_EQ(calls,
+            (Calls{"handle 1", "ref", "dispatch", "unref", "usleep 1000", "ref", "dispatch", "unref"}));
 }
 
 TEST_F(Bus, a_watch_that_could_not_be_handled_is_dispatched_all_the_same) {

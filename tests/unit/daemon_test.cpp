@@ -177,6 +177,16 @@ TEST_F(ReadSymlink, the_buffer_starts_at_16_bytes_and_doubles_until_the_target_f
   }
 }
 
+TEST_F(ReadSymlink, a_buffer_is_freed_before_the_next_is_taken) {
+  MemoryBook memory;
+  const auto take = fakes.malloc;
+  fakes.malloc = [&](size_t size) {
+    EXPECT_EQ(memory.blocks_left(), 0U) << "when " << size << " bytes are taken";
+    return take(size);
+  };
+  EXPECT_EQ(read(std::string(40, 't')), std::string(40, 't'));
+}
+
 TEST_F(ReadSymlink, the_given_path_is_read) {
   std::vector<std::string> paths;
   fakes.readlink = [&](const char* path, char* buffer, size_t size) {

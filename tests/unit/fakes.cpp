@@ -165,6 +165,8 @@ FAKED(dbus_bool_t, dbus_connection_send,
       (DBusConnection * connection, DBusMessage* message, dbus_uint32_t* serial),
       (connection, message, serial))
 FAKED(void, dbus_connection_flush, (DBusConnection * connection), (connection))
+FAKED(void, dbus_connection_set_max_message_unix_fds, (DBusConnection * connection, long most),
+      (connection, most))
 FAKED(DBusMessage*, dbus_message_new_method_return, (DBusMessage * call), (call))
 FAKED(void, dbus_error_free, (DBusError * error), (error))
 

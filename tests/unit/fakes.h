@@ -65,6 +65,7 @@ struct Fakes {
   std::function<dbus_bool_t(DBusWatch*, unsigned)> dbus_watch_handle;
   std::function<dbus_bool_t(DBusConnection*, DBusMessage*, dbus_uint32_t*)> dbus_connection_send;
   std::function<void(DBusConnection*)> dbus_connection_flush;
+  std::function<void(DBusConnection*, long)> dbus_connection_set_max_message_unix_fds;
   std::function<DBusMessage*(DBusMessage*)> dbus_message_new_method_return;
   std::function<bool()> dbus_message_append_args_fails;
   std::function<void(DBusError*)> dbus_error_free;

@@ -162,6 +162,16 @@ TEST_F(LogOpen, a_device_is_opened_and_not_moved) {
   EXPECT_FALSE(exists(path + ".old"));
 }
 
+TEST_F(LogOpen, a_link_to_a_regular_file_is_moved_and_the_file_kept) {
+  const std::string file = directory.file("elsewhere", "of the last run\n");
+  const std::string path = directory.path("log");
+  ASSERT_EQ(symlink(file.c_str(), path.c_str()), 0);
+  const LoggerOwner logger = open(path);
+  EXPECT_EQ(contents_of(path), "");
+  EXPECT_EQ(contents_of(path + ".old"), "of the last run\n");
+  EXPECT_EQ(contents_of(file), "of the last run\n");
+}
+
 TEST_F(LogOpen, a_path_in_a_missing_directory_gives_a_silent_logger) {
   const LoggerOwner logger = open(directory.path("missing/log"));
   ASSERT_NE(logger, nullptr);
