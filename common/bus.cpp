@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: MIT
 // bus.cpp: a reply is built, sent and flushed before the handler returns.
 //
-// The main loop serves the readable side of the connection only, so everything that leaves the daemon
-// leaves through the flush here.
+// The main loop serves the readable side of the connection only, so whoever sends has to flush.
 #include "common/bus.h"
+
+#include <unistd.h>
 
 #include "common/logger.h"
 
-static constexpr int most_attempts = 3;
+static constexpr int most_attempts = 1000;
+static constexpr useconds_t pause_microseconds = 1000;
 
 static bool try_to_reply(DBusConnection* connection, DBusMessage* call, int type, const void* value) {
   const MessageOwner reply(dbus_message_new_method_return(call));
@@ -16,13 +18,12 @@ static bool try_to_reply(DBusConnection* connection, DBusMessage* call, int type
 }
 
 void bus_reply(DBusConnection* connection, DBusMessage* call, int type, const void* value) {
-  int attempts = 1;
-  while (!try_to_reply(connection, call, type, value)) {
-    if (attempts == most_attempts) {
+  for (int attempt = 1; !try_to_reply(connection, call, type, value); ++attempt) {
+    if (attempt == most_attempts) {
       log_debug("{EE} Unable to reply to %s\n", dbus_message_get_member(call));
       return;
     }
-    ++attempts;
+    usleep(pause_microseconds);
   }
   dbus_connection_flush(connection);
 }

@@ -33,6 +33,6 @@ class BusError {
  * flushes `connection`. Both stay the caller's. Main thread, from a message handler.
  *
  * The bus library fails here only when memory is short; a caller without an answer would wait out its
- * time-out, so the answer is tried a few times before it is given up with a line in the log.
+ * time-out, so the answer is tried for a second before it is given up with a line in the log.
  */
 void bus_reply(DBusConnection* connection, DBusMessage* call, int type, const void* value);

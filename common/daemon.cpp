@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // daemon.cpp: one daemon at a time, found again by its pid file.
 //
-// A pid in a file proves nothing by itself, so it is compared with the executable that the process runs.
+// A pid in a file proves nothing by itself, so the executable of that process is compared with our own.
 // Everything here but the crash report happens before the daemon has threads. Results that no caller could
 // act on are deliberately not looked at: what matters is said in the log.
 #include "common/daemon.h"
@@ -70,7 +70,8 @@ int daemon_get_pid(const char* pidfile, Logger* logger) {
   sleep(pid_file_settling_seconds);
 
   long long pid;  // wide enough that no number is taken for another one on either target
-  if (fscanf(file.get(), "%lld", &pid) != 1) return 0;
+  if (fscanf(file.get(), "%lld", &pid) != 1)
+    return 0;  // NOLINT(cert-err34-c): too long a number aborts below
   const TextOwner own = read_symlink("/proc/self/exe", logger);
   char exe_link[exe_link_size];
   text_format(exe_link, sizeof exe_link, "/proc/%lld/exe", pid);

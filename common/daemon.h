@@ -6,7 +6,7 @@
 #include "common/text.h"
 
 // Every function here writes its messages through `logger`, without a level test; a null logger stands for a
-// fresh one on "stderr".
+// fresh one on "stderr". Only the message of a link that outgrew the memory goes to standard error itself.
 
 /**
  * The target of the symbolic link `path` (readlink(2)), however long it is.
@@ -17,10 +17,11 @@ TextOwner read_symlink(const char* path, Logger* logger);
 /**
  * The pid of the running daemon that `pidfile` names, or 0 when the file is missing, holds no number, or
  * names a process that runs another executable. A process whose executable cannot be read, a dead one
- * included, counts as running: only the pid file's owner may declare it gone.
+ * included, counts as running until its pid file is removed.
  *
- * Takes 2 seconds whenever the file exists: a daemon that is just starting gets the time to write it. A
- * number of more than six characters ends the process (abort(3)). Main thread, before other threads exist.
+ * Takes 2 seconds whenever the file can be opened: a daemon that is just starting gets the time to write it.
+ * A number of more than six characters, a sign included, ends the process (abort(3)). Main thread, before
+ * other threads exist.
  */
 int daemon_get_pid(const char* pidfile, Logger* logger);
 
@@ -28,7 +29,7 @@ int daemon_get_pid(const char* pidfile, Logger* logger);
  * Makes the calling process a daemon: two forks and a session of its own (setsid(2)), "/" as directory, an
  * open umask, its pid in `pidfile`. The standard descriptors stay those of the shell.
  *
- * Returns in the daemon only, with the result of closing the pid file. The callers' process exits with 0 at
+ * Returns in the daemon only, with the result of closing the pid file. The caller's process exits with 0 at
  * once, also when the daemon then finds one running already or cannot write its pid file: it says so and
  * exits with 1. A fork that fails leaves its process going on in the child's place. Main thread, before
  * other threads exist.

@@ -22,7 +22,7 @@ Logger* plogger = nullptr;
 
 static constexpr size_t backup_name_size = 64;
 
-static FILE* open_file(const char* path, const char* mode) {
+static FILE* open_appending(const char* path, const char* mode) {
   FILE* file = fopen(path, mode);
   if (file) {
     const int descriptor = fileno(file);
@@ -42,12 +42,12 @@ static void open_log_file(Logger* logger) {
     char backup[backup_name_size];
     text_format(backup, sizeof backup, "%s.old", path);
     if (rename(path, backup) != 0) {
-      logger->fp = open_file(path, "a");
+      logger->fp = open_appending(path, "a");
       logger->write(logger, "Cannot move old log file from %s to %s\n", path, backup);
       return;
     }
   }
-  logger->fp = open_file(path, "w");
+  logger->fp = open_appending(path, "w");
 }
 
 Logger* log_open(const char* name) {
@@ -71,11 +71,10 @@ Logger* log_open(const char* name) {
 
 void log_write(Logger* logger, const char* format, ...) {
   if (!logger || !logger->fp) return;
-  const time_t now = time(nullptr);
+  flockfile(logger->fp);
+  const time_t now = time(nullptr);  // behind the lock, so that times in a log never go back
   struct tm local;
   localtime_r(&now, &local);
-
-  flockfile(logger->fp);
   fprintf(logger->fp, "%04d-%02d-%02d %02d:%02d:%02d:", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
           local.tm_hour, local.tm_min, local.tm_sec);
   va_list arguments;

@@ -13,7 +13,7 @@ struct Disposition {
   struct sigaction at_start;
 };
 
-static Disposition dispositions[] = {{SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}};
+static Disposition dispositions[] = {{SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}};
 
 void signals_take_over() {
   for (Disposition& disposition : dispositions) sigaction(disposition.signal, nullptr, &disposition.at_start);

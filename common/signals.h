@@ -3,9 +3,9 @@
 #pragma once
 
 /**
- * Remembers how SIGCHLD, SIGPIPE and SIGSEGV stand and sets SIGCHLD to its default, so that children can be
- * waited for although the daemon was started with SIGCHLD ignored (sigaction(2), waitpid(2)). Main thread,
- * once, before the bus library (which ignores SIGPIPE), the crash report and any thread.
+ * Remembers how SIGCHLD, SIGPIPE, SIGSEGV and SIGALRM stand and sets SIGCHLD to its default, so that children
+ * can be waited for although the daemon was started with SIGCHLD ignored (sigaction(2), waitpid(2)). Main
+ * thread, once, before the bus library (which ignores SIGPIPE), the crash report and any thread.
  */
 void signals_take_over();
 

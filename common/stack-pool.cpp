@@ -13,6 +13,8 @@
 #include <pthread.h>
 #include <sys/mman.h>
 
+#include <cerrno>
+
 namespace {
 
 constexpr size_t block_size = 256 * pool_stack_size;
@@ -31,6 +33,8 @@ bool map_block() {
                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
   if (block == MAP_FAILED) return false;
   madvise(block, block_size, MADV_WIPEONFORK);
+  madvise(block, block_size,
+          MADV_NOHUGEPAGE);  // a huge page would make 32 whole stacks of it at the first touch
   block_rest = static_cast<char*>(block);
   block_end = block_rest + block_size;
   return true;
@@ -65,10 +69,15 @@ void stack_return(void* stack) {
   pthread_mutex_unlock(&pool_mutex);
 }
 
+static int advise(void* stack, int advice) {
+  const bool taken = madvise(stack, pool_stack_size, advice) == 0;
+  return taken || errno == EINVAL ? 0 : -1;
+}
+
 int stack_keep_for_child(void* stack) {
-  return madvise(stack, pool_stack_size, MADV_KEEPONFORK);
+  return advise(stack, MADV_KEEPONFORK);
 }
 
 int stack_keep_for_parent_only(void* stack) {
-  return madvise(stack, pool_stack_size, MADV_WIPEONFORK);
+  return advise(stack, MADV_WIPEONFORK);
 }

@@ -5,9 +5,9 @@
 #include <cstddef>
 
 #ifdef __SANITIZE_THREAD__
-inline constexpr size_t pool_stack_size = 1024 * 1024;  // the sanitizer keeps its state on the stack
+inline constexpr size_t pool_stack_size = size_t{1024} * 1024;  // the sanitizer keeps its state on the stack
 #else
-inline constexpr size_t pool_stack_size = 64 * 1024;
+inline constexpr size_t pool_stack_size = size_t{64} * 1024;
 #endif
 
 /**
@@ -23,7 +23,8 @@ void stack_return(void* stack);
 /**
  * Says whether a child process finds what is on this stack (madvise(2), MADV_KEEPONFORK) or an empty one,
  * which is the default: a thread that forks keeps its own stack for the child before, and no longer after.
- * Returns 0, or -1 when memory is short. Any thread.
+ * Returns 0, or -1 when memory is short. Where the kernel does not know of this (before 4.14), every child
+ * finds everything. Any thread.
  */
 int stack_keep_for_child(void* stack);
 int stack_keep_for_parent_only(void* stack);

@@ -4,6 +4,6 @@
 
 /**
  * 1 after --verbose or -v, else 0. Written by the option parser before any thread exists, read by plugins.
- * The logger does not look at it: every line is written with or without it.
+ * The logger does not look at it: it is for what takes many lines.
  */
 inline int verbose = 0;

@@ -3,18 +3,21 @@
 //
 // One connection, one descriptor, one thread. The connection is asked for as the session bus although the
 // messages speak of the system bus: the deployment decides by the session bus address which bus that is.
-// Only the readable side is watched, because replies are flushed by whoever sends them. A lost connection is
-// left to the bus library, which ends the process.
+// Only the readable side is watched, because everything that is sent is flushed before the next wait. A lost
+// connection is left to the bus library, which ends the process.
 #include "cs/bus.h"
 
 #include <unistd.h>
+
+#include <cstdlib>
 
 #include "common/bus.h"
 #include "common/logger.h"
 #include "cs/plugin-registry.h"
 
 static constexpr useconds_t memory_pause_microseconds = 1000;
-static constexpr long most_descriptors_of_a_message = 253;  // SCM_MAX_FD of unix(7): no message carries more
+static constexpr int most_memory_pauses = 10000;
+static constexpr long most_descriptors = 253;  // SCM_MAX_FD of unix(7): no message carries more
 static constexpr const char* service_name = "com.corvane.ControlServer";
 
 static const char* watch_kind(unsigned flags) {
@@ -58,18 +61,24 @@ void ccs_get_system_conn(BusState* bus) {
     }
   }
   if (!bus->connection) ccs_fatal_exit();
-  dbus_connection_set_max_message_unix_fds(bus->connection, most_descriptors_of_a_message);
+
+  // The library gives up a connection on which a message brings more descriptors than it expects, or more
+  // come at once than the process may open: no caller shall be able to do that to the daemon.
+  dbus_connection_set_max_message_unix_fds(bus->connection, most_descriptors);
+  dbus_connection_set_max_received_unix_fds(bus->connection, most_descriptors);
 }
 
 // The functions for removal and toggling are deliberately crossed: both only leave a line in the log, and
 // readers of the log know a removal by the line "ccs_toggle_watch".
 void ccs_set_watch_functions(BusState* bus) {
-  const BusError error;  // never set by the call below, and its message is then null
-  if (!dbus_connection_set_watch_functions(bus->connection, ccs_add_watch, ccs_toggle_watch, ccs_remove_watch,
-                                           bus, nullptr)) {
-    log_debug("dbus_connection_set_watch_functions(): %s\n", error.message());
-    ccs_fatal_exit();
+  bool installed = false;
+  {
+    const BusError error;  // never set by the call below, and its message is then null
+    installed = dbus_connection_set_watch_functions(bus->connection, ccs_add_watch, ccs_toggle_watch,
+                                                    ccs_remove_watch, bus, nullptr) != 0;
+    if (!installed) log_debug("dbus_connection_set_watch_functions(): %s\n", error.message());
   }
+  if (!installed) ccs_fatal_exit();
   dbus_connection_dispatch(bus->connection);
 }
 
@@ -103,11 +112,25 @@ DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection) {
   return status;
 }
 
-void ccs_dispatch_held(DBusConnection* connection) {
-  while (ccs_dispatch_all(connection) == DBUS_DISPATCH_NEED_MEMORY) usleep(memory_pause_microseconds);
+void ccs_dispatch_and_flush(DBusConnection* connection) {
+  int pauses = 0;
+  do {
+    while (ccs_dispatch_all(connection) == DBUS_DISPATCH_NEED_MEMORY) {
+      if (++pauses == most_memory_pauses) {
+        log_debug("{EE} No memory for the next message\n");
+        exit(1);
+      }
+      usleep(memory_pause_microseconds);
+    }
+    dbus_connection_flush(connection);  // reads, too, while it waits for room
+  } while (dbus_connection_get_dispatch_status(connection) != DBUS_DISPATCH_COMPLETE);
+}
+
+bool ccs_is_ready(const BusState* bus, const fd_set* ready) {
+  return bus->fd >= 0 && bus->fd < FD_SETSIZE && FD_ISSET(bus->fd, ready);
 }
 
 void ccs_serve_watch(const BusState* bus) {
   dbus_watch_handle(bus->watch, DBUS_WATCH_READABLE);
-  ccs_dispatch_held(bus->connection);
+  ccs_dispatch_and_flush(bus->connection);
 }

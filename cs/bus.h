@@ -20,10 +20,7 @@ dbus_bool_t ccs_add_watch(DBusWatch* watch, void* data);
 void ccs_toggle_watch(DBusWatch* watch, void* data);
 void ccs_remove_watch(DBusWatch* watch, void* data);
 
-/**
- * Connects to the bus that the session bus address in the environment names, ready for as many descriptors in
- * a message as the bus lets through: the library gives up a connection on which more come than it expects.
- */
+/** Connects to the bus that the session bus address in the environment names. */
 void ccs_get_system_conn(BusState* bus);
 
 /** Installs the watch functions; afterwards `bus` has its watch. */
@@ -45,10 +42,14 @@ void ccs_build_read_set(const BusState* bus, fd_set* readable);
 DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection);
 
 /**
- * The same, again and again while memory is short: a call that the library holds must not wait there for
- * somebody else's.
+ * Leaves nothing with the bus library that the next wait could delay: dispatches, again after a pause while
+ * memory is short, and flushes the answers that the library gave itself. A shortage of ten seconds ends the
+ * process with status 1.
  */
-void ccs_dispatch_held(DBusConnection* connection);
+void ccs_dispatch_and_flush(DBusConnection* connection);
+
+/** Whether the watch's descriptor is in `ready`; a descriptor that no set can hold is in none. */
+bool ccs_is_ready(const BusState* bus, const fd_set* ready);
 
 /** Reads from the ready watch and dispatches what came. */
 void ccs_serve_watch(const BusState* bus);

@@ -2,13 +2,15 @@
 // corvane-cs.cpp: the control server of a multi-seat machine, from its command line to its main loop.
 //
 // The main thread sets everything up, step by step, and then serves the bus for ever: it alone touches the
-// connection, and every plugin's handler runs on it and answers at once. There is no orderly end: the
-// process is ended by a signal, by the bus library when the bus is gone, or by a crash, which is reported.
+// connection, and every plugin's handler runs on it and never waits for an actor. There is no orderly end:
+// the process is ended by a signal, by the bus library when the bus is gone, or by a crash, which is
+// reported.
 #include <dbus/dbus.h>
 #include <execinfo.h>
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 
@@ -26,18 +28,35 @@ static BusState bus = {.connection = nullptr, .watch = nullptr, .fd = -1};
 
 static constexpr unsigned most_seconds_of_a_crash_report = 2;
 
-// A crash may have left locks behind that its own report needs. The process must end all the same.
+// A crash may have left locks behind that its own report needs, or the report may crash. The process must end
+// all the same, as if it had been reported.
 static void give_up_crash_report(int) {
   unlink(pid_file_path);
   _exit(1);
 }
 
+// Lets a hung report, and a crash of the report itself, end in give_up_crash_report.
+static void limit_crash_report() {
+  sigset_t needed;
+  sigemptyset(&needed);
+  sigaddset(&needed, SIGSEGV);
+  sigaddset(&needed, SIGALRM);
+  pthread_sigmask(SIG_UNBLOCK, &needed, nullptr);
+
+  static std::atomic_flag is_limited;
+  if (is_limited.test_and_set()) return;  // threads that crash one after the other have the time of the first
+  signal(SIGALRM, give_up_crash_report);
+  alarm(most_seconds_of_a_crash_report);
+}
+
 // Reports a crash in whichever thread it happened, then ends the process. Calls stdio and exit from a signal
 // handler, knowingly: the process is lost already, and what it leaves behind is worth the try. Not static, so
 // that the report can name it.
-void segfault_handler(int) {
-  signal(SIGALRM, give_up_crash_report);
-  alarm(most_seconds_of_a_crash_report);
+void segfault_handler(int sig) {
+  static thread_local bool is_reporting = false;
+  if (is_reporting) give_up_crash_report(sig);
+  is_reporting = true;
+  limit_crash_report();
   log_error("Catch segfault signal.\n");
   log_backtrace(plogger);
   daemon_stop(pid_file_path, 0, plogger);
@@ -81,12 +100,12 @@ int main(int argc, char** argv) {
   const int descriptors = bus.fd + 1;
   log_debug("Start mainloop ...\n\n");
 
-  ccs_dispatch_held(bus.connection);  // what came during set-up must not wait for the next message
+  ccs_dispatch_and_flush(bus.connection);  // what came during set-up must not wait for the next message
   for (;;) {
     if (select(descriptors, &readable, nullptr, nullptr, nullptr) < 1) {
       log_debug("{II} Timeout or error occurrs during select() ...\n");
       continue;
     }
-    if (FD_ISSET(bus.fd, &readable)) ccs_serve_watch(&bus);
+    if (ccs_is_ready(&bus, &readable)) ccs_serve_watch(&bus);
   }
 }

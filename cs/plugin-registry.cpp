@@ -30,12 +30,15 @@ void ccs_register_objects(DBusConnection* connection, const DBusObjectPathVTable
       log_debug("{EE} Fail to initialize plugin:%s\n", plugin->name);
       ccs_fatal_exit();
     }
-    const BusError error;  // never set by the call below, and its message is then null
-    log_debug("path=%s\n", plugin->path);
-    if (!dbus_connection_register_object_path(connection, plugin->path, object_functions, plugin)) {
-      log_debug("{EE}dbus_connection_register_object_path(): %s\n", error.message());
-      ccs_fatal_exit();
+    bool registered = false;
+    {
+      const BusError error;  // never set by the call below, and its message is then null
+      log_debug("path=%s\n", plugin->path);
+      registered =
+          dbus_connection_register_object_path(connection, plugin->path, object_functions, plugin) != 0;
+      if (!registered) log_debug("{EE}dbus_connection_register_object_path(): %s\n", error.message());
     }
+    if (!registered) ccs_fatal_exit();
     dbus_connection_dispatch(connection);
   }
 }

@@ -3,10 +3,10 @@
 //
 // The main thread makes stations and queues events. Each station has one worker, which runs the events'
 // procedures strictly one after another and holds the station's mutex all the time but while it waits: so
-// nothing can be queued between its last look at the queue and its wait. Each start makes a thread of its
-// own, which launches the actor, waits for it and launches it again; the worker goes on to the next event
-// only when that thread has made its first launch or has ended, so that a stop finds the child of the start
-// before it.
+// nothing can be queued between its last look at the queue and its wait. Each start that is not refused makes
+// a thread of its own, which launches the actor, waits for it and launches it again; the worker goes on to
+// the next event only when that thread has made its first launch or has ended, so that a stop finds the child
+// of the start before it.
 //
 // No thread is joined or detached, and no station is ever removed: what one thread can reach stays valid.
 // Nothing here ends an actor but a stop; the process may end at any time.
@@ -222,8 +222,8 @@ int add_station_event(EventOwner& event, int display_num) {
   return 0;
 }
 
-void* process_station_events(void* data) {
-  auto* station = static_cast<Station*>(data);
+void* process_station_events(void* worker_station) {
+  auto* station = static_cast<Station*>(worker_station);
   log_debug("Thread for Display %d started...\n", station->display_num);
   const MutexHold hold(station->mutex);
   for (;;) {
@@ -244,7 +244,7 @@ void* process_station_events(void* data) {
 static bool add_argument(char** argv, int* count, const char* text) {
   argv[*count] = strdup(text);
   if (!argv[*count]) return false;
-  argv[++*count] = nullptr;
+  argv[++*count] = nullptr;  // NOLINT(clang-analyzer-unix.Malloc): see replace_argument
   return true;
 }
 
@@ -335,8 +335,8 @@ static void mark_idle(ActorGroup& group, unsigned number) {
   if (group.newest == number) group.is_running = 0;
 }
 
-void* method_start_thread(void* data) {
-  Owned<ThreadStart> start(static_cast<ThreadStart*>(data));
+void* method_start_thread(void* thread_start) {
+  Owned<ThreadStart> start(static_cast<ThreadStart*>(thread_start));
   LaunchNotice notice(start->launched);
   const unsigned number = start->number;
   void* stack = start->stack;
@@ -369,8 +369,8 @@ void* method_start_thread(void* data) {
   for (;;) {
     char* argv[most_arguments + 1];
     if (dm_expand_argv(actor, display_num, argv) != 0) {
-      log_debug("{DM} Unable to allocate memory\n");
       mark_idle(group, number);
+      log_debug("{DM} Unable to allocate memory\n");
       return nullptr;
     }
     for (char** argument = argv; *argument; ++argument) {
@@ -392,9 +392,8 @@ void* method_start_thread(void* data) {
         return nullptr;
       }
     }
-    // The number of the thread, not of the child, tells: the system may have given a dead child's number to
-    // the child of the newer thread.
-    if (group.newest != number) {
+    // The child's number alone does not tell: the system may have given it to the child of a newer thread.
+    if (group.newest != number || (child > 0 && group.child_pid != child)) {
       log_debug(
           "Another process on the same actor group has been started: %d. Exit from the current thread\n",
           group.child_pid.load());
@@ -404,8 +403,8 @@ void* method_start_thread(void* data) {
   }
 }
 
-void* init_group_thread(void* data) {
-  Owned<ThreadStart> start(static_cast<ThreadStart*>(data));
+void* init_group_thread(void* thread_start) {
+  Owned<ThreadStart> start(static_cast<ThreadStart*>(thread_start));
   const LaunchNotice notice(start->launched);
   const int display_num = start->event.display_num;
   const int actor_code = start->event.actor_code;
@@ -450,21 +449,23 @@ void proc_method_start(Station* station, StationEvent* event) {
   int rc = 0;
   {
     // The hold makes one step of the test and the claim: an older thread of the group that is just about to
-    // launch again either has done so, and this start is refused, or finds that the group is taken.
+    // launch again either has done so, and this start is refused, or finds that the group is taken. The new
+    // thread's first launch waits for the hold.
     const MutexHold hold(group.child_mutex);
     log_debug("group:%d, is_running:%d\n", actor->group, group.is_running.load());
     if (group.is_running != 0) {
       log_debug("Sub thread of actor group for %d is already running.\n", actor->group);
-      [[maybe_unused]] const ThreadStart* left_behind = start.release();  // deliberately never freed
-      return;
+      [[maybe_unused]] const ThreadStart* left_behind = start.release();
+      return;  // NOLINT(clang-analyzer-unix.Malloc): the copy of a refused start is deliberately never freed
     }
     log_debug("Start method_start_thread for actor:%d\n", event->actor_code);
     if (actor->group == 0) {
       rc = create_group_thread(&group.thread, init_group_thread, start.get());
     } else {
       group.keep_alive = 1;
-      start->number = ++group.newest;
+      start->number = group.newest + 1;
       rc = create_group_thread(&group.thread, method_start_thread, start.get());
+      if (rc == 0) ++group.newest;
     }
   }
   if (rc != 0) {

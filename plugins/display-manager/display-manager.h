@@ -61,18 +61,20 @@ struct StationEvent {
 };
 using EventOwner = Owned<StationEvent>;
 
-/** What a station knows of one actor group. Nothing but signalling and recording a child takes a lock. */
+/** What a station knows of one actor group. */
 struct ActorGroup {
   pthread_t thread;  // the last one made; neither joined nor detached
 
-  // Written by the worker and by the newest supervising thread, read by both without a lock.
-  std::atomic<int> is_running;   // 1 from a launch to the next stop, also while a dead child's pause runs
+  // Written under child_mutex by the worker and the group's threads, which also read single ones without it.
+  std::atomic<int>
+      is_running;  // 1 from a launch to the next stop or failed launch, also in the pause of a dead child
   std::atomic<int> keep_alive;   // 1 from a start to the next stop
   std::atomic<pid_t> child_pid;  // 0: none; still a dead child's number during its pause
   std::atomic<unsigned> newest;  // number of the supervising thread that the group belongs to
 
-  // Held while a child is forked and recorded, signalled, or reaped: each of these sees the others done or
-  // not begun, so that a signal never meets a number that the system has given to somebody else.
+  // Held while the group is claimed for a new thread, and while a child is forked and recorded, signalled, or
+  // reaped: each of these sees the others done or not begun, so that a signal never meets a number that the
+  // system has given to somebody else.
   pthread_mutex_t child_mutex = PTHREAD_MUTEX_INITIALIZER;
   bool child_reaped;  // child_pid is a number only; guarded by child_mutex
 };
@@ -104,7 +106,7 @@ extern pthread_mutex_t station_table_mutex;
 
 /**
  * Makes sure that display `display_num` has a station with a running worker; `display` (copied) and
- * `station_type` are those of the first call. Lists all stations in the log while --verbose is set.
+ * `station_type` are those of the first call. With --verbose, a new station is logged with all the others.
  * Returns 0, or -1 with a line in the log when memory or threads are short: then nothing is left of the
  * station. Main thread.
  */
@@ -124,8 +126,8 @@ EventOwner dm_new_event(PluginContext* context, int kind);
  */
 int add_station_event(EventOwner& event, int display_num);
 
-/** Body of a station's worker; `station` is a Station. Never returns. */
-void* process_station_events(void* station);
+/** Body of a station's worker; `worker_station` is the Station. Never returns. */
+void* process_station_events(void* worker_station);
 
 // ---- actors -------------------------------------------------------------------------------------------
 
@@ -161,7 +163,9 @@ struct ThreadStart {
   void* stack;         // the thread's own, from the pool
 };
 
-/** Bodies of the threads that proc_method_start makes, for group 0 and for groups 1 to 3; `start` is a
- * ThreadStart from malloc. */
-void* init_group_thread(void* start);
-void* method_start_thread(void* start);
+/**
+ * Bodies of the threads that proc_method_start makes, for group 0 and for groups 1 to 3. `thread_start` is a
+ * ThreadStart from malloc, which they free first thing.
+ */
+void* init_group_thread(void* thread_start);
+void* method_start_thread(void* thread_start);

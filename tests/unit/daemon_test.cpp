@@ -487,6 +487,18 @@ TEST_F(DaemonStartDeathTest, with_a_daemon_running_it_says_so_and_exits_with_1) 
   EXPECT_EQ(contents_of(pid_file), std::to_string(getpid()));
 }
 
+TEST_F(DaemonStartDeathTest, a_daemon_may_run_as_process_1) {
+  directory.file("pid", "1");
+  EXPECT_EXIT(
+      {
+        fake_daemonising({0, 0});
+        fake_links("/bin/a", "/bin/a");
+        daemon_start(pid_file.c_str(), log_open("stderr"));
+        _exit(99);
+      },
+      ExitedWithCode(1), log_pattern({"already running"}));
+}
+
 TEST_F(DaemonStart, a_pid_file_of_another_program_is_written_over) {
   fake_daemonising({0, 0});
   fake_links("/bin/own", "/bin/other");

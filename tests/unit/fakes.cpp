@@ -196,7 +196,11 @@ MemoryBook::MemoryBook() {
   fakes.free = [this](void* memory) {
     {
       const std::lock_guard hold(mutex_);
-      blocks_.erase(memory);
+      const auto block = blocks_.find(memory);
+      if (block != blocks_.end()) {
+        memset(memory, 0xdd, block->second.size);  // so that nobody reads on unnoticed
+        blocks_.erase(block);
+      }
     }
     __real_free(memory);
   };
