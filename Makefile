@@ -5,13 +5,15 @@ presets = release clang debug asan tsan coverage fuzz
 daemon = build/release/cs/corvane-cs
 lints = lint-tidy lint-cppcheck lint-format lint-shell
 
-.PHONY: help demo check check-i386 coverage lint clean \
+.PHONY: help demo check check-i386 soak fuzz coverage lint clean \
         $(lints) $(addprefix build-,$(presets)) $(addprefix check-,$(presets))
 
 help:
 	@echo 'make demo        shows the daemon at its work, on a private bus'
 	@echo 'make check       runs all tests'
 	@echo 'make check-i386  runs all tests on a bare 32-bit Debian (as root)'
+	@echo 'make soak        runs the stress tests in their long form'
+	@echo 'make fuzz        runs every fuzz target for a minute; SECONDS=3600: for an hour'
 	@echo 'make coverage    runs all tests and shows what of the daemon they reach'
 	@echo 'make lint        runs clang-tidy, cppcheck, clang-format and shellcheck'
 	@echo 'make clean       removes everything that was built'
@@ -39,6 +41,15 @@ $(addprefix build-,$(presets)): build-%:
 
 $(addprefix check-,$(presets)): check-%: build-%
 	ctest --preset $*
+
+# The stress tests are short beside the other tests; here they last until something could wear out.
+soak: build-release
+	CORVANE_SOAK=1 ctest --preset release -L soak
+
+SECONDS = 60
+fuzz:
+	@tools/install-packages build fuzz
+	tests/fuzz/run $(SECONDS)
 
 # What an earlier run reached does not count. 95 of 100 lines are the least.
 coverage:

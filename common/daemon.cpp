@@ -103,7 +103,6 @@ int daemon_start(const char* pidfile, Logger* logger) {
 }
 
 int daemon_stop(const char* pidfile, int sig, Logger* logger) {
-  logger = usable(logger);
   if (sig > 0) {
     const pid_t pid = daemon_get_pid(pidfile, logger);
     if (pid > 0) kill(pid, sig);

@@ -53,11 +53,10 @@ void ccs_remove_watch(DBusWatch*, void*) {
 void ccs_get_system_conn(BusState* bus) {
   {
     BusError error;
-    DBusConnection* connection = dbus_bus_get(DBUS_BUS_SESSION, error.get());
+    bus->connection = dbus_bus_get(DBUS_BUS_SESSION, error.get());
     if (error.is_set()) {
       log_debug("{EE}Failed to connect system DBus: %s\n", error.message());
-    } else {
-      bus->connection = connection;
+      bus->connection = nullptr;
     }
   }
   if (!bus->connection) ccs_fatal_exit();

@@ -13,18 +13,25 @@ import signal
 import subprocess
 import time
 
+import pytest
 from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
 from jeepney.io.blocking import open_dbus_connection
 
 DAEMON = os.environ["CORVANE_BIN"]
 STAND_IN = os.environ["STAND_IN"]
 FAULTS = os.environ.get("FAULTS")
+SANITIZER = os.environ.get("CORVANE_SANITIZER")  # that the daemon is built with: address, thread; None
 LOG = "/var/log/corvane-cs.log"
 PID_FILE = "/var/run/corvane/corvane-cs.pid"
 NAME = "com.corvane.ControlServer"
 PATH = "/com/corvane/ControlServer"
 PROGRAMS = ("corvane-ls", "corvane-pfk", "corvane-x11-put-image", "corvane-xh")
 LINE = re.compile(r"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d):(?:([\w./-]+):(\d+):([^:]*): (DEBUG|ERROR): )?(.*)")
+
+
+def not_under_a_sanitizer(why, *sanitizers):
+    """Marks a story of what a sanitizer itself changes: any of them, or those that are named."""
+    return pytest.mark.skipif(SANITIZER in (sanitizers or ("address", "thread")), reason=why)
 
 
 class CallFailed(Exception):
@@ -324,6 +331,18 @@ class Machine:
             if int(parent) == self.daemon.pid and state not in "ZX":
                 children.append(int(pid))
         return sorted(children)
+
+    def threads(self):
+        """The daemon's threads, without the thread sanitizer's own: that one alone blocks signals."""
+        threads = {int(entry) for entry in os.listdir(f"/proc/{self.daemon.pid}/task")}
+        return {thread for thread in threads if not self.blocks_signals(thread)} if SANITIZER == "thread" else threads
+
+    def blocks_signals(self, thread):
+        try:
+            with open(f"/proc/{self.daemon.pid}/task/{thread}/status") as file:
+                return int(re.search(r"SigBlk:\s*(\w+)", file.read())[1], 16) != 0
+        except (FileNotFoundError, ProcessLookupError):
+            return True  # it has just ended
 
     def wait_gone(self, pid, seconds=10):
         self.wait(f"process {pid} to be gone", lambda: process_state(pid) is None, seconds)

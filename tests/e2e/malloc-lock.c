@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // malloc-lock.c: preloaded into the daemon, it lets a crash happen while the lock of the heap is held.
 //
-// From SIGUSR2 on whoever touches the heap waits for ever, as behind a lock whose owner is gone. A file of its
-// own, because a program that counts its memory cannot be run with it.
+// From SIGUSR2 on whoever touches the heap waits for ever, as behind a lock whose owner is gone. A file of
+// its own, because a program that counts its memory cannot be run with it.
 #include <signal.h>
 #include <stddef.h>
 #include <unistd.h>

@@ -5,15 +5,27 @@
 //   time=N                    it is N seconds after 1970-01-01
 //   fork=fail                 no process can be made
 //   select=interrupt          the first wait is interrupted
+//   select=nothing            the first wait ends with nothing ready
+//   select=other              the first wait ends with something ready that was not asked for
+//   select=late               when the first wait is over, there is one more readable watch, of a connection
+//   of its own
+//                             All of them write each new kind of wait into /run/waits and make /run/wait.N at
+//                             the N-th one, up to the third; /run/handled is made when a watch is handled.
 //   connect=narrow            sockets hold a few messages only until the other side reads
 //   get=nothing               there is no connection and no error
 //   get=prepared              there is none unless the bus library was prepared for threads before
+//   get=gate                  /run/gate is made before, and waited for until it is gone
 //   set_watch_functions=fail
-//   request_name=gate         /run/gate is made before the name is asked for, and waited for until it is gone
+//   request_name=gate         the same before the name is asked for
 //   register_object_path=N    the N-th fails
-//   send=N                    the first N messages cannot be sent
-//   fflush=hold               /run/held is made by the first thread but the main one that flushes a stream,
+//   register_object_path=try  the functions given are written into /run/functions, and that for the end is
+//   called send=N                    the first N messages cannot be sent fflush=hold               /run/held
+//   is made by the first thread but the main one that flushes a stream,
 //                             and the stream stays locked by it
+//   usleep=short              short pauses take no time to speak of
+//   unlink=gate               /run/gate is made before a file is removed, and waited for until it is gone
+//   symbols=crash             what writes the frames of a crash report writes through a null pointer
+//   symbols=hang              it never comes back
 #include <dbus/dbus.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -57,24 +69,76 @@ static void make(const char* path) {
   close(open(path, O_CREAT | O_WRONLY, 0600));
 }
 
+static void gate(void) {
+  make("/run/gate");
+  while (access("/run/gate", F_OK) == 0) usleep(1000);
+}
+
+static void append(const char* path, const char* text) {
+  int file = open(path, O_CREAT | O_WRONLY | O_APPEND, 0600);
+  if (write(file, text, strlen(text)) < 0) abort();
+  close(file);
+}
+
 seconds TIME(seconds* result) {
   const char* now = how("time");
-  return now ? (seconds)atoll(now) : REAL(seconds (*)(seconds*), TIME)(result);
+  return now ? (seconds)atoll(now) : REAL(seconds(*)(seconds*), TIME)(result);
 }
 
 pid_t fork(void) {
-  return how("fork") ? -1 : REAL(pid_t (*)(void), fork)();
+  return how("fork") ? -1 : REAL(pid_t(*)(void), fork)();
+}
+
+static DBusAddWatchFunction add_watch;
+static void* watch_data;
+
+static void add_late_watch(void) {
+  DBusConnection* connection = dbus_connection_open_private(getenv("DBUS_SESSION_BUS_ADDRESS"), NULL);
+  if (!connection ||
+      !dbus_connection_set_watch_functions(connection, add_watch, NULL, NULL, watch_data, NULL))
+    abort();
+}
+
+static void tell_wait(int count, const fd_set* readable, int others, int nth) {
+  static char told[256];
+  char text[256];
+  int length = snprintf(text, sizeof text, "count %d, %d other arguments, bits", count, others);
+  for (int bit = 0; bit < FD_SETSIZE && length < 200; ++bit) {
+    if (FD_ISSET(bit, readable)) length += snprintf(text + length, sizeof text - (size_t)length, " %d", bit);
+  }
+  snprintf(text + length, sizeof text - (size_t)length, "\n");
+  if (strcmp(text, told) != 0) append("/run/waits", strcpy(told, text));
+  char path[32];
+  snprintf(path, sizeof path, "/run/wait.%d", nth);
+  if (nth <= 3) make(path);
 }
 
 int SELECT(int count, fd_set* readable, fd_set* writable, fd_set* other, struct timeval* timeout) {
-  static int interrupted;
-  if (how("select") && !interrupted) {
-    interrupted = 1;
+  static int calls;
+  static fd_set first;
+  const char* word = how("select");
+  if (!word) word = "";
+  if (++calls == 1) first = *readable;
+  if (calls == 2 && *word == 'o') *readable = first;  // or it would wait for ever
+  if (*word) tell_wait(count, readable, !!writable + !!other + !!timeout, calls);
+  if (calls == 1 && *word == 'i') {
     errno = EINTR;
     return -1;
   }
-  return REAL(int (*)(int, fd_set*, fd_set*, fd_set*, struct timeval*), SELECT)(count, readable, writable, other,
-                                                                               timeout);
+  if (calls == 1 && *word == 'n') return 0;
+  if (calls == 1 && *word == 'o') {
+    FD_ZERO(readable);
+    return 1;
+  }
+  int result = REAL(int (*)(int, fd_set*, fd_set*, fd_set*, struct timeval*), SELECT)(
+      count, readable, writable, other, timeout);
+  if (calls == 1 && *word == 'l') add_late_watch();
+  return result;
+}
+
+dbus_bool_t dbus_watch_handle(DBusWatch* watch, unsigned flags) {
+  if (how("select")) make("/run/handled");
+  return REAL(dbus_bool_t(*)(DBusWatch*, unsigned), dbus_watch_handle)(watch, flags);
 }
 
 int connect(int socket, const struct sockaddr* address, socklen_t size) {
@@ -92,33 +156,43 @@ dbus_bool_t dbus_threads_init_default(void) {
 
 DBusConnection* dbus_bus_get(DBusBusType type, DBusError* error) {
   const char* word = how("get");
+  if (word && *word == 'g') gate();
   if (word && (*word == 'n' || !prepared)) return NULL;
   return REAL(DBusConnection * (*)(DBusBusType, DBusError*), dbus_bus_get)(type, error);
 }
 
 dbus_bool_t dbus_connection_set_watch_functions(DBusConnection* connection, DBusAddWatchFunction add,
-                                                DBusRemoveWatchFunction remove, DBusWatchToggledFunction toggled,
-                                                void* data, DBusFreeFunction free_data) {
+                                                DBusRemoveWatchFunction remove,
+                                                DBusWatchToggledFunction toggled, void* data,
+                                                DBusFreeFunction free_data) {
   if (how("set_watch_functions")) return FALSE;
+  add_watch = add;
+  watch_data = data;
   return REAL(dbus_bool_t(*)(DBusConnection*, DBusAddWatchFunction, DBusRemoveWatchFunction,
                              DBusWatchToggledFunction, void*, DBusFreeFunction),
               dbus_connection_set_watch_functions)(connection, add, remove, toggled, data, free_data);
 }
 
 int dbus_bus_request_name(DBusConnection* connection, const char* name, unsigned flags, DBusError* error) {
-  if (how("request_name")) {
-    make("/run/gate");
-    while (access("/run/gate", F_OK) == 0) usleep(1000);
-  }
-  return REAL(int (*)(DBusConnection*, const char*, unsigned, DBusError*), dbus_bus_request_name)(connection, name,
-                                                                                                 flags, error);
+  if (how("request_name")) gate();
+  return REAL(int (*)(DBusConnection*, const char*, unsigned, DBusError*), dbus_bus_request_name)(
+      connection, name, flags, error);
 }
 
 dbus_bool_t dbus_connection_register_object_path(DBusConnection* connection, const char* path,
                                                  const DBusObjectPathVTable* table, void* data) {
   static int calls;
-  const char* failing = how("register_object_path");
-  if (failing && ++calls == atoi(failing)) return FALSE;
+  const char* word = how("register_object_path");
+  if (word && *word == 't') {
+    char text[128];
+    snprintf(text, sizeof text, "%p: %d %d, %d\n", (const void*)table, table->unregister_function != NULL,
+             table->message_function != NULL,
+             table->dbus_internal_pad1 || table->dbus_internal_pad2 || table->dbus_internal_pad3 ||
+                 table->dbus_internal_pad4);
+    append("/run/functions", text);
+    table->unregister_function(connection, data);
+  }
+  if (word && ++calls == atoi(word)) return FALSE;
   return REAL(dbus_bool_t(*)(DBusConnection*, const char*, const DBusObjectPathVTable*, void*),
               dbus_connection_register_object_path)(connection, path, table, data);
 }
@@ -127,8 +201,8 @@ dbus_bool_t dbus_connection_send(DBusConnection* connection, DBusMessage* messag
   static int calls;
   const char* failing = how("send");
   if (failing && ++calls <= atoi(failing)) return FALSE;
-  return REAL(dbus_bool_t(*)(DBusConnection*, DBusMessage*, dbus_uint32_t*), dbus_connection_send)(connection, message,
-                                                                                                 serial);
+  return REAL(dbus_bool_t(*)(DBusConnection*, DBusMessage*, dbus_uint32_t*), dbus_connection_send)(
+      connection, message, serial);
 }
 
 int fflush(FILE* stream) {
@@ -137,4 +211,21 @@ int fflush(FILE* stream) {
     for (;;) pause();
   }
   return REAL(int (*)(FILE*), fflush)(stream);
+}
+
+int usleep(useconds_t time) {
+  return REAL(int (*)(useconds_t), usleep)(how("usleep") ? 1 : time);
+}
+
+int unlink(const char* path) {
+  if (how("unlink")) gate();
+  return REAL(int (*)(const char*), unlink)(path);
+}
+
+void backtrace_symbols_fd(void* const* frames, int count, int file) {
+  const char* word = how("symbols");
+  volatile int* volatile nowhere = NULL;
+  if (word && *word == 'c') *nowhere = 1;
+  while (word && *word == 'h') pause();
+  REAL(void (*)(void* const*, int, int), backtrace_symbols_fd)(frames, count, file);
 }

@@ -69,7 +69,9 @@ static void put_signals(FILE* out) {
       if (sigaction(number, NULL, &action) != 0) continue;
       int is_default = action.sa_handler == SIG_DFL;
       int is_ignored = action.sa_handler == SIG_IGN;
-      int applies = kind == 0 ? sigismember(&blocked, number) : kind == 1 ? is_ignored : !is_default && !is_ignored;
+      int applies = kind == 0   ? sigismember(&blocked, number)
+                    : kind == 1 ? is_ignored
+                                : !is_default && !is_ignored;
       if (!applies) continue;
       fprintf(out, "%s%d", separator, number);
       separator = ", ";
@@ -87,8 +89,8 @@ static void record(char** argv) {
   snprintf(final, sizeof final, "/run/actors/records/%d.json", getpid());
   FILE* out = fopen(draft, "w");
   if (!out) exit(111);
-  fprintf(out, "{\"pid\": %d, \"parent\": %d, \"session\": %d, \"started\": %lld.%09ld,\n", getpid(), getppid(),
-          getsid(0), (long long)now.tv_sec, now.tv_nsec);
+  fprintf(out, "{\"pid\": %d, \"parent\": %d, \"session\": %d, \"started\": %lld.%09ld,\n", getpid(),
+          getppid(), getsid(0), (long long)now.tv_sec, now.tv_nsec);
   char directory[4096];
   fputs("\"directory\": ", out);
   put_text(out, getcwd(directory, sizeof directory) ? directory : "");

@@ -146,6 +146,6 @@ def test_a_stop_in_the_pause_of_one_group_leaves_the_others_alone(machine):
     kill(machine, record)
     assert caller.stop(":1", "xhotkey") is True
     machine.wait_log(f"child_pid {record.pid}$")
-    assert process_state(other.pid) == "S"
+    machine.wait("an actor that sleeps on", lambda: process_state(other.pid) == "S")
     assert caller.stop(":1", "remote-login") is True
     machine.wait_gone(other.pid)

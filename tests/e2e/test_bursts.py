@@ -78,7 +78,7 @@ def test_a_stop_signals_the_child_alone_and_not_its_own_children(machine):
     assert caller.stop(":1", "xhotkey") is True
     machine.wait_log("keep_alive field is FALSE")
     machine.wait_gone(record.pid)
-    assert process_state(grandchild) == "S"
+    machine.wait("a grandchild that sleeps on", lambda: process_state(grandchild) == "S")
 
 
 def test_an_actor_that_daemonises_counts_as_dead_and_is_out_of_a_stops_reach(machine):
@@ -110,7 +110,7 @@ def test_actors_live_on_when_the_daemon_ends(machine):
     (record,) = machine.wait_records(1)
     machine.daemon.terminate()
     machine.daemon.wait(10)
-    assert process_state(record.pid) == "S"
+    machine.wait("an actor that sleeps on", lambda: process_state(record.pid) == "S")
 
 
 def test_a_stopped_child_is_no_dead_child_and_a_stop_waits_for_it(machine):

@@ -6,7 +6,7 @@ import signal
 
 import pytest
 from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
-from machine import NAME, CallFailed, meddled, plugin_call
+from machine import NAME, PATH, CallFailed, meddled, plugin_call
 
 BEGIN = [
     "cs/corvane-cs.cpp main: Initialize DBus connection and Watches ...",
@@ -33,6 +33,7 @@ GIVEN_UP = [
     "plugins/display-manager/dm-plugin.cpp dm_fin: Finalize DisplayManager plugin",
     "plugins/dummy/dummy-plugin.cpp dummy_fin: Finalize Dummy plugin()",
 ]
+DUMMY = DBusAddress(f"{PATH}/Dummy", bus_name=NAME, interface="org.freedesktop.DBus.Peer")
 INTERRUPTED = "cs/corvane-cs.cpp main: {II} Timeout or error occurrs during select() ..."
 REMOVAL = "cs/bus.cpp ccs_toggle_watch: {II} ccs_toggle_watch()"
 TOGGLE = "cs/bus.cpp ccs_remove_watch: {II} ccs_remove_watch()"
@@ -116,6 +117,18 @@ def test_an_object_that_cannot_be_registered_is_given_up(bare, nth, objects):
     process = bare.launch(environment=meddled(f"register_object_path={nth}"))
     assert_given_up(process, bare, BEGIN + [CONNECTED] + WATCHED + [NAMED] + objects + [
         "cs/plugin-registry.cpp ccs_register_objects: {EE}dbus_connection_register_object_path(): (null)"])
+
+
+def test_both_objects_are_registered_with_the_same_functions(bare):
+    bare.start_bus()
+    bare.start_daemon(environment=meddled("register_object_path=try"))
+    with open("/run/functions") as file:
+        first, second = file.readlines()
+    assert first == second
+    # The functions for the end and for messages are there, and nothing is in the four places behind them.
+    assert first.partition(": ")[2] == "1 1, 0\n"
+    assert bare.told().count("cs/plugin-registry.cpp ccs_object_unregister: {II}") == 2
+    assert bare.caller().hello() == "How are you?"
 
 
 # ---- the name ----
@@ -211,6 +224,60 @@ def test_an_interrupted_wait_is_logged_and_waited_again(bare):
     assert bare.told()[-3] == INTERRUPTED
 
 
+def wait_for_wait(machine, nth):
+    machine.wait(f"the daemon to wait for the {nth}th time", lambda: os.path.exists(f"/run/wait.{nth}"))
+
+
+def waits():
+    with open("/run/waits") as file:
+        return file.read()
+
+
+def test_a_wait_for_nothing_is_logged_and_waited_again(bare):
+    bare.start_bus()
+    bare.start_daemon(environment=meddled("select=nothing"))
+    wait_for_wait(bare, 2)
+    assert not os.path.exists("/run/handled")
+    assert bare.told()[-1] == INTERRUPTED
+    assert bare.caller().hello() == "How are you?"
+    assert bare.told().count(INTERRUPTED) == 1
+
+
+def test_a_wait_that_ends_for_another_descriptor_is_waited_again_without_a_word(bare):
+    bare.start_bus()
+    bare.start_daemon(environment=meddled("select=other"))
+    wait_for_wait(bare, 2)
+    assert not os.path.exists("/run/handled")
+    assert bare.told()[-1] == "cs/corvane-cs.cpp main: Start mainloop ..."
+    assert bare.caller().hello() == "How are you?"
+    assert os.path.exists("/run/handled")
+
+
+def test_a_wait_is_for_one_readable_descriptor_and_for_nothing_else(bare):
+    bare.start_bus()
+    bare.start_daemon(environment=meddled("select=nothing"))
+    caller = bare.caller()
+    for _ in range(3):
+        assert caller.hello() == "How are you?"
+    wait_for_wait(bare, 3)
+    assert "cs/bus.cpp ccs_add_watch: READ Watch on fd 4" in bare.told()
+    assert waits() == "count 5, 0 other arguments, bits 4\n"
+
+
+def test_a_readable_watch_that_comes_late_is_kept_but_neither_waited_for_nor_handled(bare):
+    bare.start_bus()
+    bare.start_daemon(environment=meddled("select=late"))
+    caller = bare.caller()
+    caller.send(plugin_call("Dummy", "HelloWorld"))
+    wait_for_wait(bare, 3)  # what came is never read, so no wait lasts
+    _, late = bare.wait_log(r"READ Watch on fd (\d+)$", 2)
+    assert int(late[1]) > 4
+    assert waits() == "count 5, 0 other arguments, bits 4\n"
+    assert not os.path.exists("/run/handled")
+    assert "HelloWorld" not in bare.log_text()
+    assert INTERRUPTED not in bare.told()
+
+
 def test_a_stopped_and_continued_daemon_serves_what_came_meanwhile(machine):
     caller = machine.caller()
     machine.daemon.send_signal(signal.SIGSTOP)
@@ -249,13 +316,21 @@ def test_a_descriptor_that_select_cannot_hold_is_given_up(bare):
         "cs/bus.cpp ccs_build_read_set: {EE} Watch on fd 1024 is beyond what select() can hold"])
 
 
-def test_replies_wait_for_a_bus_that_is_slow_and_none_is_lost(bare):
+@pytest.mark.parametrize("call, answer", [
+    (plugin_call("Dummy", "HelloWorld"), ("How are you?",)),
+    (new_method_call(DUMMY, "Ping"), ()),
+    (plugin_call("Dummy", "GoodbyeWorld"),
+     ('Method "GoodbyeWorld" with signature "" on interface "com.corvane.ControlServer.Dummy" doesn\'t exist\n',)),
+    (plugin_call("DisplayManager", "Start", "ss", ":1", "xhotkey"),
+     ('Method "Start" with signature "ss" on interface "com.corvane.ControlServer.DisplayManager" doesn\'t exist\n',)),
+], ids=["a plugin's", "the library's", "an unknown method's", "an unreadable call's"])
+def test_answers_wait_for_a_bus_that_is_slow_and_none_is_lost(bare, call, answer):
     bare.start_bus()
     daemon = bare.start_daemon(environment=meddled("connect=narrow"))
     caller = bare.caller()
     daemon.send_signal(signal.SIGSTOP)
     for _ in range(100):
-        caller.send(plugin_call("Dummy", "HelloWorld"))
+        caller.send(call)
     ask_bus(caller, "GetId")
     bare.bus.send_signal(signal.SIGSTOP)
     daemon.send_signal(signal.SIGCONT)
@@ -263,7 +338,7 @@ def test_replies_wait_for_a_bus_that_is_slow_and_none_is_lost(bare):
     assert TOGGLE in bare.told()
     bare.bus.send_signal(signal.SIGCONT)
     for _ in range(100):
-        assert caller.connection.receive(timeout=10).body == ("How are you?",)
+        assert caller.connection.receive(timeout=10).body == answer
 
 
 def test_when_the_bus_is_gone_the_daemon_ends_with_1_and_both_watches_are_removed(machine):

@@ -12,7 +12,7 @@ import subprocess
 import time
 
 import pytest
-from machine import DAEMON, LOG, PID_FILE, meddled, process_state, texts_of
+from machine import DAEMON, LOG, PID_FILE, meddled, not_under_a_sanitizer, process_state, texts_of
 
 PR_SET_CHILD_SUBREAPER = 36
 NO_PROCESS = 999999  # six digits, and far beyond the numbers of a machine that has just been started
@@ -175,6 +175,17 @@ def test_start_and_stop_in_one_command_leave_no_process(bare, adopted):
     assert os.listdir("/var/log") == []
 
 
+def test_two_starts_in_one_command_leave_no_process_and_the_first_ones_pid_file(bare, adopted):
+    begin = time.monotonic()
+    assert bare.daemonise("--start", "--start").returncode == 0
+    ended = dict(os.waitpid(-1, 0) for _ in range(4))
+    assert 2 <= time.monotonic() - begin < 8
+    assert ended.pop(int(bare.pid_file())) == 0  # the first daemon's, that the second start left
+    assert sorted(map(os.waitstatus_to_exitcode, ended.values())) == [0, 0, 1]
+    assert texts_of(bare.terminal()) == ["already running"]
+    assert os.listdir("/var/log") == []
+
+
 def test_a_start_that_cannot_fork_goes_on_in_the_process_that_the_shell_waits_for(bare):
     bare.start_bus()
     daemon = bare.start_daemon("--start", environment=meddled("fork=fail"))
@@ -302,6 +313,7 @@ def test_a_daemon_started_with_sigchld_ignored_supervises_and_its_actors_find_it
     assert signal.SIGCHLD in first.ignored
 
 
+@not_under_a_sanitizer("its own libraries are mapped, too")
 def test_no_more_is_mapped_than_the_executable_the_bus_library_and_the_c_runtime(machine):
     def library(path):
         return os.path.basename(path).split(".so")[0]

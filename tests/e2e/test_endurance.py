@@ -9,7 +9,7 @@ import statistics
 import time
 
 import pytest
-from machine import LOG
+from machine import LOG, not_under_a_sanitizer
 from stress import make_stations, report, size, time_limit
 
 pytestmark = time_limit
@@ -101,6 +101,7 @@ def endure(machine, what, cycles, cycle, last_line):
         assert min(last / first, last_busy / first_busy) <= MOST_SLOWDOWN
 
 
+@not_under_a_sanitizer("memory and time are its own as well")
 def test_the_last_cycles_cost_what_the_first_ones_did(one_processor, machine):
     caller = machine.caller()
     make_stations(caller, 1)

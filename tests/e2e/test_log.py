@@ -6,7 +6,7 @@ import stat
 import threading
 
 import pytest
-from machine import LINE, LOG, Line, meddled
+from machine import FAULTS, LINE, LOG, Line, meddled
 
 OLD = LOG + ".old"
 START = [
@@ -278,3 +278,16 @@ def test_a_running_daemon_writes_its_log_beyond_2_gib(machine):
     assert os.path.getsize(LOG) > 2 << 30
     assert tail(LOG, 500).endswith(": DEBUG: {DUMMY} dbus_dummy_hello_world: HelloWorld\n")
     os.truncate(LOG, 0)  # a failure would print all of it
+
+
+def test_without_memory_for_its_log_the_daemon_says_so_once_and_serves(bus):
+    os.mkdir("/run/faults")
+    bus.fail("memory")
+    bus.daemon = bus.launch(environment={"LD_PRELOAD": FAULTS})
+    caller = bus.caller()
+    bus.wait("the daemon to take its name", lambda: serves(caller))
+    assert not os.path.exists("/run/faults/memory")
+    assert caller.start(":1", "init-station") is True
+    bus.daemon.terminate()
+    assert bus.daemon.communicate(timeout=10) == ("", "insufficient memory\n")
+    assert os.listdir("/var/log") == []

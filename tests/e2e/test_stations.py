@@ -254,12 +254,11 @@ def test_without_verbose_no_station_is_listed(machine):
 
 def test_a_worker_is_made_once_for_each_display_and_stays(machine):
     caller = machine.caller()
-    threads = len(os.listdir(f"/proc/{machine.daemon.pid}/task"))
+    threads = len(machine.threads())
     for display in (":3", ":4", ":3", "host:4.0", ":3", ":4"):
         assert caller.start(display, "init-station") is True
     machine.wait_log("No action needed", 6)
-    machine.wait("the group threads to be gone",
-                 lambda: len(os.listdir(f"/proc/{machine.daemon.pid}/task")) == threads + 2)
+    machine.wait("the group threads to be gone", lambda: len(machine.threads()) == threads + 2)
     assert [text for text in machine.texts() if text.startswith("Thread for Display")] == [
         "Thread for Display 3 started...", "Thread for Display 4 started..."]
 

@@ -108,8 +108,7 @@ def test_the_supervision_of_an_actor_that_was_stopped_ends_with_it_and_nothing_c
     caller = machine.caller()
     assert caller.start(":1", "init-station") is True
     machine.wait_log("No action needed")
-    tasks = f"/proc/{machine.daemon.pid}/task"
-    machine.wait("the group thread to be gone", lambda: len(os.listdir(tasks)) == 2)
+    machine.wait("the group thread to be gone", lambda: len(machine.threads()) == 2)
     machine.behave("corvane-xh", "ignore-term")
     assert caller.start(":1", "xhotkey") is True
     (record,) = machine.wait_records(1)
@@ -117,8 +116,8 @@ def test_the_supervision_of_an_actor_that_was_stopped_ends_with_it_and_nothing_c
     machine.wait_log("child=")
     assert caller.stop(":1", "xhotkey") is True
     machine.wait_log("proc_method_stop: child_pid")
-    assert process_state(record.pid) and len(os.listdir(tasks)) == 3  # waited for, however long it takes
+    assert process_state(record.pid) and len(machine.threads()) == 3  # waited for, however long it takes
     os.kill(record.pid, signal.SIGKILL)
     machine.wait_log("keep_alive field is FALSE. Exit from the current thread$")
-    machine.wait("the group thread to be gone", lambda: len(os.listdir(tasks)) == 2)
+    machine.wait("the group thread to be gone", lambda: len(machine.threads()) == 2)
     assert len(machine.records()) == 1

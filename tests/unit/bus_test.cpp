@@ -6,6 +6,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
+
 #include "tests/unit/capture.h"
 #include "tests/unit/fakes.h"
 
@@ -22,6 +25,8 @@ struct FakeWatch {
 DBusWatch* as_watch(FakeWatch* watch) {
   return reinterpret_cast<DBusWatch*>(watch);
 }
+
+int pauses;  // of the death test that counts them; its atexit function reads them
 
 char connection_memory;
 DBusConnection* const connection = reinterpret_cast<DBusConnection*>(&connection_memory);
@@ -45,13 +50,25 @@ class Bus : public FakedTest {
       EXPECT_EQ(on, connection);
       calls.push_back("unref");
     };
+    fakes.dbus_connection_flush = [this](DBusConnection* on) {
+      EXPECT_EQ(on, connection);
+      calls.push_back("flush");
+    };
+    fakes.dbus_connection_get_dispatch_status = [this](DBusConnection* on) {
+      EXPECT_EQ(on, connection);
+      return flushed < left_by_flushes.size() ? left_by_flushes[flushed++] : DBUS_DISPATCH_COMPLETE;
+    };
     fakes.usleep = [this](useconds_t microseconds) {
       calls.push_back("usleep " + std::to_string(microseconds));
       return 0;
     };
     fakes.dbus_connection_set_max_message_unix_fds = [this](DBusConnection* on, long most) {
       EXPECT_EQ(on, connection);
-      calls.push_back("at most " + std::to_string(most) + " descriptors");
+      calls.push_back("at most " + std::to_string(most) + " descriptors in a message");
+    };
+    fakes.dbus_connection_set_max_received_unix_fds = [this](DBusConnection* on, long most) {
+      EXPECT_EQ(on, connection);
+      calls.push_back("at most " + std::to_string(most) + " descriptors at a time");
     };
     fakes.dbus_watch_handle = [this](DBusWatch* watch, unsigned flags) {
       EXPECT_EQ(watch, as_watch(&readable));
@@ -71,6 +88,8 @@ class Bus : public FakedTest {
   Calls calls;
   std::vector<DBusDispatchStatus> results;  // of the first dispatches; the others are complete
   size_t dispatched = 0;
+  std::vector<DBusDispatchStatus> left_by_flushes;  // by the first ones; the others leave nothing
+  size_t flushed = 0;
   dbus_bool_t handled = TRUE;
 };
 using BusDeathTest = Bus;
@@ -175,7 +194,7 @@ TEST_F(Bus, the_connection_is_asked_for_as_the_session_bus) {
   ccs_get_system_conn(&bus);
   EXPECT_EQ(bus.connection, connection);
   EXPECT_EQ(log.text(), "");
-  EXPECT_EQ(calls, (Calls{"at most 253 descriptors"}));
+  EXPECT_EQ(calls, (Calls{"at most 253 descriptors in a message", "at most 253 descriptors at a time"}));
 }
 
 TEST_F(BusDeathTest, an_error_while_connecting_is_logged_and_fatal) {
@@ -192,6 +211,18 @@ TEST_F(BusDeathTest, an_error_while_connecting_is_logged_and_fatal) {
       },
       ExitedWithCode(1),
       fatal({line("ccs_get_system_conn", "{EE}Failed to connect system DBus: no bus today")}));
+}
+
+TEST_F(BusDeathTest, an_error_that_is_never_set_is_freed_before_the_end_too) {
+  EXPECT_EXIT(
+      {
+        fakes.dbus_error_free = [](DBusError*) { fputs("freed\n", stderr); };
+        fakes.dbus_connection_set_watch_functions =
+            [](DBusConnection*, DBusAddWatchFunction, DBusRemoveWatchFunction, DBusWatchToggledFunction,
+               void*, DBusFreeFunction) { return dbus_bool_t{FALSE}; };
+        ccs_set_watch_functions(&bus);
+      },
+      ExitedWithCode(1), "^freed\nfin First\nfin Second\nfin Third\n$");
 }
 
 TEST_F(BusDeathTest, errors_are_freed_before_the_end) {
@@ -374,31 +405,93 @@ TEST_F(Bus, dispatching_stops_when_memory_is_short) {
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref"}));
 }
 
-TEST_F(Bus, what_memory_was_too_short_for_is_tried_again_after_a_millisecond) {
-  results = {DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_NEED_MEMORY};
-  ccs_dispatch_held(connection);
-  EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "usleep 1000", "ref", "dispatch", "dispatch", "unref",
-                          "usleep 1000", "ref", "dispatch", "unref"}));
+TEST_F(Bus, a_flush_ends_every_dispatch) {
+  ccs_dispatch_and_flush(connection);
+  EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "flush"}));
 }
 
-TEST_F(Bus, a_ready_watch_is_handled_as_readable_and_then_dispatched) {
+TEST_F(Bus, what_memory_was_too_short_for_is_tried_again_after_a_millisecond) {
+  results = {DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_NEED_MEMORY};
+  ccs_dispatch_and_flush(connection);
+  EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "usleep 1000", "ref", "dispatch", "dispatch", "unref",
+                          "usleep 1000", "ref", "dispatch", "unref", "flush"}));
+}
+
+TEST_F(Bus, what_a_flush_reads_is_dispatched_and_flushed_too) {
+  left_by_flushes = {DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_NEED_MEMORY};
+  ccs_dispatch_and_flush(connection);
+  EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "flush", "ref", "dispatch", "unref", "flush", "ref",
+                          "dispatch", "unref", "flush"}));
+}
+
+TEST_F(Bus, memory_that_comes_back_in_ten_seconds_comes_in_time) {
+  CapturedLog log;
+  results.assign(9999, DBUS_DISPATCH_NEED_MEMORY);
+  ccs_dispatch_and_flush(connection);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "usleep 1000"), 9999);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "dispatch"), 10000);
+  EXPECT_EQ(calls.back(), "flush");
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(BusDeathTest, ten_seconds_without_memory_are_the_end) {
+  const std::string end =
+      log_pattern({line("ccs_dispatch_and_flush", "{EE} No memory for the next message")});
+  EXPECT_EXIT(
+      {
+        log_to_stderr();
+        results.assign(20000, DBUS_DISPATCH_NEED_MEMORY);
+        atexit([] { fprintf(stderr, "%d pauses\n", pauses); });
+        fakes.usleep = [](useconds_t microseconds) {
+          if (microseconds == 1000) ++pauses;
+          return 0;
+        };
+        ccs_dispatch_and_flush(connection);
+        _exit(99);
+      },
+      ExitedWithCode(1), end.substr(0, end.size() - 1) + "9999 pauses\n$");
+}
+
+TEST_F(Bus, a_watch_is_ready_when_its_descriptor_is_in_the_set) {
+  fd_set ready;
+  for (const int fd : {0, 7, 1023}) {
+    bus.fd = fd;
+    FD_ZERO(&ready);
+    EXPECT_FALSE(ccs_is_ready(&bus, &ready)) << fd;
+    FD_SET(fd, &ready);
+    EXPECT_TRUE(ccs_is_ready(&bus, &ready)) << fd;
+    bus.fd = 8;
+    EXPECT_FALSE(ccs_is_ready(&bus, &ready)) << fd << " is not 8";
+  }
+}
+
+TEST_F(Bus, a_descriptor_that_no_set_can_hold_is_never_ready) {
+  std::vector<unsigned char> memory(100000 / 8 + 2 * sizeof(fd_set), 0xff);
+  const auto* ready = reinterpret_cast<const fd_set*>(memory.data() + sizeof(fd_set));
+  for (const int fd : {-1, 1024, 100000}) {
+    bus.fd = fd;
+    EXPECT_FALSE(ccs_is_ready(&bus, ready)) << fd;
+  }
+}
+
+TEST_F(Bus, a_ready_watch_is_handled_as_readable_then_dispatched_and_flushed) {
   ccs_add_watch(as_watch(&readable), &bus);
   results = {DBUS_DISPATCH_DATA_REMAINS};
   ccs_serve_watch(&bus);
-  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "dispatch", "unref"}));
+  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "dispatch", "unref", "flush"}));
 }
 
 TEST_F(Bus, a_ready_watch_leaves_nothing_held) {
   ccs_add_watch(as_watch(&readable), &bus);
   results = {DBUS_DISPATCH_NEED_MEMORY};
   ccs_serve_watch(&bus);
-  EXPECT_EQ(calls,
-            (Calls{"handle 1", "ref", "dispatch", "unref", "usleep 1000", "ref", "dispatch", "unref"}));
+  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "unref", "usleep 1000", "ref", "dispatch", "unref",
+                          "flush"}));
 }
 
 TEST_F(Bus, a_watch_that_could_not_be_handled_is_dispatched_all_the_same) {
   ccs_add_watch(as_watch(&readable), &bus);
   handled = FALSE;
   ccs_serve_watch(&bus);
-  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "unref"}));
+  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "unref", "flush"}));
 }

@@ -375,6 +375,15 @@ TEST_F(DaemonGetPid, a_number_of_six_digits_fits) {
   EXPECT_EQ(links.back(), "/proc/999999/exe");
 }
 
+TEST_F(DaemonGetPid, leading_zeros_and_a_plus_are_no_part_of_the_number) {
+  fake_links("/bin/a", "/bin/a");
+  for (const char* contents : {"0000004711", "+4711"}) {
+    EXPECT_EQ(pid_from(contents), 4711) << contents;
+    EXPECT_EQ(links.back(), "/proc/4711/exe") << contents;
+    links.clear();
+  }
+}
+
 TEST_F(DaemonGetPidDeathTest, a_number_of_seven_digits_aborts) {
   EXPECT_EXIT(pid_from("1000000"), KilledBySignal(SIGABRT), "^$");
 }

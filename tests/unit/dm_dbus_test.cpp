@@ -329,6 +329,19 @@ TEST_F(Start, an_event_that_cannot_be_queued_is_freed_and_answered_false) {
   EXPECT_EQ(memory.sizes_left(), (std::vector<size_t>{sizeof(Station)})) << "the event is freed";
 }
 
+TEST_F(Start, the_event_is_queued_before_the_caller_is_answered) {
+  const auto send = fakes.dbus_connection_send;
+  bool was_queued = false;
+  fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
+    const Station* station = context.stations;
+    was_queued = station && station->events;
+    return send(on, reply, serial);
+  };
+  start({":3", "local-login", "USB"});
+  EXPECT_TRUE(was_queued);
+  EXPECT_EQ(sent, answered_true);
+}
+
 // ---- Stop ---------------------------------------------------------------------------------------------
 
 TEST_F(Stop, a_valid_call_queues_an_event_and_is_answered_true) {
@@ -353,6 +366,20 @@ TEST_F(Stop, display_0_is_valid) {
   start({":0", "xhotkey", "PCI"});
   sent.clear();
   stop({":0", "xhotkey"});
+  EXPECT_EQ(sent, answered_true);
+}
+
+TEST_F(Stop, the_event_is_queued_before_the_caller_is_answered) {
+  start({":3", "local-login", "USB"});
+  sent.clear();
+  const auto send = fakes.dbus_connection_send;
+  bool was_queued = false;
+  fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
+    was_queued = context.stations.load()->events->next != nullptr;
+    return send(on, reply, serial);
+  };
+  stop({":3", "local-login"});
+  EXPECT_TRUE(was_queued);
   EXPECT_EQ(sent, answered_true);
 }
 

@@ -58,15 +58,36 @@ using ProcMethodStop = OneStationTest;
 
 TEST_F(InitGroupThread, init_station_needs_no_action) {
   MemoryBook memory;
+  std::vector<std::string> log_at_free;
+  const auto book_free = fakes.free;
+  fakes.free = [&](void* block) {
+    log_at_free.push_back(log.text());
+    book_free(block);
+  };
   EXPECT_EQ(init_group_thread(new_start(1)), nullptr);
   EXPECT_EQ(memory.blocks_left(), 0U) << "the copy is freed";
+  EXPECT_EQ(log_at_free, (std::vector<std::string>{""})) << "first thing";
   EXPECT_EQ(value_of(station.launched), 1) << "told once";
   EXPECT_EQ(log.lines(),
             dm_lines("init_group_thread", {"init_group_thread() for actor_code:1, display_num:3",
                                            "No action needed for INIT_STATION. display_num: 3"}));
+}
+
+TEST_F(InitGroupThread, no_entry_is_touched) {
+  for (ActorGroup& entry : station.groups) {
+    entry.is_running = 21;
+    entry.keep_alive = 22;
+    entry.child_pid = 23;
+    entry.newest = 24;
+    entry.child_reaped = true;
+  }
+  for (const int code : {1, 2}) init_group_thread(new_start(code));
   for (const ActorGroup& entry : station.groups) {
-    EXPECT_EQ(entry.is_running, 0);
-    EXPECT_EQ(entry.keep_alive, 0);
+    EXPECT_EQ(entry.is_running, 21);
+    EXPECT_EQ(entry.keep_alive, 22);
+    EXPECT_EQ(entry.child_pid, 23);
+    EXPECT_EQ(entry.newest, 24U);
+    EXPECT_TRUE(entry.child_reaped);
   }
 }
 
@@ -185,6 +206,8 @@ TEST_F(ProcMethodStart, each_thread_of_a_group_has_the_next_number) {
 
 TEST_F(ProcMethodStart, group_0_gets_its_own_thread_and_is_never_claimed) {
   group = 0;
+  entry().child_pid = 23;
+  entry().newest = 24;
   start(1);
   ASSERT_EQ(threads.size(), 1U);
   EXPECT_EQ(threads[0].body, init_group_thread);
@@ -192,7 +215,8 @@ TEST_F(ProcMethodStart, group_0_gets_its_own_thread_and_is_never_claimed) {
   EXPECT_EQ(threads[0].start.event.actor_code, 1);
   EXPECT_EQ(threads[0].start.launched, &station.launched);
   EXPECT_EQ(entry().keep_alive, 0);
-  EXPECT_EQ(entry().newest, 0U);
+  EXPECT_EQ(entry().child_pid, 23);
+  EXPECT_EQ(entry().newest, 24U);
   EXPECT_EQ(calls, (Calls{"wait for the launch"}));
   EXPECT_EQ(log.lines(), dm_lines("proc_method_start",
                                   {"group:0, is_running:0", "Start method_start_thread for actor:1"}));
@@ -236,8 +260,10 @@ TEST_F(ProcMethodStart, without_memory_for_the_copy_the_request_is_dropped) {
 }
 
 TEST_F(ProcMethodStart, a_thread_that_cannot_be_made_is_told_and_not_waited_for) {
-  for (const int code : {1, 2}) {
+  for (const int code : {1, 2, 4, 7}) {
     group = dm_find_actor(code)->group;
+    entry().child_pid = 23;
+    entry().newest = 24;
     log.forget();
     MemoryBook memory;
     result = EAGAIN;
@@ -245,6 +271,9 @@ TEST_F(ProcMethodStart, a_thread_that_cannot_be_made_is_told_and_not_waited_for)
     EXPECT_EQ(memory.blocks_left(), 0U) << "the copy is freed";
     EXPECT_EQ(calls, (Calls{}));
     EXPECT_EQ(entry().is_running, 0);
+    EXPECT_EQ(entry().keep_alive, group == 0 ? 0 : 1) << "set before the thread is made";
+    EXPECT_EQ(entry().child_pid, 23);
+    EXPECT_EQ(entry().newest, 24U) << "the group stays with its older thread";
     const std::string of_group = std::to_string(group);
     const std::string of_actor = std::to_string(code);
     EXPECT_EQ(log.lines(),
@@ -289,6 +318,63 @@ TEST_F(ProcMethodStart, a_start_behind_a_stop_during_the_pause_leaves_the_group_
                           "Exit from the current thread"}));
   EXPECT_EQ(entry().child_pid, 5000);
   EXPECT_EQ(entry().is_running, 1);
+}
+
+TEST_F(ProcMethodStart, a_start_in_the_pause_that_gets_no_thread_leaves_the_group_to_the_older_one) {
+  claim();
+  on_sleep = [&] {
+    on_sleep = nullptr;
+    stop(2);
+    result = EAGAIN;
+    start(2);
+    EXPECT_EQ(log.lines().back(), dm_line("proc_method_start", "{DM} Unable to start thread for event:2"));
+  };
+  on_wait = [&, deaths = 0]() mutable {
+    if (++deaths == 3) stop(2);
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2",  //
+                          "fork", "wait 4712", "reap 4712", "sleep 2",  //
+                          "fork", "wait 4713", "kill 4713 15", "reap 4713"}))
+      << "the one launch behind the stop, supervised because the start asked for it";
+}
+
+TEST_F(ProcMethodStart, a_start_in_the_pause_whose_fork_fails_ends_the_older_thread_too) {
+  claim();
+  on_sleep = [&] {
+    stop(2);
+    start(2);
+    fork_fails = true;
+    supervise(2, 2);
+    fork_fails = false;
+    EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
+                                          "{DM} Unable to create child process. "
+                                          "Login thread for display 3"));
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "wait for the launch", "fork"}));
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
+                                        "Another process on the same actor group has been started: -1. "
+                                        "Exit from the current thread"));
+  EXPECT_EQ(entry().is_running, 0);
+}
+
+TEST_F(ProcMethodStart, a_start_in_the_pause_without_memory_for_its_vector_ends_the_older_thread_too) {
+  claim();
+  MemoryBook memory;
+  on_sleep = [&] {
+    stop(2);
+    start(2);
+    memory.fail_strdup(1);
+    supervise(2, 2);
+    EXPECT_EQ(log.lines().back(), dm_line("method_start_thread", "{DM} Unable to allocate memory"));
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "wait for the launch"}));
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
+                                        "Another process on the same actor group has been started: 0. "
+                                        "Exit from the current thread"));
+  EXPECT_EQ(entry().is_running, 0);
 }
 
 // ---- proc_method_stop ---------------------------------------------------------------------------------

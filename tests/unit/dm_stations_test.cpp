@@ -181,6 +181,25 @@ TEST_F(StartStationThread, the_only_station_without_a_worker_leaves_no_trace) {
                                                  "{DM} Unable to start thread for display=5, rc=11"}));
 }
 
+TEST_F(StartStationThread, linking_and_unlinking_happen_while_the_tables_mutex_is_held) {
+  using Displays = std::vector<int>;
+  std::vector<Displays> at_lock;
+  std::vector<Displays> at_unlock;
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    if (mutex == &station_table_mutex) at_lock.push_back(listed());
+  };
+  fakes.seen_unlock = [&](pthread_mutex_t* mutex) {
+    if (mutex == &station_table_mutex) at_unlock.push_back(listed());
+  };
+  start(1);
+  start(2);
+  result = EAGAIN;
+  start(5);
+  fakes.seen_lock = fakes.seen_unlock = nullptr;
+  EXPECT_EQ(at_lock, (std::vector<Displays>{{}, {1}, {1, 2}, {1, 2, 5}}));
+  EXPECT_EQ(at_unlock, (std::vector<Displays>{{1}, {1, 2}, {1, 2, 5}, {1, 2}}));
+}
+
 TEST_F(StartStationThread, the_last_of_several_without_a_worker_leaves_the_others) {
   start(1);
   start(2);
@@ -362,6 +381,20 @@ class Worker : public WorkersTest {
            " on :" + std::to_string(display_num) + ", mutex held";
   }
 
+  /** Queues events 1 to 3 for display 1 while its worker waits and then lets it run them all; returns their
+   * lines. */
+  Lines run_three_at_one_wake_up(void (*proc)(Station*, StationEvent*)) {
+    let_workers_rest();
+    log.forget();
+    fakes.pthread_cond_signal = [](pthread_cond_t*) { return 0; };
+    queue(1, 1, proc);
+    queue(1, 2, proc);
+    fakes.pthread_cond_signal = nullptr;
+    queue(1, 3, proc);
+    let_workers_rest();
+    return log.lines();
+  }
+
   static inline Worker* running;
   std::atomic<bool> gate{false};
 };
@@ -418,6 +451,58 @@ TEST_F(Worker, each_event_is_freed_when_its_procedure_has_returned) {
   let_workers_rest();
   EXPECT_EQ(memory.sizes_taken().size(), 5U);
   EXPECT_EQ(memory.blocks_left(), 0U);
+}
+
+TEST_F(Worker, each_event_is_freed_before_the_next_procedure_runs) {
+  make_station(1);
+  static const MemoryBook* book;
+  const MemoryBook memory;
+  book = &memory;
+  const Lines lines = run_three_at_one_wake_up([](Station*, StationEvent* event) {
+    log_debug("event %d of %zu\n", event->actor_code, book->blocks_left());
+  });
+  EXPECT_EQ(lines, (Lines{"tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 1 of 3",
+                          "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 2 of 2",
+                          "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 3 of 1"}));
+}
+
+TEST_F(Worker, each_event_is_unlinked_before_its_procedure_runs) {
+  make_station(1);
+  const auto proc = [](Station* station, StationEvent* event) {
+    const StationEvent* head = station->events;
+    log_debug("event %d, then %d, link %s\n", event->actor_code, head ? head->actor_code : 0,
+              head == event->next ? "kept" : "lost");
+  };
+  EXPECT_EQ(run_three_at_one_wake_up(proc),
+            (Lines{"tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 1, then 2, link kept",
+                   "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 2, then 3, link kept",
+                   "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 3, then 0, link kept"}));
+}
+
+TEST_F(Worker, it_stays_ready_while_procedures_run) {
+  make_station(1);
+  const auto proc = [](Station* station, StationEvent* event) {
+    log_debug("event %d, ready %d\n", event->actor_code, station->ready.load());
+  };
+  EXPECT_EQ(run_three_at_one_wake_up(proc),
+            (Lines{"tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 1, ready 1",
+                   "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 2, ready 1",
+                   "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 3, ready 1"}));
+}
+
+TEST_F(Worker, it_becomes_ready_under_the_stations_mutex) {
+  std::atomic<int> ready_at_first_lock{-1};
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    Station* station = context.stations;
+    if (!station || mutex != &station->mutex) return;
+    int not_seen = -1;
+    ready_at_first_lock.compare_exchange_strong(not_seen, station->ready);
+  };
+  make_station(1);
+  Station* station = station_of(1);
+  while (station->ready == 0) usleep(500);
+  EXPECT_EQ(ready_at_first_lock, 0);
+  let_workers_rest();
 }
 
 TEST_F(Worker, stations_work_side_by_side) {

@@ -125,17 +125,47 @@ TEST_F(MethodStartThread, without_memory_for_a_later_vector_a_newer_threads_grou
   EXPECT_EQ(entry().is_running, 1);
 }
 
-TEST_F(MethodStartThread, the_group_is_marked_idle_under_its_mutex) {
+TEST_F(MethodStartThread, the_group_is_marked_idle_under_its_mutex_and_before_the_line) {
   claim();
+  entry().is_running = 2;
   MemoryBook memory;
   memory.fail_strdup(1);
-  Lines written_at_lock;
+  std::vector<int> at_lock;
+  std::vector<int> at_unlock;
   fakes.seen_lock = [&](pthread_mutex_t* mutex) {
-    if (mutex == &child_mutex()) written_at_lock = log.lines();
+    if (mutex == &child_mutex()) at_lock.push_back(entry().is_running);
+  };
+  Lines lines_at_unlock;
+  fakes.seen_unlock = [&](pthread_mutex_t* mutex) {
+    if (mutex != &child_mutex()) return;
+    at_unlock.push_back(entry().is_running);
+    lines_at_unlock = log.lines();
   };
   supervise(2);
-  ASSERT_EQ(written_at_lock.size(), 2U);
-  EXPECT_EQ(written_at_lock.back(), dm_line("method_start_thread", "{DM} Unable to allocate memory"));
+  fakes.seen_lock = fakes.seen_unlock = nullptr;
+  EXPECT_EQ(at_lock, (std::vector<int>{2}));
+  EXPECT_EQ(at_unlock, (std::vector<int>{0}));
+  EXPECT_EQ(lines_at_unlock, thread_lines({"method_start_thread() for actor_code:2, display_num:3"}));
+}
+
+TEST_F(MethodStartThread, the_copy_is_freed_first_thing_and_the_vector_before_the_launch_is_told) {
+  claim();
+  MemoryBook memory;
+  std::vector<size_t> lines_at_free;
+  const auto book_free = fakes.free;
+  fakes.free = [&](void* block) {
+    lines_at_free.push_back(log.lines().size());
+    book_free(block);
+  };
+  on_wait = [&] {
+    EXPECT_EQ(memory.sizes_left(), (std::vector<size_t>{}));
+    EXPECT_EQ(memory.texts_left(), (Words{"DISPLAY"})) << "while the child lives";
+    entry().keep_alive = 0;
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
+  EXPECT_EQ(lines_at_free, (std::vector<size_t>{0, 3, 3})) << "the copy; then, behind the log of two words, "
+                                                              "these";
 }
 
 TEST_F(MethodStartThread, a_failed_fork_ends_it_and_is_never_signalled) {
@@ -236,7 +266,10 @@ TEST_F(MethodStartThread, its_stack_is_kept_no_longer_behind_a_failed_fork) {
 
 TEST_F(MethodStartThread, a_stack_that_cannot_be_kept_is_a_failed_fork) {
   claim();
-  fakes.madvise = [](void*, size_t, int) { return -1; };
+  fakes.madvise = [](void*, size_t, int) {
+    errno = ENOMEM;
+    return -1;
+  };
   supervise(2);
   EXPECT_EQ(calls, (Calls{}));
   EXPECT_EQ(entry().child_pid, -1);
@@ -418,6 +451,19 @@ TEST_F(MethodStartThread, the_same_child_number_does_not_hide_a_newer_thread) {
   EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
   EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
                                         "Another process on the same actor group has been started: 4711. "
+                                        "Exit from the current thread"));
+}
+
+TEST_F(MethodStartThread, another_number_in_the_entry_is_noticed_without_a_newer_thread) {
+  claim();
+  on_wait = [&, deaths = 0]() mutable {
+    entry().child_pid = 0;
+    if (++deaths == 2) entry().keep_alive = 0;  // so that a test that fails ends
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"})) << "no pause, no launch";
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
+                                        "Another process on the same actor group has been started: 0. "
                                         "Exit from the current thread"));
 }
 

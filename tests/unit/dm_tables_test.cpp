@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "plugins/display-manager/display-manager.h"
+#include "tests/unit/capture.h"
 
 using Words = std::vector<std::string>;
 
@@ -96,4 +97,14 @@ TEST(FindActor, each_code_has_its_row) {
 TEST(FindActor, any_other_code_has_none) {
   for (const int code : {0, 8, 9, 100, -1, -7, 2147483647, -2147483647})
     EXPECT_EQ(dm_find_actor(code), nullptr) << code;
+}
+
+TEST(Lookups, leave_nothing_in_the_log) {
+  const CapturedLog log;
+  for (const char* text : {"PCI", "local-login", "neither"}) {
+    dm_lookup_station_type(text);
+    dm_lookup_actor_code(text);
+  }
+  for (const int code : {1, 8}) dm_find_actor(code);
+  EXPECT_EQ(log.text(), "");
 }

@@ -144,6 +144,13 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
   return __real_pthread_mutex_lock(mutex);
 }
 
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+  if (fakes.seen_unlock) fakes.seen_unlock(mutex);
+  return __real_pthread_mutex_unlock(mutex);
+}
+
 FAKED(DBusConnection*, dbus_bus_get, (DBusBusType type, DBusError* error), (type, error))
 FAKED(int, dbus_bus_request_name,
       (DBusConnection * connection, const char* name, unsigned flags, DBusError* error),
@@ -165,7 +172,10 @@ FAKED(dbus_bool_t, dbus_connection_send,
       (DBusConnection * connection, DBusMessage* message, dbus_uint32_t* serial),
       (connection, message, serial))
 FAKED(void, dbus_connection_flush, (DBusConnection * connection), (connection))
+FAKED(DBusDispatchStatus, dbus_connection_get_dispatch_status, (DBusConnection * connection), (connection))
 FAKED(void, dbus_connection_set_max_message_unix_fds, (DBusConnection * connection, long most),
+      (connection, most))
+FAKED(void, dbus_connection_set_max_received_unix_fds, (DBusConnection * connection, long most),
       (connection, most))
 FAKED(DBusMessage*, dbus_message_new_method_return, (DBusMessage * call), (call))
 FAKED(void, dbus_error_free, (DBusError * error), (error))

@@ -46,7 +46,8 @@ struct Fakes {
   std::function<int(pid_t, int)> kill;
 
   std::function<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
-  std::function<void(pthread_mutex_t*)> seen_lock;  // only told; the lock is taken all the same
+  // Only told, before it happens: the lock is taken and given back all the same.
+  std::function<void(pthread_mutex_t*)> seen_lock, seen_unlock;
   std::function<int(pthread_cond_t*)> pthread_cond_signal;
   std::function<int(sem_t*)> sem_wait;
 
@@ -65,7 +66,9 @@ struct Fakes {
   std::function<dbus_bool_t(DBusWatch*, unsigned)> dbus_watch_handle;
   std::function<dbus_bool_t(DBusConnection*, DBusMessage*, dbus_uint32_t*)> dbus_connection_send;
   std::function<void(DBusConnection*)> dbus_connection_flush;
+  std::function<DBusDispatchStatus(DBusConnection*)> dbus_connection_get_dispatch_status;
   std::function<void(DBusConnection*, long)> dbus_connection_set_max_message_unix_fds;
+  std::function<void(DBusConnection*, long)> dbus_connection_set_max_received_unix_fds;
   std::function<DBusMessage*(DBusMessage*)> dbus_message_new_method_return;
   std::function<bool()> dbus_message_append_args_fails;
   std::function<void(DBusError*)> dbus_error_free;

@@ -44,6 +44,16 @@ using LogOpenDeathTest = LogOpen;
 using LogWrite = FakedTest;
 using CallSite = FakedTest;
 
+/** Whether another thread than the caller's could write to the stream. */
+bool is_free_for_others(FILE* stream) {
+  bool is_free = false;
+  std::thread([&] {
+    is_free = ftrylockfile(stream) == 0;
+    if (is_free) funlockfile(stream);
+  }).join();
+  return is_free;
+}
+
 int writes_counted;
 void count_write(Logger*, const char*, ...) {
   ++writes_counted;
@@ -93,13 +103,14 @@ TEST_F(LogOpen, null_swallows_its_lines) {
 }
 
 TEST_F(LogOpen, names_are_compared_as_whole_words) {
-  for (const char* name : {"stdout2", "stderr2", "null2", "stdou", "nul"}) {
-    const std::string path = directory.path(name);
-    const LoggerOwner logger = open(path);
-    EXPECT_TRUE(exists(path)) << path;
-    EXPECT_NE(logger->fp, stdout);
-    EXPECT_NE(logger->fp, stderr);
-  }
+  std::vector<std::string> opened;
+  fakes.fopen = [&](const char* path, const char* mode) {
+    opened.push_back(std::string(path) + " " + mode);
+    return __real_fopen("/dev/null", mode);
+  };
+  for (const char* name : {"stdout2", "stderr2", "null2", "stdou", "stderr ", "nul"}) open(name);
+  EXPECT_EQ(opened,
+            (std::vector<std::string>{"stdout2 w", "stderr2 w", "null2 w", "stdou w", "stderr  w", "nul w"}));
 }
 
 TEST_F(LogOpen, a_new_path_starts_an_empty_log_without_a_backup) {
@@ -139,6 +150,25 @@ TEST_F(LogOpen, a_log_that_cannot_be_moved_goes_on_behind_its_old_contents) {
             (Lines{"Cannot move old log file from " + path + " to " + path + ".old", "next"}));
   EXPECT_EQ(logger->level, 5);
   EXPECT_EQ(logger->write, log_write);
+}
+
+TEST_F(LogOpen, a_log_that_can_neither_be_moved_nor_opened_gives_a_silent_logger) {
+  const std::string path = directory.file("log", "of the last run\n");
+  ASSERT_EQ(mkdir((path + ".old").c_str(), 0700), 0);
+  std::vector<std::string> modes;
+  fakes.fopen = [&](const char*, const char* mode) -> FILE* {
+    modes.push_back(mode);
+    return nullptr;
+  };
+  CapturedDescriptor output(STDERR_FILENO);
+  const LoggerOwner logger = open(path);
+  EXPECT_EQ(output.taken(), "");
+  fakes.fopen = nullptr;
+  EXPECT_EQ(modes, (std::vector<std::string>{"a"}));
+  EXPECT_EQ(logger->fp, nullptr);
+  EXPECT_EQ(logger->level, 5);
+  EXPECT_EQ(logger->write, log_write);
+  EXPECT_EQ(contents_of(path), "of the last run\n");
 }
 
 TEST_F(LogOpen, a_directory_gives_a_silent_logger_and_stays) {
@@ -305,12 +335,23 @@ TEST_F(LogWrite, each_line_is_on_disk_at_once) {
 TEST_F(LogWrite, the_stream_is_free_for_other_threads_afterwards) {
   CapturedLog log;
   log.logger()->write(log.logger(), "one\n");
-  int taken = -1;
-  std::thread([&] {
-    taken = ftrylockfile(log.logger()->fp);
-    if (taken == 0) funlockfile(log.logger()->fp);
-  }).join();
-  EXPECT_EQ(taken, 0);
+  EXPECT_TRUE(is_free_for_others(log.logger()->fp));
+}
+
+TEST_F(LogWrite, the_time_is_taken_while_the_stream_is_held_and_so_never_goes_back) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  CapturedLog log;
+  bool was_free = true;
+  fakes.time = [&] {
+    was_free = is_free_for_others(log.logger()->fp);
+    return time_t{1078293845};
+  };
+  log.logger()->write(log.logger(), "one\n");
+  unsetenv("TZ");
+  tzset();
+  EXPECT_FALSE(was_free);
+  EXPECT_EQ(log.text(), "2004-03-03 06:04:05:one\n");
 }
 
 TEST_F(LogWrite, a_message_of_100_kilobytes_is_written_whole) {

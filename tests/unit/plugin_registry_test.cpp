@@ -14,13 +14,13 @@ using Calls = std::vector<std::string>;
 
 namespace {
 
-Calls* calls;           // of the running test
-const Plugin* failing;  // the plugin whose init fails
-PluginContext* context_seen;
+Calls* calls;                               // of the running test
+const Plugin* failing;                      // the plugin whose init fails
+std::vector<PluginContext*> contexts_seen;  // one for each init
 
 int note_init(Plugin* plugin, PluginContext* context) {
   calls->push_back(std::string("init ") + plugin->name);
-  context_seen = context;
+  contexts_seen.push_back(context);
   return plugin == failing ? -7 : 0;
 }
 
@@ -53,7 +53,7 @@ class PluginRegistry : public FakedTest {
   PluginRegistry() {
     calls = &calls_;
     failing = nullptr;
-    context_seen = nullptr;
+    contexts_seen.clear();
     fakes.dbus_connection_register_object_path = [this](DBusConnection* on, const char* path,
                                                         const DBusObjectPathVTable* functions, void* data) {
       EXPECT_EQ(on, connection);
@@ -108,7 +108,7 @@ TEST_F(PluginRegistry, each_plugin_is_initialised_just_before_its_own_path_is_re
   EXPECT_EQ(calls_, (Calls{"init First", "register /first for First", "dispatch",  //
                            "init Second", "register /second for Second", "dispatch", "init Third",
                            "register /third for Third", "dispatch"}));
-  EXPECT_EQ(context_seen, &context_);
+  EXPECT_EQ(contexts_seen, (std::vector<PluginContext*>{&context_, &context_, &context_}));
   EXPECT_EQ(log.lines(),
             (Lines{line("ccs_register_objects", "path=/first"), line("ccs_register_objects", "path=/second"),
                    line("ccs_register_objects", "path=/third")}));
@@ -132,6 +132,16 @@ TEST_F(PluginRegistryDeathTest, a_path_that_is_refused_ends_the_daemon_behind_th
                    "fin First\nfin Second\nfin Third\n"
                    "init First\nregister /first for First\ndispatch\n"
                    "init Second\nregister /second for Second\n"));
+}
+
+TEST_F(PluginRegistryDeathTest, the_error_of_a_path_that_is_refused_is_freed_before_the_end) {
+  path_refused_ = "/second";
+  EXPECT_EXIT(
+      {
+        fakes.dbus_error_free = [](DBusError*) { fputs("freed\n", stderr); };
+        register_objects();
+      },
+      ExitedWithCode(1), "^freed\nfreed\nfin First\nfin Second\nfin Third\n$");
 }
 
 TEST_F(PluginRegistryDeathTest, a_fatal_exit_runs_every_fin_in_order_and_exits_with_1) {

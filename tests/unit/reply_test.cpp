@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // reply_test.cpp: the owners of bus objects, and answering a call, also while memory is short.
+#include <unistd.h>
+
 #include "tests/unit/bus_calls.h"
 #include "tests/unit/capture.h"
 
@@ -9,17 +11,30 @@ namespace {
 
 class BusReply : public BusCallTest {
  protected:
+  BusReply() {
+    fakes.usleep = [this](useconds_t microseconds) {
+      pauses.push_back(microseconds);
+      return 0;
+    };
+  }
+
   void reply_true() {
     const dbus_bool_t value = TRUE;
     bus_reply(fake_connection, call.get(), DBUS_TYPE_BOOLEAN, &value);
   }
 
+  void expect_given_up() {
+    EXPECT_EQ(attempts, 1000);
+    EXPECT_EQ(pauses, std::vector<useconds_t>(999, 1000));
+    EXPECT_EQ(sent, (Sent{})) << "nothing is flushed either";
+    EXPECT_EQ(log.lines(), (Lines{"common/bus.cpp:#:bus_reply: DEBUG: {EE} Unable to reply to Member"}));
+  }
+
   MessageOwner call = method_call("/path", "some.Interface", "Member", {});
   CapturedLog log;
   int attempts = 0;
+  std::vector<useconds_t> pauses;
 };
-
-constexpr const char* given_up = "common/bus.cpp:#:bus_reply: DEBUG: {EE} Unable to reply to Member";
 
 }  // namespace
 
@@ -55,46 +70,52 @@ TEST_F(BusReply, the_reply_is_released_and_the_call_stays_the_callers) {
   EXPECT_STREQ(dbus_message_get_member(call.get()), "Member");
 }
 
-TEST_F(BusReply, a_reply_that_cannot_be_made_is_tried_three_times) {
+TEST_F(BusReply, a_reply_that_cannot_be_made_is_tried_a_thousand_times) {
   fakes.dbus_message_new_method_return = [this](DBusMessage*) -> DBusMessage* {
     ++attempts;
     return nullptr;
   };
   reply_true();
-  EXPECT_EQ(attempts, 3);
-  EXPECT_EQ(sent, (Sent{})) << "nothing is flushed either";
-  EXPECT_EQ(log.lines(), (Lines{given_up}));
+  expect_given_up();
 }
 
-TEST_F(BusReply, a_value_that_cannot_be_appended_is_tried_three_times) {
+TEST_F(BusReply, a_value_that_cannot_be_appended_is_tried_a_thousand_times) {
   fakes.dbus_message_append_args_fails = [this] {
     ++attempts;
     return true;
   };
   reply_true();
-  EXPECT_EQ(attempts, 3);
-  EXPECT_EQ(sent, (Sent{}));
-  EXPECT_EQ(log.lines(), (Lines{given_up}));
+  expect_given_up();
 }
 
-TEST_F(BusReply, a_reply_that_cannot_be_sent_is_tried_three_times) {
+TEST_F(BusReply, a_reply_that_cannot_be_sent_is_tried_a_thousand_times) {
   fakes.dbus_connection_send = [this](DBusConnection*, DBusMessage*, dbus_uint32_t*) {
     ++attempts;
     return dbus_bool_t{FALSE};
   };
   reply_true();
-  EXPECT_EQ(attempts, 3);
-  EXPECT_EQ(sent, (Sent{}));
-  EXPECT_EQ(log.lines(), (Lines{given_up}));
+  expect_given_up();
 }
 
-TEST_F(BusReply, the_third_attempt_may_succeed) {
+TEST_F(BusReply, a_pause_follows_each_attempt_that_failed) {
   const auto send = fakes.dbus_connection_send;
   fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
+    EXPECT_EQ(pauses.size(), static_cast<size_t>(attempts));
     return ++attempts < 3 ? dbus_bool_t{FALSE} : send(on, reply, serial);
   };
   reply_true();
-  EXPECT_EQ(attempts, 3);
+  EXPECT_EQ(pauses, (std::vector<useconds_t>{1000, 1000}));
+  EXPECT_EQ(sent, (Sent{"send b true to 7", "flush"}));
+}
+
+TEST_F(BusReply, the_thousandth_attempt_may_succeed) {
+  const auto send = fakes.dbus_connection_send;
+  fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
+    return ++attempts < 1000 ? dbus_bool_t{FALSE} : send(on, reply, serial);
+  };
+  reply_true();
+  EXPECT_EQ(attempts, 1000);
+  EXPECT_EQ(pauses, std::vector<useconds_t>(999, 1000));
   EXPECT_EQ(sent, (Sent{"send b true to 7", "flush"}));
   EXPECT_EQ(log.text(), "");
 }

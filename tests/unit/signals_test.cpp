@@ -11,15 +11,11 @@ namespace {
 class Signals : public testing::Test {
  protected:
   Signals() {
-    sigaction(SIGCHLD, nullptr, &child_before_);
-    sigaction(SIGPIPE, nullptr, &pipe_before_);
-    sigaction(SIGSEGV, nullptr, &crash_before_);
+    for (Before& before : before_) sigaction(before.number, nullptr, &before.action);
     signal(SIGSEGV, SIG_DFL);
   }
   ~Signals() override {
-    sigaction(SIGCHLD, &child_before_, nullptr);
-    sigaction(SIGPIPE, &pipe_before_, nullptr);
-    sigaction(SIGSEGV, &crash_before_, nullptr);
+    for (const Before& before : before_) sigaction(before.number, &before.action, nullptr);
   }
 
   static sighandler_t handler_of(int number) {
@@ -29,9 +25,11 @@ class Signals : public testing::Test {
   }
 
  private:
-  struct sigaction child_before_;
-  struct sigaction pipe_before_;
-  struct sigaction crash_before_;
+  struct Before {
+    int number;
+    struct sigaction action;
+  };
+  Before before_[4] = {{SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}};
 };
 
 void handle(int) {}
@@ -75,4 +73,15 @@ TEST_F(Signals, a_crash_of_a_child_is_not_reported_as_the_daemons) {
   signal(SIGSEGV, handle);
   signals_give_back();
   EXPECT_EQ(handler_of(SIGSEGV), SIG_DFL);
+}
+
+TEST_F(Signals, the_time_limit_of_a_crash_report_is_not_the_childrens) {
+  for (const sighandler_t at_start : {SIG_DFL, SIG_IGN}) {
+    signal(SIGALRM, at_start);
+    signals_take_over();
+    EXPECT_EQ(handler_of(SIGALRM), at_start) << "nothing is changed yet";
+    signal(SIGALRM, handle);
+    signals_give_back();
+    EXPECT_EQ(handler_of(SIGALRM), at_start);
+  }
 }

@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <set>
 
@@ -57,7 +58,7 @@ TEST_F(StackPool, a_block_gives_256_stacks_that_do_not_overlap) {
   for (size_t i = 1; i < 256; ++i) EXPECT_EQ(stack_take(), first + i * pool_stack_size) << i;
   EXPECT_EQ(maps.size(), 1U);
   EXPECT_NE(stack_take(), nullptr);
-  EXPECT_EQ(maps.size(), 2U) << "the 65th stack is from the next block";
+  EXPECT_EQ(maps.size(), 2U) << "the 257th stack is from the next block";
 }
 
 TEST_F(StackPool, a_stack_can_be_written_to_its_last_byte) {
@@ -125,23 +126,46 @@ TEST_F(StackPool, taking_and_giving_back_hold_the_pools_mutex) {
   EXPECT_EQ(std::set<pthread_mutex_t*>(locks.begin(), locks.end()).size(), 1U);
 }
 
-TEST_F(StackPool, a_whole_block_is_left_empty_in_children) {
+TEST_F(StackPool, a_whole_block_is_left_empty_in_children_and_gets_no_huge_pages) {
   std::vector<std::pair<size_t, int>> advices;
   fakes.madvise = [&](void* where, size_t size, int advice) {
     advices.push_back({size, advice});
     return __real_madvise(where, size, advice);
   };
   first_of_a_new_block();
-  EXPECT_EQ(advices, (std::vector<std::pair<size_t, int>>{{256 * pool_stack_size, MADV_WIPEONFORK}}));
+  EXPECT_EQ(advices, (std::vector<std::pair<size_t, int>>{{256 * pool_stack_size, MADV_WIPEONFORK},
+                                                          {256 * pool_stack_size, MADV_NOHUGEPAGE}}));
 }
 
-TEST_F(StackPool, keeping_says_when_it_fails) {
+TEST_F(StackPool, keeping_says_when_memory_is_short) {
   void* const stack = first_of_a_new_block();
   EXPECT_EQ(stack_keep_for_child(stack), 0);
   EXPECT_EQ(stack_keep_for_parent_only(stack), 0);
-  fakes.madvise = [](void*, size_t, int) { return -1; };
+  fakes.madvise = [](void*, size_t, int) {
+    errno = ENOMEM;
+    return -1;
+  };
   EXPECT_EQ(stack_keep_for_child(stack), -1);
   EXPECT_EQ(stack_keep_for_parent_only(stack), -1);
+}
+
+TEST_F(StackPool, a_kernel_that_knows_none_of_the_advice_is_no_failure) {
+  fakes.madvise = [](void*, size_t, int) {
+    errno = EINVAL;
+    return -1;
+  };
+  void* const stack = first_of_a_new_block();
+  EXPECT_NE(stack, nullptr);
+  EXPECT_EQ(stack_keep_for_child(stack), 0);
+  EXPECT_EQ(stack_keep_for_parent_only(stack), 0);
+}
+
+TEST_F(StackPool, an_older_error_is_not_taken_for_one_of_the_advice) {
+  void* const stack = first_of_a_new_block();
+  errno = ENOMEM;
+  EXPECT_EQ(stack_keep_for_child(stack), 0);
+  errno = ENOMEM;
+  EXPECT_EQ(stack_keep_for_parent_only(stack), 0);
 }
 
 TEST_F(StackPool, a_child_finds_what_is_on_the_stack_that_is_kept_and_on_no_other) {
