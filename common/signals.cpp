@@ -13,14 +13,20 @@ struct Disposition {
   struct sigaction at_start;
 };
 
+static sigset_t mask_at_start;
 static Disposition dispositions[] = {{SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}};
 
 void signals_take_over() {
   for (Disposition& disposition : dispositions) sigaction(disposition.signal, nullptr, &disposition.at_start);
   signal(SIGCHLD, SIG_DFL);
+  sigset_t crash;
+  sigemptyset(&crash);
+  sigaddset(&crash, SIGSEGV);
+  pthread_sigmask(SIG_UNBLOCK, &crash, &mask_at_start);
 }
 
 void signals_give_back() {
   for (const Disposition& disposition : dispositions)
     sigaction(disposition.signal, &disposition.at_start, nullptr);
+  pthread_sigmask(SIG_SETMASK, &mask_at_start, nullptr);
 }

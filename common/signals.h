@@ -3,14 +3,15 @@
 #pragma once
 
 /**
- * Remembers how SIGCHLD, SIGPIPE, SIGSEGV and SIGALRM stand and sets SIGCHLD to its default, so that children
- * can be waited for although the daemon was started with SIGCHLD ignored (sigaction(2), waitpid(2)). Main
- * thread, once, before the bus library (which ignores SIGPIPE), the crash report and any thread.
+ * Remembers the signal mask and how SIGCHLD, SIGPIPE, SIGSEGV and SIGALRM stand. Sets SIGCHLD to its default,
+ * so that children can be waited for although the daemon was started with SIGCHLD ignored (sigaction(2),
+ * waitpid(2)), and unblocks SIGSEGV, so that a crash is reported although it was blocked.
+ * Main thread, once, before the bus library (which ignores SIGPIPE), the crash report and any thread.
  */
 void signals_take_over();
 
 /**
- * Gives these signals back as they stood at signals_take_over. Between fork and exec: it makes nothing
- * but async-signal-safe calls. The signal mask needs no such care: no thread of the daemon changes it.
+ * Gives all of this back as it stood at signals_take_over. Between fork and exec: it makes nothing but
+ * async-signal-safe calls.
  */
 void signals_give_back();

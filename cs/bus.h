@@ -43,8 +43,8 @@ DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection);
 
 /**
  * Leaves nothing with the bus library that the next wait could delay: dispatches, again after a pause while
- * memory is short, and flushes the answers that the library gave itself. A shortage of ten seconds ends the
- * process with status 1.
+ * memory is short, and flushes the answers that the library gave itself. A shortage that the library reports
+ * for ten seconds ends the process with status 1.
  */
 void ccs_dispatch_and_flush(DBusConnection* connection);
 

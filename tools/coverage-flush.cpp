@@ -2,8 +2,8 @@
 // coverage-flush.cpp: what a program has reached is on disk whenever its log is.
 //
 // Tests end the daemon with signal 9, and counters that are only written at exit would be lost. It flushes
-// its stream after each line of the log, so that is where they are written. Linked into the coverage preset
-// only.
+// its stream after each line of the log, so that is where they are written. Linked into the daemon of the
+// coverage preset only.
 #include <cstdio>
 
 extern "C" {

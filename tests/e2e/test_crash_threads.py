@@ -206,11 +206,7 @@ def test_a_report_that_crashes_or_hangs_ends_the_daemon(doomed, who, trouble):
 
 
 @pytest.mark.parametrize("trouble", ["crash", "hang"])
-@pytest.mark.parametrize("blocked", [
-    signal.SIGALRM,
-    pytest.param(signal.SIGSEGV, marks=pytest.mark.xfail(
-        strict=True, reason="the system ends whoever faults with the signal blocked, without a report")),
-])
+@pytest.mark.parametrize("blocked", [signal.SIGALRM, signal.SIGSEGV])
 def test_a_signal_that_was_blocked_at_the_start_does_not_keep_a_report_from_its_end(doomed, blocked, trouble):
     meddling = meddled(f"symbols={trouble}")
     doomed.start_daemon(environment={**meddling, "LD_PRELOAD": f"{FAULTS}:{meddling['LD_PRELOAD']}"},

@@ -270,6 +270,7 @@ TEST_F(MethodStartThread, a_stack_that_cannot_be_kept_is_a_failed_fork) {
     errno = ENOMEM;
     return -1;
   };
+  on_wait = [&] { entry().keep_alive = 0; };  // so that a test that fails ends
   supervise(2);
   EXPECT_EQ(calls, (Calls{}));
   EXPECT_EQ(entry().child_pid, -1);

@@ -85,3 +85,22 @@ TEST_F(Signals, the_time_limit_of_a_crash_report_is_not_the_childrens) {
     EXPECT_EQ(handler_of(SIGALRM), at_start);
   }
 }
+
+TEST_F(Signals, a_crash_is_reported_although_its_signal_was_blocked_at_the_start) {
+  sigset_t blocked;
+  sigset_t before;
+  sigset_t now;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGSEGV);
+  sigaddset(&blocked, SIGUSR1);
+  pthread_sigmask(SIG_SETMASK, &blocked, &before);
+  signals_take_over();
+  pthread_sigmask(SIG_SETMASK, nullptr, &now);
+  EXPECT_EQ(sigismember(&now, SIGSEGV), 0);
+  EXPECT_EQ(sigismember(&now, SIGUSR1), 1) << "the others stay as they are";
+  signals_give_back();
+  pthread_sigmask(SIG_SETMASK, nullptr, &now);
+  EXPECT_EQ(sigismember(&now, SIGSEGV), 1) << "an actor gets the mask that the daemon got";
+  EXPECT_EQ(sigismember(&now, SIGUSR1), 1);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
