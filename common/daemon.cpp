@@ -24,9 +24,13 @@ using FileOwner = std::unique_ptr<FILE, CloseFile>;
 
 static Logger* usable(Logger* logger) {
   static Logger without_memory = {
-      .level = LOG_LEVEL_DEBUG, .name = "stderr", .fp = stderr, .write = log_write};
+      .level = LOG_LEVEL_DEBUG, .name = "stderr", .fp = nullptr, .write = log_write};
   if (!logger) logger = log_open("stderr");
-  return logger ? logger : &without_memory;
+  if (!logger) {
+    without_memory.fp = stderr;
+    logger = &without_memory;
+  }
+  return logger;
 }
 
 TextOwner read_symlink(const char* path, Logger* logger) {
@@ -70,8 +74,8 @@ int daemon_get_pid(const char* pidfile, Logger* logger) {
   sleep(pid_file_settling_seconds);
 
   long long pid;  // wide enough that no number is taken for another one on either target
-  if (fscanf(file.get(), "%lld", &pid) != 1)
-    return 0;  // NOLINT(cert-err34-c): too long a number aborts below
+  // NOLINTNEXTLINE(cert-err34-c): too large a number is the largest there is, and ends in the abort below
+  if (fscanf(file.get(), "%lld", &pid) != 1) return 0;
   const TextOwner own = read_symlink("/proc/self/exe", logger);
   char exe_link[exe_link_size];
   text_format(exe_link, sizeof exe_link, "/proc/%lld/exe", pid);

@@ -94,6 +94,7 @@ def test_a_daemon_that_crashed_can_be_started_again_at_once(bare):
     bare.daemonise("--start")
     bare.wait("another pid file", bare.pid_file)
     assert time.monotonic() - begin < 2
+    bare.wait("the old log to be moved aside", lambda: os.path.exists(LOG + ".old"))
     bare.wait_log(r"Start mainloop")
     assert "Catch segfault signal." in open(LOG + ".old").read()
 
