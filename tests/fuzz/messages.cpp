@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // messages.cpp: the message handlers, from the core's on; an input is one or more messages as they go over
-// the wire (D-Bus specification, "Message Protocol").
+// the wire (D-Bus wire format, "Message Protocol").
 //
 // Each message goes to every plugin, as if it had come for its path: the handlers promise nothing about the
 // path. Answers are caught where they are sent. Stations are made without workers, so that what was queued is
