@@ -14,7 +14,7 @@ help:
 	@echo 'make check-i386  runs all tests on a bare 32-bit Debian (as root)'
 	@echo 'make soak        runs the stress tests in their long form'
 	@echo 'make fuzz        runs every fuzz target for a minute; SECONDS=3600: for an hour'
-	@echo 'make coverage    runs all tests and shows what of the daemon they reach'
+	@echo 'make coverage    shows what of the daemon the tests reach'
 	@echo 'make lint        runs clang-tidy, cppcheck, clang-format and shellcheck'
 	@echo 'make clean       removes everything that was built'
 	@echo
