@@ -4,7 +4,8 @@
 // Every thread of the daemon writes through one logger. There is no mutex of ours: stdio locks a stream for
 // each call, and log_write holds that lock over its three calls, so that prefix, message and flush of one
 // line stay together. Each line is flushed because the crash report writes to the descriptor behind the
-// stream.
+// stream. The prefix is the dearest part of a line, and the same for a whole second: each thread keeps the
+// last one that it wrote.
 #include "common/logger.h"
 
 #include <fcntl.h>
@@ -69,14 +70,36 @@ Logger* log_open(const char* name) {
   return logger;
 }
 
+namespace {
+
+struct Prefix {
+  time_t second;
+  size_t length;  // 0 before the thread's first line
+  char text[80];  // room for the largest numbers of struct tm
+};
+
+}  // namespace
+
+static thread_local Prefix last_prefix;
+
+static void write_prefix(FILE* file, time_t now) {
+  Prefix& prefix = last_prefix;
+  if (prefix.length == 0 || prefix.second != now) {
+    struct tm local;
+    localtime_r(&now, &local);
+    const int length =
+        snprintf(prefix.text, sizeof prefix.text, "%04d-%02d-%02d %02d:%02d:%02d:", local.tm_year + 1900,
+                 local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    prefix.length = static_cast<size_t>(length);
+    prefix.second = now;
+  }
+  fwrite_unlocked(prefix.text, 1, prefix.length, file);
+}
+
 void log_write(Logger* logger, const char* format, ...) {
   if (!logger || !logger->fp) return;
   flockfile(logger->fp);
-  const time_t now = time(nullptr);  // behind the lock, so that times in a log never go back
-  struct tm local;
-  localtime_r(&now, &local);
-  fprintf(logger->fp, "%04d-%02d-%02d %02d:%02d:%02d:", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-          local.tm_hour, local.tm_min, local.tm_sec);
+  write_prefix(logger->fp, time(nullptr));  // behind the lock, so that times in a log never go back
   va_list arguments;
   va_start(arguments, format);
   vfprintf(logger->fp, format, arguments);

@@ -325,3 +325,16 @@ def test_no_more_is_mapped_than_the_executable_the_bus_library_and_the_c_runtime
     of_the_bus = {library(line.split()[0]) for line in needed.splitlines()}
     own = {library(path) for path in mapped if path != os.path.realpath(DAEMON)} - of_the_bus
     assert own == {"libdbus-1", "libgcc_s"}
+
+
+def test_all_threads_share_one_heap(machine):
+    caller = machine.caller()
+    for display in range(1, 9):
+        assert caller.start(f":{display}", "xhotkey") is True
+    machine.wait_records(8)
+    machine.wait_log("child=", 8)
+    with open(f"/proc/{machine.daemon.pid}/maps") as file:
+        unreachable = [line.split()[0].split("-") for line in file if line.split()[1] == "---p"]
+    # The C library reserves a mebibyte of addresses or more for each further heap, and opens a part of it.
+    sizes = [int(end, 16) - int(begin, 16) for begin, end in unreachable]
+    assert [size for size in sizes if size > 256 * 1024] == []

@@ -289,6 +289,41 @@ TEST_F(LogWrite, hours_minutes_seconds_months_and_days_have_two_digits) {
   EXPECT_EQ(log.text(), "2004-03-03 06:04:05:\n2004-12-22 00:11:12:\n");
 }
 
+TEST_F(LogWrite, a_second_is_put_into_words_once_by_each_thread) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  CapturedLog log;
+  fakes.time = [] { return time_t{1103674272}; };
+  log.logger()->write(log.logger(), "first\n");
+  setenv("TZ", "EST5", 1);  // from now on the same second has another name
+  tzset();
+  log.logger()->write(log.logger(), "same second\n");
+  std::thread([&] { log.logger()->write(log.logger(), "another thread\n"); }).join();
+  fakes.time = [] { return time_t{1103674273}; };
+  log.logger()->write(log.logger(), "next second\n");
+  fakes.time = [] { return time_t{1103674272}; };
+  log.logger()->write(log.logger(), "clock set back\n");
+  unsetenv("TZ");
+  tzset();
+  EXPECT_EQ(log.text(),
+            "2004-12-22 00:11:12:first\n"
+            "2004-12-22 00:11:12:same second\n"
+            "2004-12-21 19:11:12:another thread\n"
+            "2004-12-21 19:11:13:next second\n"
+            "2004-12-21 19:11:12:clock set back\n");
+}
+
+TEST_F(LogWrite, the_first_second_of_all_is_like_any_other) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  CapturedLog log;
+  fakes.time = [] { return time_t{0}; };
+  std::thread([&] { log.logger()->write(log.logger(), "\n"); }).join();
+  unsetenv("TZ");
+  tzset();
+  EXPECT_EQ(log.text(), "1970-01-01 00:00:00:\n");
+}
+
 TEST_F(LogWrite, the_clock_is_the_systems) {
   const time_t before = time(nullptr);
   CapturedLog log;
