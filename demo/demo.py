@@ -1,190 +1,119 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: MIT
-# demo.py: the main job of the daemon, told to a newcomer: three stations, their actors, a crash and a stop.
+# demo.py: shows the main job of the daemon to a newcomer: on the terminal, in pictures and on a page.
 #
-# The daemon, the bus and the log are real, the actors are stand-ins. Run it through tools/private-machine, where
-# /run and /var/log are empty and nothing outlives it. What it says has been looked at in the table of processes,
-# in the replies or in the log; the first thing that is not as told ends it with 1.
+# It tells the story of story.py. Run it through private-displays; it writes the picture of each stage, all
+# of them in one (stations.png) and a page that lays pictures and log beside each other (index.html).
 #
-# usage: demo.py DAEMON
-import os
-import signal
-import subprocess
+# usage: demo.py DIRECTORY [SESSION]    SESSION: the display on which the stations are windows, for watching
+import html
 import sys
+import textwrap
 import time
 from pathlib import Path
 
-from jeepney import DBusAddress, MessageType, new_method_call
-from jeepney.io.blocking import open_dbus_connection
+from PIL import Image, ImageDraw
 
-DAEMON = str(Path(sys.argv[1]).resolve())
-STAND_IN = Path(__file__).resolve().parent / "stand-in.c"
-PROGRAMS = ("corvane-ls", "corvane-pfk", "corvane-xh")
-LOG = Path("/var/log/corvane-cs.log")
-PID_FILE = Path("/run/corvane/corvane-cs.pid")
-BUS_SOCKET = Path("/run/bus")
-BUS_ADDRESS = f"unix:path={BUS_SOCKET}"
-DISPLAY_MANAGER = DBusAddress("/com/corvane/ControlServer/DisplayManager", "com.corvane.ControlServer",
-                              "com.corvane.ControlServer.DisplayManager")
-RESTART_PAUSE = 2.0  # seconds
+from Xlib import error
 
+from displays import Stations, font
+from story import Story
 
-def say(text=""):
-    print(text, flush=True)
+DESK, FRAME, PAPER, TEXT, FAINT = "#d9dee7", "#20242c", "#ffffff", "#222a38", "#5b6575"
+TIME_TO_WATCH = 3.0  # seconds a stage, for who watches the stations' windows
 
-
-def fail(what):
-    if LOG.exists():
-        say(f"\nThe log of the daemon:\n{LOG.read_text()}")
-    say(f"The demo failed: {what}.")
-    sys.exit(1)
+STYLE = """
+body { font: 16px/1.5 "DejaVu Sans", sans-serif; color: #222a38; background: #f4f6f9; margin: 2rem auto;
+       max-width: 1500px; padding: 0 1rem; }
+section { background: white; border: 1px solid #d9dee7; border-radius: 8px; margin: 1.5rem 0;
+          padding: 1rem 1.5rem; }
+.beside { display: grid; grid-template-columns: 3fr 2fr; gap: 1.5rem; align-items: start; }
+img { width: 100%; border-radius: 6px; }
+pre { background: #20242c; color: #e6e8f0; border-radius: 6px; font-size: 12px; line-height: 1.45; margin: 0;
+      max-height: 26em; overflow: auto; padding: .8em 1em; white-space: pre-wrap; }
+code { background: #eef1f6; padding: .1em .3em; }
+@media (max-width: 1000px) { .beside { grid-template-columns: 1fr; } }
+"""
 
 
-def wait_for(what, look, seconds=5.0):
-    deadline = time.monotonic() + seconds
-    while not look():
-        if time.monotonic() > deadline:
-            fail(f"waited {seconds:g} s in vain for {what}")
-        time.sleep(0.02)
+def side_by_side(pictures):
+    """The screens of one stage on one desk, each with its display below."""
+    width, height = next(iter(pictures.values())).size
+    desk = Image.new("RGB", (20 + len(pictures) * (width + 40), height + 84), DESK)
+    draw = ImageDraw.Draw(desk)
+    for place, (number, picture) in enumerate(pictures.items()):
+        left = 30 + place * (width + 40)
+        draw.rounded_rectangle((left - 10, 14, left + width + 9, height + 33), 10, FRAME)
+        desk.paste(picture, (left, 24))
+        draw.text((left + width / 2, height + 58), f"display :{number}", TEXT, font(24), "mm")
+    return desk
 
 
-def prepare_actors():
-    """The daemon finds actors on its PATH: here the same small program under each of their names."""
-    directory = Path("/run/actors")
-    directory.mkdir()
-    for program in PROGRAMS:
-        subprocess.run(["cc", "-o", directory / program, STAND_IN], check=True)
-    os.environ["PATH"] = f"{directory}:{os.environ['PATH']}"
+def storyboard(stages):
+    """All stages in one picture: a row each, what happens on the left, the screens on the right."""
+    width, row, left = 1000, 136, 272
+    board = Image.new("RGB", (width, len(stages) * row + 8), PAPER)
+    draw = ImageDraw.Draw(board)
+    for place, stage in enumerate(stages):
+        top = place * row + 8
+        title = textwrap.wrap(stage.title, 22)
+        draw.text((12, top + 4), f"{place + 1}", FAINT, font(17, "-Bold"))
+        draw.text((38, top + 4), "\n".join(title), TEXT, font(17, "-Bold"), spacing=4)
+        calls = stage.calls if len(stage.calls) <= 4 else stage.calls[:3] + ["..."]
+        draw.text((38, top + 6 + 24 * len(title)), "\n".join(calls), FAINT, font(12), spacing=4)
+        for screen, picture in enumerate(stage.pictures.values()):
+            x = left + screen * 244
+            draw.rounded_rectangle((x - 5, top - 3, x + 216 + 4, top + 121), 6, FRAME)
+            board.paste(picture.resize((216, 117), Image.LANCZOS), (x, top + 1))
+    return board
 
 
-def start_bus():
-    os.environ["DBUS_SESSION_BUS_ADDRESS"] = BUS_ADDRESS
-    # It says there what it would like to have and can do without, as more descriptors.
-    with open("/run/bus-errors", "w") as errors:
-        subprocess.Popen(["dbus-daemon", "--session", "--nofork", f"--address={BUS_ADDRESS}"], stderr=errors)
-    wait_for("the bus", BUS_SOCKET.is_socket)
-    return open_dbus_connection(BUS_ADDRESS)
+def page(stages):
+    sections = ""
+    for place, stage in enumerate(stages, 1):
+        title, text, log = (html.escape(part) for part in (stage.title, stage.text, "\n".join(stage.log)))
+        calls = "<br>".join(f"<code>{html.escape(call)}</code>" for call in stage.calls)
+        sections += f"""<section>
+<h2>{place}. {title}</h2>
+<p>{text}</p>
+<div class="beside"><div><img src="{picture_name(place)}" alt="The three screens. {text}">
+<p>{calls}</p></div>
+<pre>{log}</pre></div>
+</section>
+"""
+    return f"""<!DOCTYPE html>
+<html lang="en"><head><meta charset="utf-8"><title>corvane-cs at work</title><style>{STYLE}</style></head>
+<body>
+<h1>corvane-cs at work on three stations</h1>
+<p>The daemon, the message bus, the displays and the pictures are real, the actors are small programs of the
+demonstration. Beside each picture stands what the daemon has logged since the one before.</p>
+{sections}</body></html>
+"""
 
 
-def daemon(option):
-    """Runs the daemon's executable with one option and returns what it prints."""
-    # A file, because the daemon keeps its standard descriptors: a pipe would stay open.
-    with open("/run/output", "w+") as output:
-        if subprocess.run([DAEMON, option], stdout=output, timeout=10).returncode != 0:
-            fail(f"corvane-cs {option} failed")
-        output.seek(0)
-        return output.read().strip()
+def picture_name(place):
+    return f"stage-{place}.png"
 
 
-def call(bus, expected, member, *arguments):
-    """Calls Start or Stop, whose reply must be the boolean `expected`."""
-    message = new_method_call(DISPLAY_MANAGER, member, "s" * len(arguments), arguments)
-    reply = bus.send_and_get_reply(message, timeout=5)
-    say(f"  {member}{arguments} -> {reply.body[0]}")
-    if reply.header.message_type != MessageType.method_return or reply.body != (expected,):
-        fail(f"{member} should have been answered with {expected}")
+def main(directory, session=None):
+    directory = Path(directory)
+    directory.mkdir(parents=True, exist_ok=True)
+    stages = []
+    for stage in Story(Stations(session)).stages():
+        stages.append(stage)
+        print(f"\n== {len(stages)}. {stage.title}")
+        for call in stage.calls:
+            print(f"   {call}")
+        print(textwrap.fill(stage.text, 100, initial_indent="   ", subsequent_indent="   "), flush=True)
+        side_by_side(stage.pictures).quantize(64).save(directory / picture_name(len(stages)), optimize=True)
+        if session:
+            time.sleep(TIME_TO_WATCH)
+    storyboard(stages).quantize(64).save(directory / "stations.png", optimize=True)
+    (directory / "index.html").write_text(page(stages))
+    print(f"\nThe demo showed all that it told. Pictures and log, side by side: {directory}/index.html")
 
 
-def running_actors():
-    """Command line of each running actor -> its pid."""
-    actors = {}
-    for process in Path("/proc").glob("[0-9]*"):
-        try:
-            words = (process / "cmdline").read_text().split("\0")[:-1]
-        except OSError:  # it has ended meanwhile
-            continue
-        if words and words[0] in PROGRAMS:
-            actors[" ".join(words)] = int(process.name)
-    return actors
-
-
-def expect_actors(*commands, seconds=5.0):
-    """Waits until exactly these actors run, and shows them."""
-    wait_for(f"exactly these actors to run: {commands}", lambda: set(running_actors()) == set(commands), seconds)
-    actors = running_actors()
-    say("\n  The actors that run:\n     pid  command")
-    for command, pid in sorted(actors.items(), key=lambda actor: actor[1]):
-        say(f"  {pid:6}  {command}")
-    return actors
-
-
-def expect_log(*texts):
-    """Waits until every text ends a line of the log, and shows these lines: time of day and message."""
-    def lines():
-        return [line for line in LOG.read_text().splitlines() if line.endswith(texts)]
-
-    wait_for(f"these lines in the log: {texts}",
-             lambda: all(any(line.endswith(text) for line in lines()) for text in texts))
-    say("\n  In the log of the daemon:")
-    for line in lines():
-        say(f"  {line[11:19]}  {line.partition(' DEBUG: ')[2]}")
-
-
-def chapter(title):
-    say(f"\n== {title}")
-
-
-say("""A station is a seat at a shared computer, with an X display of its own. On each of them the daemon starts,
-watches and stops helper programs, called actors, as other programs ask it over the message bus. Here it runs with
-a bus of its own, hidden from yours; its actors are stand-ins, which need no display and do nothing.""")
-prepare_actors()
-bus = start_bus()
-
-chapter("The daemon starts in the background and takes its name on the bus")
-daemon("--start")
-wait_for(str(LOG), LOG.exists)
-expect_log("Succeeded to request service name ...", "Start mainloop ...")
-pid = int(daemon("--pid"))
-if PID_FILE.read_text() != str(pid) or os.readlink(f"/proc/{pid}/exe") != DAEMON:
-    fail(f"{pid} is not the daemon")
-say(f"\n  corvane-cs --pid says that it is process {pid}, and so it is.")
-
-chapter("Three stations get their actors; each display, actor and kind of station is named by the caller")
-call(bus, True, "Start", ":1", "local-login", "PCI")
-call(bus, True, "Start", ":1", "xhotkey", "PCI")
-call(bus, True, "Start", ":2", "local-login", "USB")
-call(bus, True, "Start", ":3", "press-fkey", "COMMON")
-login_1, hotkey_1, login_2 = "corvane-ls :1", "corvane-xh -display :1", "corvane-ls :2"
-fkey_3 = "corvane-pfk -display :3 --verbose --logfile /var/log/corvane-pfk3.log"
-before = expect_actors(login_1, hotkey_1, login_2, fkey_3)
-expect_log(*(f"DISPLAY=:{display}, actor_code={code}, child={before[actor]}"
-             for display, code, actor in ((1, 2, login_1), (1, 7, hotkey_1), (2, 2, login_2), (3, 4, fkey_3))))
-
-chapter("What cannot be is answered with false, and the log has the reason")
-call(bus, False, "Start", ":1", "television", "PCI")
-call(bus, False, "Stop", ":9", "local-login")
-expect_log("Invalid actor name: television", "Unable to find station entry for display 9")
-
-chapter(f"The login screen of :2 is killed: it is back after {RESTART_PAUSE:g} seconds, and nothing else has changed")
-os.kill(before[login_2], signal.SIGKILL)
-killed = time.monotonic()
-wait_for("its end", lambda: login_2 not in running_actors())
-wait_for("its return", lambda: login_2 in running_actors())
-away = time.monotonic() - killed
-after = expect_actors(login_1, hotkey_1, login_2, fkey_3)
-say(f"\n  Process {before[login_2]} died, {after[login_2]} came {away:.1f} s later.")
-if after[login_2] == before[login_2] or not RESTART_PAUSE - 0.1 <= away <= RESTART_PAUSE + 1:
-    fail("that is no new process after the pause")
-if any(after[actor] != before[actor] for actor in (login_1, hotkey_1, fkey_3)):
-    fail("another actor was started anew")
-expect_log(f"Child process died: {before[login_2]}", f"DISPLAY=:2, actor_code=2, child={after[login_2]}")
-
-chapter("The login screen of :2 is stopped, and stays away")
-call(bus, True, "Stop", ":2", "local-login")
-expect_actors(login_1, hotkey_1, fkey_3)
-expect_log(f"proc_method_stop: child_pid {after[login_2]}", f"Child process died: {after[login_2]}",
-           "keep_alive field is FALSE. Exit from the current thread")
-time.sleep(RESTART_PAUSE + 0.5)
-if login_2 in running_actors():
-    fail("it came back")
-say(f"\n  {RESTART_PAUSE + 0.5:g} seconds later it is still away.")
-
-chapter("Everything is stopped, at last the daemon")
-for display, actor in ((":1", "local-login"), (":1", "xhotkey"), (":3", "press-fkey")):
-    call(bus, True, "Stop", display, actor)
-wait_for("the end of all actors", lambda: not running_actors())
-daemon("--stop")
-wait_for("the end of the daemon", lambda: not Path(f"/proc/{pid}").exists())
-if PID_FILE.exists():
-    fail("the pid file is still there")
-say("\n  No actor, no daemon and no pid file is left. The demo showed all that it told.")
+try:
+    main(*sys.argv[1:])
+except (AssertionError, error.DisplayError, error.ConnectionClosedError) as failure:
+    sys.exit(f"\nThe demo failed: {failure}")

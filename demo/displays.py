@@ -1,0 +1,233 @@
+# SPDX-License-Identifier: MIT
+# displays.py: three stations with X servers of their own, for the demonstration and for the end-to-end tests.
+#
+# What happens there is looked at from outside: the windows of each display, the pixels of its screen and the
+# table of processes; what is not as expected raises AssertionError. It works in private-displays only. The
+# environment names the daemon's executable, CORVANE_BIN, and the directory of the actors, CORVANE_ACTORS.
+import io
+import os
+import re
+import subprocess
+import sys
+from pathlib import Path
+from typing import NamedTuple
+
+from PIL import Image, ImageDraw, ImageFont
+from Xlib import X, XK, Xatom, display, error
+from Xlib.ext import xtest
+
+os.environ.setdefault("STAND_IN", "")  # the actors are real
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests/e2e"))
+from machine import PROGRAMS, Line, Machine, process_state  # noqa: E402
+
+BUNDLE = "/usr/share/corvane/images/kva-images.bundle"
+UNITS = (640, 360)  # what the actors divide a screen into, whatever its size is
+BLACK, RED, GREEN, INK, PALE = (0, 0, 0), (176, 24, 32), (0, 153, 51), (34, 42, 56), (230, 232, 240)
+BACKGROUNDS = {0: (13, 107, 107), 1: (40, 80, 140), 2: (107, 58, 128)}  # of logins, by display modulo 3
+PATIENCE = 30  # seconds that anything may take on a busy machine
+
+
+def font(size, style=""):
+    return ImageFont.truetype(f"/usr/share/fonts/truetype/dejavu/DejaVuSans{style}.ttf", size)
+
+
+def make_bundle():
+    """The bundle that the daemon names: for each image a line with its name and size, and a PNG file."""
+    disabled = Image.new("RGB", (1280, 720), RED)
+    draw = ImageDraw.Draw(disabled)
+    draw.ellipse((500, 80, 780, 360), "white")
+    draw.rectangle((540, 196, 740, 244), RED)
+    draw.text((640, 480), "Station disabled", "white", font(100, "-Bold"), "mm")
+    draw.text((640, 600), "Please ask the attendant", "white", font(60), "mm")
+    with open(BUNDLE, "wb") as bundle:
+        for name, image in (("blank", Image.new("RGB", (8, 8), "white")), ("disabled", disabled)):
+            png = io.BytesIO()
+            image.save(png, "PNG")
+            bundle.write(b"%s %d\n%s" % (name.encode(), len(png.getvalue()), png.getvalue()))
+
+
+class Window(NamedTuple):
+    title: str
+    pid: int
+
+
+class Screen:
+    """A display with an X server of our own, and our connection to it."""
+
+    def __init__(self, number, command):
+        self.number = number
+        self.command = command
+        self.open()
+
+    def open(self):
+        """Starts the server and waits until it is ready: it then writes the number of its display."""
+        ready, tell = os.pipe()
+        self.server = subprocess.Popen([*self.command, f":{self.number}", "-displayfd", str(tell)],
+                                       pass_fds=[tell], stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(tell)
+        with os.fdopen(ready) as text:
+            assert text.readline() == f"{self.number}\n", f"no X server for display :{self.number}"
+        self.display = display.Display(f":{self.number}")
+        self.root = self.display.screen().root
+
+    def close(self):
+        self.server.terminate()
+        self.server.wait()
+
+    def windows(self):
+        """The windows that are shown, the topmost first; None when one has gone while we looked."""
+        pid = self.display.get_atom("_NET_WM_PID")
+        try:
+            shown = [window for window in reversed(self.root.query_tree().children)
+                     if window.get_attributes().map_state == X.IsViewable]
+            return [Window(window.get_wm_name(), window.get_full_property(pid, Xatom.CARDINAL).value[0])
+                    for window in shown]
+        except error.BadWindow:
+            return None
+
+    def picture(self):
+        size = self.root.get_geometry()
+        image = self.root.get_image(0, 0, size.width, size.height, X.ZPixmap, 0xffffffff)
+        return Image.frombytes("RGB", (size.width, size.height), image.data, "raw", "BGRX")
+
+    def press(self, key):
+        """Presses and releases a key of the station."""
+        code = self.display.keysym_to_keycode(XK.string_to_keysym(key))
+        for event in (X.KeyPress, X.KeyRelease):
+            xtest.fake_input(self.display, event, code)
+        self.display.sync()
+
+
+def pixels(number, titles):
+    """What colour is where on a display with these windows: (x, y) in units -> colour."""
+    if "Image disabled" in titles[:1]:
+        return {(10, 10): RED, (320, 350): RED, (320, 60): (255, 255, 255)}
+    login = next((title for title in titles if title.startswith("Login")), None)
+    watcher = next((title for title in titles if title.startswith("Hot key")), None)
+    background = BACKGROUNDS[number % 3] if login else BLACK
+    field = (GREEN if "," in login else PALE) if login else BLACK
+    badge = (GREEN if "," in watcher else INK) if watcher else background
+    return {(10, 10): background, (630, 350): background, (190, 178): field, (130, 305): badge}
+
+
+def colours(picture, places):
+    return {(x, y): picture.getpixel((x * picture.width // UNITS[0], y * picture.height // UNITS[1]))
+            for x, y in places}
+
+
+class Stage(NamedTuple):
+    """What the story has come to: all of it has been seen."""
+    title: str
+    text: str
+    calls: list  # what was asked of the daemon: lines of text
+    pictures: dict  # display -> what was seen on it
+    log: list  # what the daemon has logged since the stage before: lines of text
+
+
+class Stations(Machine):
+    """A machine with three displays, the actors of the demonstration and the image bundle."""
+
+    def __init__(self, session=None):
+        """With the name of a display, `session`, the stations are windows on it."""
+        super().__init__()
+        make_bundle()
+        self.calls = []
+        self.logged = 0  # as much of the log has been handed out
+        self.titles = {}  # display -> what windows it was last expected to have
+        taken = int(re.match(r".*:(\d+)", session)[1]) if session else 0
+        numbers = [number for number in (1, 2, 3, 4) if number != taken][:3]
+        self.screens = {number: Screen(number, self.server(number, session)) for number in numbers}
+
+    def install(self, program):
+        os.symlink(Path(os.environ["CORVANE_ACTORS"]).resolve() / program, f"/run/actors/bin/{program}")
+
+    @staticmethod
+    def server(number, session):
+        if not session:
+            return ["Xvfb", "-noreset", "-screen", "0", f"{UNITS[0]}x{UNITS[1]}x24"]
+        width = min(UNITS[0], display.Display(session).screen().width_in_pixels // 3 - 12)
+        height = width * UNITS[1] // UNITS[0]
+        place = f"{width}x{height}+{(number - 1) % 3 * (width + 12)}+40"
+        return ["Xephyr", "-noreset", "-title", f"Station :{number}", "-screen", place]
+
+    # ---- what is done ----
+
+    def serve(self):
+        """Starts the bus and, in the background, the daemon."""
+        self.start_bus("--session", "--syslog-only")  # it complains of limits that it can do without
+        assert self.daemonise("--start").returncode == 0, self.terminal()
+        self.wait_log(r"Start mainloop \.\.\.", seconds=PATIENCE)
+        self.bus_caller = self.caller()
+
+    def ask(self, option):
+        """Runs the daemon's executable with an option; returns what it prints."""
+        process = self.run(option)
+        assert process.returncode == 0, f"corvane-cs {option}: {process.stderr}"
+        return process.stdout
+
+    def start(self, number, actor, station_type):
+        assert self.bus_caller.start(f":{number}", actor, station_type) is True
+        self.calls.append(f"Start(':{number}', '{actor}', '{station_type}')")
+
+    def stop(self, number, actor):
+        assert self.bus_caller.stop(f":{number}", actor) is True
+        self.calls.append(f"Stop(':{number}', '{actor}')")
+
+    def press(self, number, key):
+        self.screens[number].press(key)
+        self.calls.append(f"key {key} is typed on :{number}")
+
+    # ---- what is seen ----
+
+    def actors(self):
+        """The actors that run: pid -> command line."""
+        running = {}
+        for entry in os.listdir("/proc"):
+            if entry.isdigit() and process_state(entry):
+                try:
+                    words = Path(f"/proc/{entry}/cmdline").read_text().split("\0")[:-1]
+                except (FileNotFoundError, ProcessLookupError):
+                    continue
+                if words and words[0] in PROGRAMS:
+                    running[int(entry)] = " ".join(words)
+        return running
+
+    def expect(self, number, *commands):
+        """Waits until exactly these (title, command) are the windows of a display, the topmost first.
+
+        Each must belong to a process with that command line, and the screen must have their colours.
+        Returns the processes, in the same order.
+        """
+        screen = self.screens[number]
+        titles = self.titles[number] = [title for title, _ in commands]
+        expected = (list(commands), pixels(number, titles))
+        seen, pids = None, []
+
+        def as_told():
+            nonlocal seen
+            windows, running, picture = screen.windows(), self.actors(), screen.picture()
+            if windows is None:
+                return False
+            seen = ([(window.title, running.get(window.pid)) for window in windows],
+                    colours(picture, expected[1]))
+            pids[:] = [window.pid for window in windows]
+            return seen == expected
+
+        try:
+            self.wait(f"{titles} on :{number}", as_told, PATIENCE)
+        except AssertionError as failure:
+            raise AssertionError(f"{failure}\nseen on :{number}: {seen}\nexpected: {expected}") from None
+        return pids
+
+    def stage(self, title, text):
+        """The stage that the story has come to, with pictures that show what was expected last."""
+        pictures = {number: screen.picture() for number, screen in self.screens.items()}
+        for number, picture in pictures.items():
+            expected = pixels(number, self.titles[number])
+            assert colours(picture, expected) == expected, f"the picture of :{number} is not as told"
+        text_of_log = self.log_text()
+        end = text_of_log.rfind("\n") + 1
+        log = [Line(raw) for raw in text_of_log[self.logged:end].splitlines() if raw]
+        self.logged = end
+        calls, self.calls = self.calls, []
+        return Stage(title, text, calls, pictures, [f"{line.time[11:]}  {line.text}" for line in log])

@@ -1,0 +1,80 @@
+# SPDX-License-Identifier: MIT
+# test_displays.py: the daemon and real X clients on real displays, judged by what is to be seen there.
+#
+# The stations, their displays and the main story are those of the demonstration.
+import os
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent.parent / "demo"))
+from displays import Stations  # noqa: E402
+from story import Story  # noqa: E402
+
+
+@pytest.fixture
+def stations():
+    stations = Stations()
+    yield stations
+    stations.clean()
+
+
+def login(number):
+    return "Login", f"corvane-ls :{number}"
+
+
+def test_the_story_of_the_demonstration_is_true(stations):
+    stages = list(Story(stations).stages())
+
+    assert [stage.title for stage in stages] == [
+        "The daemon waits", "Login windows", "A hot key", "Keys and clicks from a program",
+        "A station is disabled", "And enabled again", "A login is killed", "And is back two seconds later",
+        "Everything is stopped"]
+
+
+def test_a_station_whose_display_ends_and_comes_back_gets_its_login_back_and_the_others_keep_theirs(stations):
+    stations.serve()
+    for number in (1, 2, 3):
+        stations.start(number, "local-login", "COMMON")
+    before = [stations.expect(number, login(number)) for number in (1, 2, 3)]
+
+    stations.screens[2].close()
+    stations.wait_gone(before[1][0])
+    stations.screens[2].open()
+
+    after = [stations.expect(number, login(number)) for number in (1, 2, 3)]
+    assert after[0] == before[0] and after[2] == before[2]
+    assert after[1] != before[1]
+
+
+def test_a_login_started_before_its_display_is_shown_as_soon_as_there_is_one(stations):
+    stations.serve()
+    stations.screens[3].close()
+    stations.start(3, "local-login", "COMMON")
+    stations.wait_log(r"Child process died: \d+", count=2)
+
+    stations.screens[3].open()
+
+    stations.expect(3, login(3))
+
+
+def test_actors_of_one_group_take_turns_on_the_screen(stations):
+    stations.serve()
+    bundle = "/usr/share/corvane/images/kva-images.bundle"
+    image = "Image disabled", f"corvane-x11-put-image :1 {bundle} disabled"
+    stations.start(1, "local-login", "PCI")
+    stations.expect(1, login(1))
+    stations.start(1, "disable-station", "PCI")
+    stations.expect(1, image, login(1))
+
+    stations.start(1, "press-fkey", "PCI")  # the image has its place
+    stations.start(1, "init-station", "PCI")
+    stations.wait_log("No action needed for INIT_STATION")
+    stations.expect(1, image, login(1))
+    assert not os.path.exists("/var/log/corvane-pfk1.log")
+
+    stations.stop(1, "press-fkey")  # ends whatever runs in the place
+    stations.expect(1, login(1))
+    stations.start(1, "press-fkey", "PCI")
+    stations.expect(1, ("Login, key F1", "corvane-ls :1"))
