@@ -242,12 +242,12 @@ TEST_F(ProcMethodStart, a_running_group_refuses_and_leaves_the_copy_behind) {
 
 TEST_F(ProcMethodStart, an_actor_that_is_none_is_told_and_the_copy_freed) {
   MemoryBook memory;
-  start(8);
+  start(99);
   EXPECT_EQ(memory.blocks_left(), 0U);
   EXPECT_EQ(threads.size(), 0U);
   EXPECT_EQ(calls, (Calls{}));
   EXPECT_EQ(log.lines(),
-            dm_lines("proc_method_start", {"{DM} Start: Unable to find right actor for actor type=8"}));
+            dm_lines("proc_method_start", {"{DM} Start: Unable to find right actor for actor type=99"}));
 }
 
 TEST_F(ProcMethodStart, without_memory_for_the_copy_the_request_is_dropped) {
@@ -460,9 +460,9 @@ TEST_F(ProcMethodStop, any_actor_of_the_group_ends_the_groups_child_and_no_other
 TEST_F(ProcMethodStop, an_actor_that_is_none_is_told) {
   entry().is_running = 1;
   entry().child_pid = 4711;
-  stop(8);
+  stop(99);
   EXPECT_EQ(calls, (Calls{}));
   EXPECT_EQ(log.lines(),
             dm_lines("proc_method_stop",
-                     {"proc_method_stop", "{DM} Stop: Unable to find right actor for actor type=8"}));
+                     {"proc_method_stop", "{DM} Stop: Unable to find right actor for actor type=99"}));
 }

@@ -37,15 +37,15 @@ TEST_F(MethodStartThread, without_its_station_it_ends) {
 }
 
 TEST_F(MethodStartThread, without_its_actor_it_ends) {
-  supervise(8);
-  EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:8, display_num:3",
-                                       "{DM} Unable to find ACTOR definition for 8"}));
+  supervise(99);
+  EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:99, display_num:3",
+                                       "{DM} Unable to find ACTOR definition for 99"}));
   EXPECT_EQ(value_of(station.launched), 1);
   EXPECT_EQ(calls, (Calls{}));
 }
 
 TEST_F(MethodStartThread, the_station_is_looked_for_before_the_actor) {
-  supervise(8, 1, 4);
+  supervise(99, 1, 4);
   EXPECT_EQ(log.lines().back(),
             dm_line("method_start_thread", "{DM} Unable to find station info for display 4"));
 }

@@ -1,0 +1,78 @@
+# SPDX-License-Identifier: MIT
+# conftest.py: hands the machine on which the packaged files are looked at to the tests of this folder.
+#
+# INSTALLED is a directory with everything as `cmake --install` puts it below /, with the prefix /usr. It is
+# laid over the private machine's own file system, so that what runs is what a user gets, in the place where
+# he gets it.
+import os
+import re
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+TESTS = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(TESTS / "e2e"))
+os.environ.setdefault("STAND_IN", "/bin/true")  # for tests in which it does not matter what an actor does
+
+import machine as machines  # noqa: E402: it reads the environment
+
+BUS_SOCKET = "/run/dbus/system_bus_socket"
+BUS_CONFIGURATION = Path("/usr/share/dbus-1/system.conf")
+BUS_ERRORS = Path("/run/dbus/errors")
+
+
+@pytest.fixture
+def installed():
+    """The directory that stands for / of a machine on which the daemon is installed."""
+    return Path(os.environ["INSTALLED"])
+
+
+@pytest.fixture
+def bare():
+    """A clean machine on which nothing runs yet."""
+    machine = machines.Machine()
+    yield machine
+    machine.clean()
+
+
+@pytest.fixture
+def machine(bare):
+    """A machine with a session bus and a daemon that serves it."""
+    bare.start_bus()
+    bare.start_daemon()
+    return bare
+
+
+@pytest.fixture
+def laid_over(bare, installed, monkeypatch):
+    """A clean machine with the installed files below /usr in their places, the daemon among them."""
+    bare.mount("-t", "overlay", "overlay", "-o", f"lowerdir={installed}/usr:/usr", "/usr")
+    monkeypatch.setattr(machines, "DAEMON", "/usr/sbin/corvane-cs")
+    return bare
+
+
+def start_system_bus(machine, policies):
+    """Starts the system's bus with its stock configuration, but with the policies of one directory only."""
+    text = BUS_CONFIGURATION.read_text()
+    assert BUS_SOCKET in text
+    text, count = re.subn("<includedir>system.d</includedir>", f"<includedir>{policies}</includedir>", text)
+    assert count == 1, text
+    text = re.sub("<include.*?>/etc/.*?</include.*?>", "", text)
+    os.mkdir("/run/dbus")
+    configuration = Path("/run/dbus/system.conf")
+    configuration.write_text(text)
+    with BUS_ERRORS.open("w") as errors:
+        machine.bus = subprocess.Popen(
+            ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nosyslog", "--print-address=1"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors, text=True)
+    machine.address = machine.bus.stdout.readline().strip().split(",")[0]
+    assert machine.address == f"unix:path={BUS_SOCKET}", BUS_ERRORS.read_text()
+
+
+@pytest.fixture
+def system_bus(laid_over, installed):
+    """A clean machine with the installed files and a system bus that has their policy."""
+    start_system_bus(laid_over, installed / "usr/share/dbus-1/system.d")
+    return laid_over

@@ -1,0 +1,130 @@
+# SPDX-License-Identifier: MIT
+# test_completions.py: each shell, set up as Debian does it, finds its completion and offers the options.
+#
+# bash is asked by calling what it registered. zsh completes in its line editor only, so it gets a terminal, a
+# real tabulator, and a function in the place of the one that takes the matches, which writes them down.
+import os
+import pty
+import re
+import subprocess
+import threading
+from pathlib import Path
+
+import pytest
+
+OPTIONS = ["--disable", "--enable", "--pid", "--purge", "--start", "--stop", "--verbose"]
+
+ASK_BASH = """
+source /usr/share/bash-completion/bash_completion
+_completion_loader corvane-cs
+registered=$(complete -p corvane-cs)
+[ "$registered" = "complete -F _corvane_cs corvane-cs" ] || { echo "$registered"; exit 1; }
+COMP_WORDS=("$@")
+COMP_CWORD=$(($# - 1))
+COMPREPLY=("left by another command")
+_corvane_cs
+printf '%s\\n' "${COMPREPLY[@]}"
+"""
+
+ASK_ZSH = """
+autoload -Uz compinit && compinit -u -D
+compadd() {
+  local -a matches
+  if [[ ${@[1,(i)(-|--)]} != *-(O|A|D)\\ * ]]; then
+    builtin compadd -A matches "$@"
+    print -lr -- $matches >>/run/matches
+  fi
+  builtin compadd "$@"
+}
+complete_and_tell() { _main_complete; print done >>/run/matches }
+zle -C tell complete-word complete_and_tell
+bindkey '^I' tell
+"""
+
+
+def bash(*words):
+    done = subprocess.run(["bash", "--norc", "-c", ASK_BASH, "bash", *words], capture_output=True, text=True)
+    assert (done.returncode, done.stderr) == (0, ""), done
+    return sorted(done.stdout.split())
+
+
+class Terminal:
+    """A terminal with zsh in it; what it shows is kept in `shown`."""
+
+    def __init__(self):
+        self.end, its_end = pty.openpty()
+        self.shell = subprocess.Popen(["zsh", "-f", "-i"], stdin=its_end, stdout=its_end, stderr=its_end,
+                                      env={**os.environ, "TERM": "dumb"}, start_new_session=True)
+        os.close(its_end)
+        self.shown = ""
+        self.reader = threading.Thread(target=self.read)
+        self.reader.start()
+
+    def read(self):
+        try:
+            while piece := os.read(self.end, 4096):
+                self.shown += piece.decode(errors="replace")
+        except OSError:  # the last user of the terminal is gone
+            pass
+
+    def type(self, keys):
+        os.write(self.end, keys.encode())
+
+    def close(self):
+        self.shell.kill()
+        self.shell.wait()
+        self.reader.join()
+        os.close(self.end)
+
+
+@pytest.fixture
+def zsh(laid_over):
+    """Asks zsh what it offers for a command line that ends where the tabulator is pressed."""
+    Path("/run/setup").write_text(ASK_ZSH)
+    terminal = Terminal()
+
+    def ask(line):
+        matches = Path("/run/matches")
+        matches.write_text("")
+        terminal.type(f"\x15{line}\t")  # behind what deletes the line before
+        try:
+            laid_over.wait("zsh to complete", lambda: "done\n" in matches.read_text(), seconds=60)
+        except AssertionError as error:
+            raise AssertionError(terminal.shown) from error
+        return sorted(matches.read_text().split()[:-1])
+
+    terminal.type("source /run/setup; print ready >/run/ready\n")
+    laid_over.wait("zsh to be ready", lambda: os.path.exists("/run/ready"), seconds=60)
+    yield ask
+    terminal.close()
+
+
+def test_the_options_are_those_of_the_usage_text(laid_over):
+    usage = laid_over.run("--help").stderr
+    assert sorted(re.findall(r"^\t(--\w+)\t", usage, re.MULTILINE)) == OPTIONS
+
+
+def test_bash_offers_the_options(laid_over):
+    assert bash("corvane-cs", "") == OPTIONS
+    assert bash("corvane-cs", "--") == OPTIONS
+    assert bash("corvane-cs", "--p") == ["--pid", "--purge"]
+    assert bash("corvane-cs", "--sto") == ["--stop"]
+    assert bash("corvane-cs", "--start", "--ver") == ["--verbose"]
+
+
+def test_bash_offers_nothing_where_the_daemon_looks_at_nothing(laid_over):
+    assert bash("corvane-cs", "s") == []
+    assert bash("corvane-cs", "--pid", "") == []
+    assert bash("corvane-cs", "--verbose", "--stop", "--") == []
+
+
+def test_zsh_offers_the_options(zsh):
+    assert zsh("corvane-cs --") == OPTIONS
+    assert zsh("corvane-cs --p") == ["--pid", "--purge"]
+    assert zsh("corvane-cs --start --ver") == ["--verbose"]
+
+
+def test_zsh_offers_nothing_where_the_daemon_looks_at_nothing(zsh):
+    assert zsh("corvane-cs s") == []
+    assert zsh("corvane-cs --pid --") == []
+    assert zsh("corvane-cs --verbose --stop --") == []

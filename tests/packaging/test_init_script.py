@@ -1,0 +1,191 @@
+# SPDX-License-Identifier: MIT
+# test_init_script.py: the verbs of the init script on a machine with a policed bus and without systemd.
+#
+# The exit statuses are those of the Linux Standard Base: 0 for what was asked and for what is so already, 1
+# for a start or stop that failed; of status 0 for running, 1 for dead with a pid file, 3 for not running.
+import os
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+from jeepney import DBusAddress, new_method_call
+
+from machine import NAME, process_state
+
+
+class Script:
+    def __init__(self, machine, path):
+        self.machine, self.path = machine, path
+
+    def __call__(self, *verbs):
+        """Runs the script as an init does: with next to no environment; its status and its output.
+
+        The output comes through a pipe, which ends only when nobody holds it any more, the daemon included.
+        """
+        done = subprocess.run([self.path, *verbs], env={"PATH": "/usr/bin:/bin", "TERM": "dumb"}, cwd="/",
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              text=True, timeout=60)
+        return done.returncode, done.stdout
+
+    def status(self):
+        return self("status")[0]
+
+
+def owner(machine):
+    """The pid of the process that has the daemon's name."""
+    bus = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
+    return machine.caller().ask(new_method_call(bus, "GetConnectionUnixProcessID", "s", (NAME,)))[0]
+
+
+def daemons():
+    """The pids of all processes that run the daemon's executable."""
+    return [int(pid) for pid in os.listdir("/proc") if pid.isdigit() and process_state(int(pid))
+            and os.readlink(f"/proc/{pid}/exe").startswith("/usr/sbin/corvane-cs")]
+
+
+@pytest.fixture
+def script(system_bus, installed):
+    shutil.rmtree("/run/corvane")  # the script makes it
+    return Script(system_bus, installed / "etc/init.d/corvane-cs")
+
+
+def test_each_verb_twice(script):
+    machine = script.machine
+    assert script("status") == (3, "corvane-cs is not running.\n")
+
+    status, output = script("start")
+    assert status == 0, output
+    first = owner(machine)
+    assert machine.pid_file() == str(first)
+    assert machine.caller().hello() == "How are you?"
+    status, output = script("start")
+    assert status == 0 and "already running" in output
+    assert daemons() == [first]
+
+    for _ in range(2):
+        assert script("status") == (0, f"corvane-cs is running with pid {first}.\n")
+
+    before = first
+    for _ in range(2):
+        status, output = script("restart")
+        assert status == 0, output
+        assert process_state(before) is None
+        before = owner(machine)
+        assert daemons() == [before] and machine.pid_file() == str(before)
+
+    status, output = script("stop")
+    assert status == 0, output
+    assert daemons() == [] and machine.pid_file() is None
+    status, output = script("stop")
+    assert status == 0 and "not running" in output
+    for _ in range(2):
+        assert script("status") == (3, "corvane-cs is not running.\n")
+
+
+def test_restart_starts_what_does_not_run_and_try_restart_does_not(script):
+    assert script("try-restart") == (0, "")
+    assert script.status() == 3
+    assert script("restart")[0] == 0
+    first = owner(script.machine)
+    for verb in ("try-restart", "force-reload"):
+        assert script(verb)[0] == 0
+    assert daemons() == [owner(script.machine)] != [first]
+
+
+def test_the_directory_of_the_pid_file_is_for_root_to_write_in(script):
+    script("start")
+    assert os.stat("/run/corvane").st_mode & 0o777 == 0o755
+
+
+def test_actors_are_looked_up_where_an_administrator_installs_them(script):
+    script("start")
+    with open(f"/proc/{owner(script.machine)}/environ") as file:
+        environment = file.read().split("\0")
+    assert "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin" in environment
+
+
+@pytest.mark.parametrize("content", ["", "999999", "12345678", "{other}"])
+def test_a_stale_pid_file_is_seen_through(script, content):
+    machine = script.machine
+    other = subprocess.Popen(["sleep", "600"])
+    os.mkdir("/run/corvane")
+
+    machine.write_pid_file(content.format(other=other.pid))
+    assert script("status") == (1, "corvane-cs is not running, but its pid file exists.\n")
+    status, output = script("stop")
+    assert status == 0 and "not running" in output
+    assert machine.pid_file() is None
+
+    machine.write_pid_file(content.format(other=other.pid))
+    status, output = script("start")
+    assert status == 0, output
+    assert machine.pid_file() == str(owner(machine))
+    assert other.poll() is None
+
+
+def test_a_killed_daemon_is_told_and_replaced(script):
+    script("start")
+    pid = owner(script.machine)
+    os.kill(pid, 9)
+    script.machine.wait_gone(pid)
+
+    assert script.status() == 1
+    assert script("start")[0] == 0
+    assert daemons() == [owner(script.machine)] != [pid]
+
+
+def test_a_start_without_a_bus_fails_and_leaves_nothing(laid_over, installed):
+    script = Script(laid_over, installed / "etc/init.d/corvane-cs")
+    for verb in ("start", "start", "restart"):
+        status, output = script(verb)
+        assert status == 1 and "see /var/log/corvane-cs.log" in output
+        assert "Failed to connect system DBus" in laid_over.log_text()
+        assert daemons() == [] and laid_over.pid_file() is None
+    assert script.status() == 3
+    assert script("stop")[0] == 0
+
+
+def test_a_start_without_a_place_for_the_pid_file_fails(script):
+    Path("/run/corvane").write_text("not a directory")
+    assert script("start")[0] == 1
+    assert daemons() == []
+
+
+@pytest.mark.parametrize("replaced", [False, True])
+def test_a_daemon_that_its_pid_file_does_not_name_is_found_on_the_bus(script, replaced):
+    machine = script.machine
+    if replaced:  # by an upgrade: the executable that runs is none any more
+        os.mkdir("/run/upper")
+        os.mkdir("/run/work")
+        machine.mount("-t", "overlay", "overlay", "-o",
+                      "lowerdir=/usr/sbin,upperdir=/run/upper,workdir=/run/work", "/usr/sbin")
+        assert script("start")[0] == 0
+        pid = owner(machine)
+        shutil.copy("/usr/sbin/corvane-cs", "/usr/sbin/new")
+        os.rename("/usr/sbin/new", "/usr/sbin/corvane-cs")
+    else:
+        machine.start_daemon()
+        pid = machine.daemon.pid
+
+    assert script("status") == (0, f"corvane-cs is running with pid {pid}.\n")
+    assert script("start")[0] == 0
+    assert owner(machine) == pid
+    machine.daemon = None  # its end is asked for
+    assert script("stop")[0] == 0
+    assert process_state(pid) is None and machine.pid_file() is None
+
+
+def test_an_unknown_verb_and_none_are_refused(script):
+    for verbs in ((), ("reload",)):
+        status, output = script(*verbs)
+        assert status == 2 and "Usage:" in output
+
+
+def test_a_machine_without_the_daemon_is_left_alone(bare, installed):
+    script = Script(bare, installed / "etc/init.d/corvane-cs")
+    if os.path.exists("/usr/sbin/corvane-cs"):
+        pytest.fail("the daemon is installed on this machine itself")
+    assert script("start") == (0, "")
+    assert script("stop") == (0, "")
+    assert script("status") == (4, "")

@@ -1,0 +1,306 @@
+# SPDX-License-Identifier: MIT
+# test_manual.py: the manual pages please their readers' tools, and say what the daemon says and does.
+#
+# The pages are read as mandoc understands them. What they list is held against the daemon and its sources in
+# both directions, so that neither can change without the other. The examples are taken from the pages and run
+# by root against a daemon on the system bus, as the reader of the page would run them.
+import os
+import re
+import signal
+import subprocess
+import xml.etree.ElementTree as ElementTree
+from pathlib import Path
+
+import pytest
+from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
+
+from machine import NAME, PATH, PROGRAMS, plugin_call
+
+SOURCES = Path(__file__).resolve().parent.parent.parent
+MANAGER = "com.corvane.ControlServer.DisplayManager"
+DUMMY = "com.corvane.ControlServer.Dummy"
+PAGES = ["man8/corvane-cs.8", f"man5/{MANAGER}.5", f"man5/{DUMMY}.5"]
+OPTIONS = ["--disable", "--enable", "--pid", "--purge", "--start", "--stop", "--verbose"]
+ERROR = "org.freedesktop.DBus.Error"
+
+
+@pytest.fixture
+def manual(installed):
+    return installed / "usr/share/man"
+
+
+def words(element):
+    return " ".join("".join(element.itertext()).split())
+
+
+class Page:
+    """A manual page in mandoc's reading of it."""
+
+    def __init__(self, path):
+        html = subprocess.check_output(["mandoc", "-Thtml", "-Ofragment", path], text=True)
+        self.root = ElementTree.fromstring(f"<page>{html}</page>")
+
+    def section(self, title):
+        """A section or subsection."""
+        found = [section for section in self.root.iter("section") if words(section[0]) == title]
+        assert len(found) == 1, f"{len(found)} sections {title}"
+        return found[0]
+
+    def entries(self, title):
+        """The entries of the lists in a section: the element of each term with that of its text."""
+        entries = []
+        for listed in self.section(title).iter("dl"):
+            terms, texts = listed[::2], listed[1::2]
+            assert {term.tag for term in terms} == {"dt"} and {text.tag for text in texts} == {"dd"}
+            entries += zip(terms, texts, strict=True)
+        return entries
+
+    def examples(self, title):
+        return ["".join(block.itertext()) for block in self.section(title).iter("pre")]
+
+
+# ---- the pages as such ----
+
+
+def test_the_pages_are_those_of_the_daemon_and_of_each_of_its_objects(machine, manual):
+    registered = [text for text in machine.texts() if text.startswith("path=")]
+    objects = [text.removeprefix("path=/").replace("/", ".") for text in registered]
+    pages = sorted(str(page.relative_to(manual)) for page in manual.glob("man*/*"))
+    assert pages == sorted(["man8/corvane-cs.8", *(f"man5/{name}.5" for name in objects)]) == sorted(PAGES)
+
+
+@pytest.mark.parametrize("page", PAGES)
+@pytest.mark.parametrize("command", [["man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z"],
+                                     ["mandoc", "-Tlint", "-W", "warning"]], ids=lambda command: command[0])
+def test_the_formatters_have_no_complaint(manual, page, command):
+    done = subprocess.run([*command, manual / page], capture_output=True, text=True)
+    assert (done.returncode, done.stderr) == (0, "")
+    if command[0] == "mandoc":
+        assert done.stdout == ""
+
+
+@pytest.mark.parametrize("page", PAGES)
+def test_the_installed_ones_of_the_files_that_the_page_names_exist(installed, manual, page):
+    for term, _ in Page(manual / page).entries("FILES"):
+        path = words(term)
+        if not path.startswith(("/var/", "/usr/share/corvane/")):  # of the daemon at work, of the actors
+            assert list(installed.glob(path[1:])), path
+
+
+# ---- options ----
+
+
+def test_the_options_of_the_page_are_those_of_the_usage_text(bare, manual):
+    page = Page(manual / "man8/corvane-cs.8")
+    usage = bare.run("--help").stderr
+    assert sorted(re.findall(r"^\t(--\w+)\t", usage, re.MULTILINE)) == OPTIONS
+
+    listed = [words(flag) for term, _ in page.entries("OPTIONS") for flag in term.iter("code")]
+    synopsis = [words(flag) for flag in page.section("SYNOPSIS").iter("code") if flag.get("class") == "Fl"]
+    assert sorted(listed) == sorted(synopsis) == sorted([*OPTIONS, "-v"])
+
+
+# ---- diagnostics ----
+
+LITERALS = r'((?:"(?:[^"\\]|\\.)*"\s*)+)'
+SAYINGS = [  # a call that says something to whoever runs the daemon; the same call with a literal text
+    (r"\blog_(?:debug|error)\(", rf"\blog_(?:debug|error)\(\s*{LITERALS}[,)]"),
+    (r"->write\(", rf"->write\(\s*\w+,\s*{LITERALS}[,)]"),
+    (r"\bfputs\([^;]*, stderr\)", rf"\bfputs\(\s*{LITERALS}, stderr\)"),
+    (r"\bfprintf\(\s*stderr,", rf"\bfprintf\(\s*stderr,\s*{LITERALS}[,)]"),
+    (r"\bwrite\(\s*STDERR_FILENO,", rf"\bwrite\(\s*STDERR_FILENO,\s*{LITERALS}[,)]"),
+]
+
+
+def sayings():
+    """What the sources can say, with * for what changes."""
+    said = set()
+    for folder in ("cs", "common", "plugins"):
+        for source in (SOURCES / folder).rglob("*.cpp"):
+            code = re.sub(r"^\s*//.*$", "", source.read_text(), flags=re.MULTILINE)
+            for call, with_literal in SAYINGS:
+                literals = re.findall(with_literal, code)
+                assert len(literals) == len(re.findall(call, code)), f"{source}: no literal behind {call}"
+                said.update("".join(re.findall(r'"((?:[^"\\]|\\.)*)"', literal)) for literal in literals)
+    texts = {text.removeprefix("%s:%i:%s: DEBUG: ").replace("\\n", "") for text in said}
+    return {re.sub(r"%(?:d|i|s)", "*", text) for text in texts}
+
+
+def explained(page):
+    """The diagnostics of the page, with * for its slanted words: each with its explanation."""
+    explanations = {}
+    unexplained = []
+    for term, text in page.entries("DIAGNOSTICS"):
+        for changing in term.iter("i"):
+            changing.text = "*"
+        unexplained.append(words(term))
+        if words(text):
+            assert not explanations.keys() & unexplained, f"twice: {unexplained}"
+            explanations.update(dict.fromkeys(unexplained, words(text)))
+            unexplained = []
+    assert not unexplained
+    return explanations
+
+
+def test_the_diagnostics_of_the_page_are_what_the_daemon_can_say(manual):
+    said = sayings()
+    assert {"Start mainloop ...", "{EE}Failed to connect system DBus: *", "Catch segfault signal.",
+            "cannot readlink", "insufficient memory", "insufficient memory: 1",
+            "corvane-cs: unknown command line option: *",
+            "Unhandled message: obj=*, intf=*, member=*"} <= said
+    diagnostics = explained(Page(manual / "man8/corvane-cs.8"))
+    assert said - diagnostics.keys() == set(), "not on the page"
+    assert diagnostics.keys() - said == set(), "on the page only"
+
+
+# ---- actors, station types, errors ----
+
+
+def test_the_actors_of_the_page_run_as_it_says(bare, manual):
+    for program in PROGRAMS:  # that stay, so that none is launched twice
+        bare.remove(program)
+        Path(f"/run/actors/bin/{program}").write_text("#!/bin/sh\nexec sleep infinity\n")
+        os.chmod(f"/run/actors/bin/{program}", 0o755)
+    bare.start_bus()
+    bare.start_daemon()
+    names = []
+    for number, (term, text) in enumerate(Page(manual / f"man5/{MANAGER}.5").entries("ACTORS"), 1):
+        names.append(words(term))
+        code, group = re.match(r"Code (\d), group (\d)\.", words(text)).groups()
+        command = [words(line).replace("N", str(number)) for line in text.iter("code")]
+
+        assert bare.caller().start(f":{number}", names[-1]) is True
+        if not command:
+            bare.wait_log(f"No action needed for INIT_STATION. display_num: {number}$")
+            continue
+        bare.wait_log(f"DISPLAY=:{number}, actor_code={code}, child=")
+        lines = bare.texts()
+        last = lines.index(f"method_start_thread() for actor_code:{code}, display_num:{number}")
+        assert [line.removeprefix("{DM} method_start_thread(): ") for line in lines[last + 1:]
+                if line.startswith("{DM} method")] == command[0].split()
+        assert [line for line in lines if line.startswith("group:")][-1] == f"group:{group}, is_running:0"
+    assert names == ["init-station", "local-login", "remote-login", "press-fkey", "click-mouse",
+                     "disable-station", "xhotkey"]
+
+
+def test_the_station_types_of_the_page_are_known_by_their_codes(bare, manual):
+    bare.start_bus()
+    bare.start_daemon("--verbose")
+    names = []
+    for number, (term, text) in enumerate(Page(manual / f"man5/{MANAGER}.5").entries("STATION TYPES"), 1):
+        names.append(words(term))
+        assert bare.caller().start(f":{number}", "init-station", names[-1]) is True
+        code = re.fullmatch(r"Code (\d)\.", words(text))[1]
+        bare.wait_log(f"#{number} station: display_num={number}, type={code}$")
+    assert names == ["PCI", "USB", "COMMON"]
+
+
+def error_of(machine, path, member, *arguments):
+    """The name of the error that answers a call to the display manager's interface."""
+    call = new_method_call(DBusAddress(path, bus_name=NAME, interface=MANAGER), member,
+                           "s" * len(arguments) or None, arguments)
+    reply = machine.caller().connection.send_and_get_reply(call, timeout=10)
+    assert reply.header.message_type == MessageType.error
+    return reply.header.fields[HeaderFields.error_name]
+
+
+def error_of_an_end(machine):
+    """The name of the error that answers a call during which the daemon ends."""
+    machine.daemon.send_signal(signal.SIGSTOP)
+    caller = machine.caller()
+    caller.send(plugin_call("DisplayManager", "Stop", "ss", ":1", "xhotkey"))
+    bus = DBusAddress("/org/freedesktop/DBus", *["org.freedesktop.DBus"] * 2)
+    caller.ask(new_method_call(bus, "GetId"))  # answered when the bus has passed on what came before
+    machine.daemon.kill()
+    while (reply := caller.connection.receive(timeout=10)).header.message_type != MessageType.error:
+        pass
+    return reply.header.fields[HeaderFields.error_name]
+
+
+def test_the_errors_of_the_page_are_those_that_callers_get(system_bus, manual):
+    manager = f"{PATH}/DisplayManager"
+    errors = {"no daemon": error_of(system_bus, manager, "Start", ":1", "xhotkey", "PCI")}
+    system_bus.start_daemon()
+    errors |= {
+        "no arguments": error_of(system_bus, manager, "Start"),
+        "another object": error_of(system_bus, f"{PATH}/Nobody", "Start", ":1", "xhotkey", "PCI"),
+        "another member": error_of(system_bus, manager, "Restart"),
+        "an end": error_of_an_end(system_bus),
+    }
+    assert errors == {
+        "no daemon": f"{ERROR}.ServiceUnknown",
+        "no arguments": f"{ERROR}.UnknownMethod",
+        "another object": f"{ERROR}.UnknownMethod",
+        "another member": f"{ERROR}.AccessDenied",
+        "an end": f"{ERROR}.NoReply",
+    }
+    listed = [words(term) for term, _ in Page(manual / f"man5/{MANAGER}.5").entries("ERROR REPLIES")]
+    assert sorted(listed) == sorted(set(errors.values()))
+
+
+# ---- examples ----
+
+# page, heading, the output of each of its commands
+EXAMPLES = [
+    (MANAGER, "busctl", ["b true\n", "b true\n"]),
+    (MANAGER, "gdbus", ["(true,)\n"]),
+    (MANAGER, "dbus-send", ["   boolean true\n"]),
+    (MANAGER, "C", ["queued\n"]),
+    (MANAGER, "Python", ["queued\n"]),
+    (DUMMY, "busctl", ['s "How are you?"\n']),
+    (DUMMY, "gdbus", ["('How are you?',)\n"]),
+    (DUMMY, "dbus-send", ["   How are you?"]),
+    (DUMMY, "C", ["How are you?\n"]),
+    (DUMMY, "Python", ["How are you?\n"]),
+]
+
+
+def run_examples(blocks, folder):
+    """Puts programs into the files that they name, runs commands; returns what the commands gave."""
+    results = []
+    for block in blocks:
+        name = re.match(r"(?:/\*|#) ([a-z.]+): ", block)
+        if name:
+            (folder / name[1]).write_text(block)
+        else:
+            results.append(subprocess.run(["sh", "-e", "-c", block], cwd=folder, capture_output=True,
+                                          text=True, timeout=60))
+    return results
+
+
+@pytest.mark.parametrize("page, heading, outputs", EXAMPLES)
+def test_each_example_works(system_bus, manual, tmp_path, page, heading, outputs):
+    system_bus.start_daemon()
+    results = run_examples(Page(manual / f"man5/{page}.5").examples(heading), tmp_path)
+
+    assert [(result.returncode, result.stderr) for result in results] == [(0, "")] * len(outputs)
+    assert [result.stdout for result in results] == outputs
+    if page == MANAGER:
+        system_bus.wait_log("DISPLAY=:1, actor_code=2, child=")
+    if (page, heading) == (MANAGER, "busctl"):
+        system_bus.wait_log("keep_alive field is FALSE")
+
+
+@pytest.mark.parametrize("page", [MANAGER, DUMMY])
+def test_the_examples_are_all_that_the_page_has(manual, page):
+    sections = Page(manual / f"man5/{page}.5").section("EXAMPLES").findall("section")
+    assert [words(section[0]) for section in sections] == [row[1] for row in EXAMPLES if row[0] == page]
+
+
+@pytest.mark.parametrize("page", [MANAGER, DUMMY])
+@pytest.mark.parametrize("heading", ["C", "Python"])
+def test_the_programs_say_when_the_daemon_does_not_serve(system_bus, manual, tmp_path, page, heading):
+    [result] = run_examples(Page(manual / f"man5/{page}.5").examples(heading), tmp_path)
+
+    assert (result.returncode, result.stdout) == (1, "")
+    assert f"{ERROR}.ServiceUnknown: " in result.stderr
+
+
+@pytest.mark.parametrize("page", [MANAGER, DUMMY])
+def test_what_is_copied_from_the_terminal_is_what_runs(manual, page):
+    path = manual / f"man5/{page}.5"
+    shown = subprocess.check_output(["man", "-E", "UTF-8", "-l", path], text=True,
+                                    env={**os.environ, "MANWIDTH": "80"}).splitlines()
+    blocks = Page(path).examples("EXAMPLES")
+    for line in "\n".join(blocks).splitlines():
+        assert "     " + line in shown or not line, line

@@ -1,0 +1,191 @@
+# SPDX-License-Identifier: MIT
+# test_policy.py: what the bus lets root do with the control server, and what everyone else.
+#
+# Each row is sent by root and by a stranger to a daemon that serves the system's bus. Every answer tells who
+# gave it: what the daemon does not know it refuses itself, and that is not the policy's doing.
+import json
+import os
+import traceback
+from pathlib import Path
+
+import pytest
+from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call, new_signal
+
+from conftest import BUS_ERRORS, start_system_bus
+from machine import Caller
+
+ROOT, STRANGER = 0, 65534
+NAME = "com.corvane.ControlServer"
+MANAGER = ("/com/corvane/ControlServer/DisplayManager", "com.corvane.ControlServer.DisplayManager")
+DUMMY = ("/com/corvane/ControlServer/Dummy", "com.corvane.ControlServer.Dummy")
+DENIED = "the bus: org.freedesktop.DBus.Error.AccessDenied"
+UNKNOWN = "the daemon: org.freedesktop.DBus.Error.UnknownMethod"
+NOBODY = ("", "nobody", "PCI")  # no display: it is understood, and answered with false
+
+# name of the row, path, interface, member, arguments, answer to root, answer to a stranger
+CALLS = [
+    ("Start", *MANAGER, "Start", NOBODY, [False], DENIED),
+    ("Stop", *MANAGER, "Stop", NOBODY[:2], [False], DENIED),
+    ("HelloWorld", *DUMMY, "HelloWorld", (), ["How are you?"], DENIED),
+    ("Start without arguments", *MANAGER, "Start", (), UNKNOWN, DENIED),
+    ("Start without an interface", MANAGER[0], None, "Start", NOBODY, DENIED, DENIED),
+    ("Stop without an interface", MANAGER[0], None, "Stop", NOBODY[:2], DENIED, DENIED),
+    ("HelloWorld without an interface", DUMMY[0], None, "HelloWorld", (), DENIED, DENIED),
+    ("Introspect without an interface", MANAGER[0], None, "Introspect", (), DENIED, DENIED),
+    ("a member of DisplayManager that has no rule", *MANAGER, "Restart", (), DENIED, DENIED),
+    ("a member of Dummy that has no rule", *DUMMY, "GoodbyeWorld", (), DENIED, DENIED),
+    ("an interface that has no rule", MANAGER[0], NAME, "Start", NOBODY, DENIED, DENIED),
+    ("a member with another interface's rule", MANAGER[0], DUMMY[1], "Start", NOBODY, DENIED, DENIED),
+    ("Introspect of DisplayManager", MANAGER[0], "org.freedesktop.DBus.Introspectable", "Introspect", (),
+     "a description", "a description"),
+    ("Introspect of Dummy", DUMMY[0], "org.freedesktop.DBus.Introspectable", "Introspect", (),
+     "a description", "a description"),
+    ("Introspect of the root", "/", "org.freedesktop.DBus.Introspectable", "Introspect", (),
+     "a description", "a description"),
+    ("Ping", MANAGER[0], "org.freedesktop.DBus.Peer", "Ping", (), [], []),
+    ("GetMachineId", MANAGER[0], "org.freedesktop.DBus.Peer", "GetMachineId", (), DENIED, DENIED),
+    ("Get", MANAGER[0], "org.freedesktop.DBus.Properties", "Get", ("a", "b"), DENIED, DENIED),
+    ("GetAll", MANAGER[0], "org.freedesktop.DBus.Properties", "GetAll", ("a",), DENIED, DENIED),
+]
+
+
+def as_user(uid, task):
+    """What task() returns in a process of that user and of no group but his own."""
+    reader, writer = os.pipe()
+    child = os.fork()
+    if child == 0:
+        try:
+            os.setgroups([])
+            os.setresgid(uid, uid, uid)
+            os.setresuid(uid, uid, uid)
+            result = {"result": task()}
+        except BaseException:
+            result = {"error": traceback.format_exc()}
+        os.write(writer, json.dumps(result).encode())
+        os._exit(0)
+    os.close(writer)
+    with os.fdopen(reader) as pipe:
+        result = json.load(pipe)
+    os.waitpid(child, 0)
+    assert "error" not in result, result["error"]
+    return result["result"]
+
+
+def answer(connection, path, interface, member, arguments, destination=NAME):
+    message = new_method_call(DBusAddress(path, bus_name=destination, interface=interface), member,
+                              "s" * len(arguments) or None, arguments)
+    reply = connection.send_and_get_reply(message, timeout=10)
+    if reply.header.message_type == MessageType.error:
+        fields = reply.header.fields
+        who = "the bus" if fields[HeaderFields.sender] == "org.freedesktop.DBus" else "the daemon"
+        return f"{who}: {fields[HeaderFields.error_name]}"
+    if reply.body and str(reply.body[0]).startswith("<!DOCTYPE node"):
+        return "a description"
+    return list(reply.body)
+
+
+def answers(machine, uid, destination=NAME):
+    """The answers to all rows, in their order."""
+
+    def ask_all():
+        connection = Caller(machine.address).connection
+        return [answer(connection, *row[1:5], destination) for row in CALLS]
+
+    return as_user(uid, ask_all)
+
+
+def bus_call(machine, uid, member, signature, *arguments):
+    """The answer of the bus itself: what it returns, or the name of its error."""
+
+    def ask():
+        bus = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
+        reply = Caller(machine.address).connection.send_and_get_reply(
+            new_method_call(bus, member, signature, arguments), timeout=10)
+        is_error = reply.header.message_type == MessageType.error
+        return reply.header.fields[HeaderFields.error_name] if is_error else list(reply.body)
+
+    return as_user(uid, ask)
+
+
+def stop_bus(machine):
+    """Ends the bus; returns its complaints, but for that of the machine's limit of open files."""
+    machine.bus.terminate()
+    machine.bus.wait(10)
+    return [line for line in BUS_ERRORS.read_text().splitlines() if "Failed to set fd limit" not in line]
+
+
+@pytest.mark.parametrize("uid", [ROOT, STRANGER])
+def test_each_call_is_let_through_to_whom_the_table_says(system_bus, uid):
+    system_bus.start_daemon()
+
+    expected = {row[0]: row[5] if uid == ROOT else row[6] for row in CALLS}
+    assert dict(zip(expected, answers(system_bus, uid))) == expected
+
+
+def test_the_unique_name_of_the_daemon_opens_nothing_to_a_stranger(system_bus):
+    system_bus.start_daemon()
+    [unique] = bus_call(system_bus, ROOT, "GetNameOwner", "s", NAME)
+
+    assert answers(system_bus, STRANGER, unique) == [row[6] for row in CALLS]
+
+
+def test_a_refused_call_does_not_reach_the_daemon(system_bus):
+    system_bus.start_daemon()
+    answers(system_bus, STRANGER)
+    system_bus.caller().hello()
+
+    seen = [text for text in system_bus.texts() if text.startswith("obj=")]
+    introspection = "interface=org.freedesktop.DBus.Introspectable, member=Introspect, type=1"
+    assert seen == [f"obj={MANAGER[0]}, {introspection}", f"obj={DUMMY[0]}, {introspection}",
+                    f"obj={DUMMY[0]}, interface={DUMMY[1]}, member=HelloWorld, type=1"]
+
+
+@pytest.mark.parametrize("uid", [ROOT, STRANGER])
+def test_a_signal_of_somebody_does_not_reach_the_daemon(system_bus, uid):
+    system_bus.start_daemon()
+    signal = new_signal(DBusAddress(*MANAGER[:1], interface=MANAGER[1]), "Start", "sss", NOBODY)
+    signal.header.fields[HeaderFields.destination] = NAME
+
+    def send():
+        connection = Caller(system_bus.address).connection
+        connection.send(signal)
+        answer(connection, MANAGER[0], "org.freedesktop.DBus.Peer", "Ping", ())  # the bus has seen both
+
+    as_user(uid, send)
+    system_bus.caller().hello()
+    seen = [text for text in system_bus.texts() if text.startswith("obj=")]
+    assert seen == [f"obj={DUMMY[0]}, interface={DUMMY[1]}, member=HelloWorld, type=1"]
+
+
+def test_root_alone_may_own_the_name(system_bus):
+    primary_owner, do_not_queue = 1, 4
+
+    assert bus_call(system_bus, STRANGER, "RequestName", "su", NAME, do_not_queue) == \
+        "org.freedesktop.DBus.Error.AccessDenied"
+    assert bus_call(system_bus, ROOT, "RequestName", "su", NAME, do_not_queue) == [primary_owner]
+
+
+def test_root_alone_may_take_the_name_while_the_daemon_has_it(system_bus):
+    exists, do_not_queue = 3, 4
+    system_bus.start_daemon()
+
+    assert bus_call(system_bus, STRANGER, "RequestName", "su", NAME, do_not_queue) == \
+        "org.freedesktop.DBus.Error.AccessDenied"
+    assert bus_call(system_bus, ROOT, "RequestName", "su", NAME, do_not_queue) == [exists]
+
+
+def test_the_bus_has_nothing_to_say_about_the_policy(system_bus):
+    system_bus.start_daemon()
+
+    assert stop_bus(system_bus) == []
+
+
+@pytest.mark.parametrize("before, after", [("</busconfig>", ""), ('own="', 'owns="')])
+def test_the_bus_complains_of_a_broken_policy_though_it_runs_on(bare, installed, before, after):
+    policy = installed / "usr/share/dbus-1/system.d/com.corvane.ControlServer.conf"
+    broken = Path("/run/policies") / policy.name
+    broken.parent.mkdir()
+    broken.write_text(policy.read_text().replace(before, after))
+    start_system_bus(bare, broken.parent)
+
+    assert any("Encountered error" in line and str(broken) in line for line in stop_bus(bare))
