@@ -5,14 +5,20 @@ presets = release clang debug asan tsan coverage fuzz
 daemon = build/release/cs/corvane-cs
 lints = lint-tidy lint-cppcheck lint-format lint-shell
 
-.PHONY: help demo check check-i386 soak fuzz coverage lint clean \
+.PHONY: help demo demo-live check check-i386 check-asan-i386 bench bench-smoke soak fuzz coverage lint clean \
+        deb deb-i386 check-installed check-packaging check-packaging-i386 \
         $(lints) $(addprefix build-,$(presets)) $(addprefix check-,$(presets))
 
 help:
-	@echo 'make demo        shows the daemon at its work, on a private bus'
+	@echo 'make demo        shows the daemon at its work, with pictures of three displays'
+	@echo 'make demo-live   shows it in windows on your screen'
 	@echo 'make check       runs all tests'
 	@echo 'make check-i386  runs all tests on a bare 32-bit Debian (as root)'
+	@echo 'make deb         makes the Debian packages, in build/deb; deb-i386: for 32 bits (as root)'
+	@echo 'make check-packaging'
+	@echo '                 checks the installed files and the package; check-packaging-i386: 32 bits (as root)'
 	@echo 'make soak        runs the stress tests in their long form'
+	@echo 'make bench       measures the daemon beside others, in four minutes'
 	@echo 'make fuzz        runs every fuzz target for a minute; SECONDS=3600: for an hour'
 	@echo 'make coverage    shows what of the daemon the tests reach'
 	@echo 'make lint        runs clang-tidy, cppcheck, clang-format and shellcheck'
@@ -20,11 +26,17 @@ help:
 	@echo
 	@echo 'make build-PRESET, make check-PRESET: $(presets)'
 
-demo:
-	@tools/install-packages build test
+# The same story twice: on displays that nobody sees, and in windows on the user's own screen.
+demo: pictures = build/demo
+demo-live: pictures = build/demo-live
+demo-live: session = --session
+demo demo-live:
+	@tools/install-packages build test demo
+	$(if $(session),@demo/private-displays $(session) . true)
 	@cmake --preset release --log-level=WARNING
-	cmake --build --preset release --target corvane-cs
-	@tools/private-machine /usr/bin/python3 demo/demo.py $(daemon)
+	cmake --build --preset release --target corvane-cs demo-actors
+	@CORVANE_BIN=$(daemon) CORVANE_ACTORS=build/release/demo \
+	  demo/private-displays $(session) . /usr/bin/python3 -B demo/demo.py $(pictures) $(if $(session),$$DISPLAY)
 
 check: check-release
 
@@ -32,10 +44,13 @@ check: check-release
 check-i386:
 	tools/bare-debian i386 make check
 
+check-asan-i386:
+	tools/bare-debian i386 make check-asan
+
 build-clang: groups = clang
 build-fuzz: groups = fuzz
 $(addprefix build-,$(presets)): build-%:
-	@tools/install-packages build test $(groups)
+	@tools/install-packages build test demo $(groups)
 	@cmake --preset $* --log-level=WARNING
 	cmake --build --preset $*
 
@@ -45,6 +60,46 @@ $(addprefix check-,$(presets)): check-%: build-%
 # The stress tests are short beside the other tests; here they last until something could wear out.
 soak: build-release
 	CORVANE_SOAK=1 ctest --preset release -L soak
+
+# Made from a copy of what is or could be committed, because it is made in the sources and beside them.
+architecture = $(shell dpkg --print-architecture)
+deb = build/deb/$(architecture)
+deb:
+	@tools/install-packages build deb
+	@rm -rf $(deb) && mkdir -p $(deb)/source
+	@git -c safe.directory='*' ls-files -z -co --exclude-standard | \
+	  tar -c --null --files-from=- --ignore-failed-read | tar -x -C $(deb)/source
+	cd $(deb)/source && dpkg-buildpackage -us -uc >../log 2>&1 || { tail -n 20 ../log; exit 1; }
+	@rm -r $(deb)/source && ls $(deb)/*.*
+
+deb-i386:
+	tools/bare-debian i386 make deb
+	@rm -rf build/deb/i386 && mkdir -p build/deb && cp -r build/bare-i386/deb/i386 build/deb/
+
+# The files as installed, then the packages.
+check-packaging: check-installed deb
+	tests/packaging/check-package $(architecture)
+
+check-packaging-i386: deb-i386
+	tools/bare-debian i386 make check-installed
+	tests/packaging/check-package i386
+
+check-installed: build-release
+	@tools/install-packages packaging
+	@rm -rf build/installed
+	DESTDIR=$(CURDIR)/build/installed cmake --install build/release --prefix /usr
+	CORVANE_BIN=$(CURDIR)/$(daemon) INSTALLED=$(CURDIR)/build/installed PYTHONDONTWRITEBYTECODE=1 \
+	  tools/private-machine /usr/bin/python3 -m pytest -q -p no:cacheprovider --timeout=120 tests/packaging
+
+# A build of its own, so that `make check` needs none of the libraries that are only compared with.
+bench-smoke: short = --short
+bench bench-smoke:
+	@tools/install-packages build bench
+	@cmake --preset release -B build/bench/release --log-level=WARNING \
+	  -DCORVANE_BENCH=ON -DCORVANE_TESTS=OFF -DCORVANE_DEMO=OFF
+	cmake --build build/bench/release
+	tools/private-machine /usr/bin/python3 -B bench/bench.py build/bench/release/cs/corvane-cs \
+	  build/bench/release/bench build/bench $(short)
 
 SECONDS = 60
 fuzz:
