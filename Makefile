@@ -5,8 +5,8 @@ presets = release clang debug asan tsan coverage fuzz
 daemon = build/release/cs/corvane-cs
 lints = lint-tidy lint-cppcheck lint-format lint-shell
 
-.PHONY: help demo demo-live check check-i386 check-asan-i386 bench bench-smoke soak fuzz coverage lint clean \
-        deb deb-i386 check-installed check-packaging check-packaging-i386 \
+.PHONY: help demo demo-live check check-i386 check-asan-i386 soak soak-i386 fuzz coverage lint clean \
+        bench bench-smoke deb deb-i386 check-installed check-packaging check-packaging-i386 \
         $(lints) $(addprefix build-,$(presets)) $(addprefix check-,$(presets))
 
 help:
@@ -41,11 +41,8 @@ demo demo-live:
 check: check-release
 
 # The very command of the README, where nothing but make is installed yet.
-check-i386:
-	tools/bare-debian i386 make check
-
-check-asan-i386:
-	tools/bare-debian i386 make check-asan
+check-i386 check-asan-i386 soak-i386: %-i386:
+	tools/bare-debian i386 make $*
 
 build-clang: groups = clang
 build-fuzz: groups = fuzz

@@ -327,6 +327,7 @@ def test_no_more_is_mapped_than_the_executable_the_bus_library_and_the_c_runtime
     assert own == {"libdbus-1", "libgcc_s"}
 
 
+@not_under_a_sanitizer("it brings a heap of its own")
 def test_all_threads_share_one_heap(machine):
     caller = machine.caller()
     for display in range(1, 9):
