@@ -115,6 +115,7 @@ lint: $(lints)
 
 # One process a file: the analysis of a second file in one process takes every va_list for uninitialised.
 lint-tidy: build-clang
+	@tools/install-packages lint
 	git ls-files -co --exclude-standard 'cs/*.cpp' 'common/*.cpp' 'plugins/*.cpp' | xargs -n 1 -P 2 clang-tidy -p build/clang --quiet
 
 # cppcheck does not know __VA_OPT__, so that it gets the log's macros as functions of a library of its own,

@@ -9,6 +9,7 @@
 
 #include "common/bus.h"
 #include "common/logger.h"
+#include "cs/bus.h"
 
 DBusHandlerResult ccs_dbus_message_handler(DBusConnection* connection, DBusMessage* message, void* data) {
   auto* plugin = static_cast<Plugin*>(data);
@@ -39,7 +40,7 @@ void ccs_register_objects(DBusConnection* connection, const DBusObjectPathVTable
       if (!registered) log_debug("{EE}dbus_connection_register_object_path(): %s\n", error.message());
     }
     if (!registered) ccs_fatal_exit();
-    dbus_connection_dispatch(connection);
+    ccs_dispatch_one(connection);
   }
 }
 

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "common/bus.h"
 #include "tests/unit/capture.h"
 #include "tests/unit/fakes.h"
 
@@ -36,6 +37,15 @@ class Bus : public FakedTest {
   Bus() {
     fakes.dbus_watch_get_flags = [](DBusWatch* watch) { return reinterpret_cast<FakeWatch*>(watch)->flags; };
     fakes.dbus_watch_get_socket = [](DBusWatch* watch) { return reinterpret_cast<FakeWatch*>(watch)->fd; };
+    fakes.dbus_connection_borrow_message = [this](DBusConnection* on) {
+      EXPECT_EQ(on, connection);
+      return first.get();
+    };
+    fakes.dbus_connection_return_message = [this](DBusConnection* on, DBusMessage* message) {
+      EXPECT_EQ(on, connection);
+      EXPECT_EQ(message, first.get());
+      calls.push_back("return");
+    };
     fakes.dbus_connection_dispatch = [this](DBusConnection* on) {
       EXPECT_EQ(on, connection);
       calls.push_back("dispatch");
@@ -86,6 +96,7 @@ class Bus : public FakedTest {
   BusState bus = {.connection = connection, .watch = nullptr, .fd = -1};
   FakeWatch readable = {DBUS_WATCH_READABLE, 7};
   Calls calls;
+  MessageOwner first;                       // in the queue
   std::vector<DBusDispatchStatus> results;  // of the first dispatches; the others are complete
   size_t dispatched = 0;
   std::vector<DBusDispatchStatus> left_by_flushes;  // by the first ones; the others leave nothing
@@ -390,6 +401,36 @@ TEST_F(BusDeathTest, a_descriptor_that_select_cannot_hold_is_fatal) {
                     "{EE} Watch on fd " + std::to_string(fd) + " is beyond what select() can hold")}))
         << fd;
   }
+}
+
+TEST_F(Bus, without_a_message_a_step_of_the_set_up_dispatches_all_the_same) {
+  ccs_dispatch_one(connection);
+  EXPECT_EQ(calls, (Calls{"dispatch"}));
+}
+
+TEST_F(Bus, a_step_of_the_set_up_dispatches_everything_but_calls) {
+  for (const int type :
+       {DBUS_MESSAGE_TYPE_METHOD_RETURN, DBUS_MESSAGE_TYPE_ERROR, DBUS_MESSAGE_TYPE_SIGNAL}) {
+    calls.clear();
+    first.reset(dbus_message_new(type));
+    ccs_dispatch_one(connection);
+    EXPECT_EQ(calls, (Calls{"return", "dispatch"})) << type;
+  }
+  calls.clear();
+  first.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
+  ccs_dispatch_one(connection);
+  EXPECT_EQ(calls, (Calls{"return"}));
+}
+
+TEST_F(Bus, a_call_stays_in_the_queue_while_the_watch_is_set_and_the_name_requested) {
+  first.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
+  fakes.dbus_connection_set_watch_functions = [](DBusConnection*, DBusAddWatchFunction,
+                                                 DBusRemoveWatchFunction, DBusWatchToggledFunction, void*,
+                                                 DBusFreeFunction) { return dbus_bool_t{TRUE}; };
+  fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError*) { return 1; };
+  ccs_set_watch_functions(&bus);
+  ccs_request_service_name(&bus);
+  EXPECT_EQ(calls, (Calls{"return", "return"}));
 }
 
 TEST_F(Bus, dispatching_goes_on_while_data_remains) {

@@ -159,6 +159,9 @@ FAKED(dbus_bool_t, dbus_connection_set_watch_functions,
       (DBusConnection * connection, DBusAddWatchFunction add, DBusRemoveWatchFunction remove,
        DBusWatchToggledFunction toggled, void* data, DBusFreeFunction free_data),
       (connection, add, remove, toggled, data, free_data))
+FAKED(DBusMessage*, dbus_connection_borrow_message, (DBusConnection * connection), (connection))
+FAKED(void, dbus_connection_return_message, (DBusConnection * connection, DBusMessage* message),
+      (connection, message))
 FAKED(DBusDispatchStatus, dbus_connection_dispatch, (DBusConnection * connection), (connection))
 FAKED(DBusConnection*, dbus_connection_ref, (DBusConnection * connection), (connection))
 FAKED(void, dbus_connection_unref, (DBusConnection * connection), (connection))

@@ -56,6 +56,8 @@ struct Fakes {
   std::function<dbus_bool_t(DBusConnection*, DBusAddWatchFunction, DBusRemoveWatchFunction,
                             DBusWatchToggledFunction, void*, DBusFreeFunction)>
       dbus_connection_set_watch_functions;
+  std::function<DBusMessage*(DBusConnection*)> dbus_connection_borrow_message;
+  std::function<void(DBusConnection*, DBusMessage*)> dbus_connection_return_message;
   std::function<DBusDispatchStatus(DBusConnection*)> dbus_connection_dispatch;
   std::function<DBusConnection*(DBusConnection*)> dbus_connection_ref;
   std::function<void(DBusConnection*)> dbus_connection_unref;

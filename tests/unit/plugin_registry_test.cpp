@@ -61,6 +61,8 @@ class PluginRegistry : public FakedTest {
       calls_.push_back(std::string("register ") + path + " for " + static_cast<Plugin*>(data)->name);
       return path != path_refused_ ? TRUE : FALSE;
     };
+    fakes.dbus_connection_borrow_message = [this](DBusConnection*) { return first_in_queue_.get(); };
+    fakes.dbus_connection_return_message = [](DBusConnection*, DBusMessage*) {};
     fakes.dbus_connection_dispatch = [this](DBusConnection* on) {
       EXPECT_EQ(on, connection);
       calls_.push_back("dispatch");
@@ -82,6 +84,7 @@ class PluginRegistry : public FakedTest {
   }
 
   Calls calls_;
+  MessageOwner first_in_queue_;
   std::string path_refused_;
   DBusObjectPathVTable functions_ = {};
   PluginContext context_ = {};
@@ -112,6 +115,13 @@ TEST_F(PluginRegistry, each_plugin_is_initialised_just_before_its_own_path_is_re
   EXPECT_EQ(log.lines(),
             (Lines{line("ccs_register_objects", "path=/first"), line("ccs_register_objects", "path=/second"),
                    line("ccs_register_objects", "path=/third")}));
+}
+
+TEST_F(PluginRegistry, a_call_stays_in_the_queue_until_all_objects_are_there) {
+  first_in_queue_.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
+  register_objects();
+  EXPECT_EQ(calls_, (Calls{"init First", "register /first for First", "init Second",
+                           "register /second for Second", "init Third", "register /third for Third"}));
 }
 
 TEST_F(PluginRegistryDeathTest, an_init_that_fails_ends_the_daemon_behind_the_fin_of_every_plugin) {
