@@ -1,0 +1,98 @@
+# SPDX-License-Identifier: MIT
+# calls.py: the daemon's example method beside echo services and the bus's own Ping.
+import os
+from statistics import median as plain_median
+
+from machine import DAEMON_NAME, DUMMY, LOG, Machine, PING, Target, cpu_nanoseconds, floor_target, lines_of
+from results import median
+
+ECHO_LOG = "/var/log/echo-log.log"
+PREFIX = len("2000-01-01 00:00:00:")
+
+
+def lines_per_call(machine, target, log):
+    """The texts that a service writes for one call, without the time."""
+    os.truncate(log, 0)
+    machine.ask("calls", *target("HelloWorld"), 1, 1)
+    return [line[PREFIX:] for line in lines_of(log)]
+
+
+class Callee:
+    """A service that is called, and what it costs."""
+
+    def __init__(self, machine, target, process, member="HelloWorld", log=None):
+        self.machine, self.target, self.process, self.member, self.log = machine, target, process, member, log
+
+    def measure(self, outstanding, count):
+        if self.log:
+            os.truncate(self.log, 0)
+        before = cpu_nanoseconds(self.process.pid)
+        round_trip, total = self.machine.ask("calls", *self.target(self.member), outstanding, count)
+        return {"round trip": round_trip, "per call": total / count,
+                "cpu": (cpu_nanoseconds(self.process.pid) - before) / count}
+
+
+def callees(run, machine):
+    # The floor with a log has the daemon's own path and interface, so that its lines have the same length.
+    log_target = Target("bench.echo_log", *DUMMY.words[1:])
+    result = {
+        "daemon": Callee(machine, DUMMY, machine.serve([run.daemon], DAEMON_NAME), log=LOG),
+        "echo with log": Callee(machine, log_target, machine.serve(
+            [f"{run.programs}/bench-echo-log", "bench.echo_log", ECHO_LOG], "bench.echo_log"), log=ECHO_LOG),
+        "Ping of the bus": Callee(machine, PING, machine.bus, "Ping"),
+    }
+    for kind, program in (("echo", "echo"), ("sd-bus echo", "echo-sd-bus"), ("GDBus echo", "echo-gdbus")):
+        path = f"{run.programs}/bench-{program}"
+        if os.path.exists(path):
+            name = f"bench.{program.replace('-', '_')}"
+            result[kind] = Callee(machine, floor_target(name), machine.serve([path, name], name))
+        else:
+            run.results.row(f"{kind}: its library is not installed", "")
+    daemon, floor = (lines_per_call(machine, callee.target, callee.log)
+                     for callee in (result["daemon"], result["echo with log"]))
+    if [len(line) for line in daemon] != [len(line) for line in floor]:
+        raise SystemExit(f"bench: echo-log.cpp does not write as the daemon does:\n{daemon}\n{floor}")
+    return result
+
+
+def rounds(run, subjects, label, outstanding, count, how_many):
+    """figure -> the rounds of it, each a value for every subject."""
+    for callee in subjects.values():
+        callee.measure(outstanding, count)  # warm
+    figures = [{name: subjects[name].measure(outstanding, count) for name in run.in_turn(subjects)}
+               for _ in range(how_many)]
+    run.results.numbers[label] = figures
+    return {figure: [{name: of[name][figure] for name in subjects} for of in figures]
+            for figure in ("round trip", "per call", "cpu")}
+
+
+def per_second(figures, name):
+    return f"{1e9 / median(figures, name):.0f}/s"
+
+
+def calls(run):
+    with Machine(run.programs) as machine:
+        subjects = callees(run, machine)
+        one = rounds(run, subjects, "calls, one outstanding", 1, 200, run.rounds)
+        many = rounds(run, subjects, "calls, 32 outstanding", 32, 640, run.rounds)
+        machine.spread_out()
+        spread = rounds(run, subjects, "calls, any processor", 1, 200, max(3, run.rounds // 4))
+
+    row = run.results.ratio_row
+    others = [name for name in subjects if name not in ("daemon", "echo with log", "echo")]
+    row("HelloWorld round trip, one processor", one["round trip"], "echo with log", 1.00)
+    row("HelloWorld round trip, one processor", one["round trip"], "echo", 1.10)
+    for other in others:
+        row("HelloWorld round trip, one processor", one["round trip"], other)
+    row("HelloWorld round trip, any processor", spread["round trip"], "echo with log")
+
+    what = "HelloWorld, 32 outstanding, calls/s"
+    for other in ("echo with log", "echo", *others):
+        ratio = plain_median(figures[other] / figures["daemon"] for figures in many["per call"])
+        judged = other == "echo with log"
+        values = [per_second(many["per call"], name) for name in ("daemon", other)]
+        run.results.row(what, values[0], other, values[1], f"{ratio:.3f}",
+                        *(["at least 1.05", ratio >= 1.05] if judged else []))
+    row("service CPU per HelloWorld", one["cpu"], "echo with log", 0.90)
+    row("service CPU per HelloWorld", one["cpu"], "echo")
+    row("service CPU per HelloWorld, 32 outstanding", many["cpu"], "echo with log")

@@ -1,0 +1,167 @@
+# SPDX-License-Identifier: MIT
+# machine.py: the machine of a measurement: a bus, the services on it, and what the kernel knows of them.
+#
+# It works only inside tools/private-machine. What is compared runs on one processor with the bus and the
+# load: with more than one, the figures jump between what a wake-up on the same and on another processor
+# costs. Everything is started with a higher priority where that is allowed, so that other work on the machine
+# falls into as few measurements as possible.
+import contextlib
+import glob
+import os
+import re
+import shutil
+import subprocess
+import time
+
+BUS_SOCKET = "/run/bus"
+ACTOR_PROGRAMS = ("corvane-ls", "corvane-pfk", "corvane-x11-put-image", "corvane-xh")
+ACTORS = "/run/actors"
+LOG = "/var/log/corvane-cs.log"
+PRIORITY = -15
+
+
+class Target:
+    """An interface of a service, in the words of the load; called with a member, the method."""
+
+    def __init__(self, service, path, interface):
+        self.words = [service, path, interface]
+
+    def __call__(self, member):
+        return [*self.words, member]
+
+
+DAEMON_NAME = "com.corvane.ControlServer"
+DUMMY = Target(DAEMON_NAME, "/com/corvane/ControlServer/Dummy", f"{DAEMON_NAME}.Dummy")
+DISPLAY_MANAGER = Target(DAEMON_NAME, "/com/corvane/ControlServer/DisplayManager",
+                         f"{DAEMON_NAME}.DisplayManager")
+PING = Target("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer")
+
+
+def floor_target(name):
+    return Target(name, "/bench", "bench.Service")
+
+
+def lines_of(path):
+    with open(path) as file:
+        return file.readlines()
+
+
+def threads(pid):
+    return glob.glob(f"/proc/{pid}/task/[0-9]*")
+
+
+def cpu_nanoseconds(pid):
+    """Time that all threads of a process have run, user and system."""
+    return sum(int(lines_of(f"{thread}/schedstat")[0].split()[0]) for thread in threads(pid))
+
+
+def context_switches(pid):
+    switches = 0
+    for thread in threads(pid):
+        status = "".join(lines_of(f"{thread}/status"))
+        switches += sum(int(n) for n in re.findall(r"ctxt_switches:\s+(\d+)", status))
+    return switches
+
+
+def kib(pid, field):
+    """The sum of the fields of this name (a regular expression) over all of a process's memory."""
+    rollup = "".join(lines_of(f"/proc/{pid}/smaps_rollup"))
+    return sum(int(n) for n in re.findall(rf"^{field}:\s+(\d+)", rollup, re.M))
+
+
+def private_kib(pid):
+    """Memory that no other process uses at the moment, pages of files included."""
+    return kib(pid, "Private_(?:Clean|Dirty)")
+
+
+def own_kib(pid):
+    """Memory that no other process can use: what the process has written to."""
+    return kib(pid, "Anonymous")
+
+
+def mappings(pid):
+    return lines_of(f"/proc/{pid}/maps")
+
+
+def is_alive(pid):
+    try:
+        os.kill(pid, 0)
+    except ProcessLookupError:
+        return False
+    return True
+
+
+def wait_for(what, look, seconds=20.0):
+    deadline = time.monotonic() + seconds
+    while not look():
+        if time.monotonic() > deadline:
+            raise SystemExit(f"bench: waited {seconds:g} s in vain for {what}")
+        time.sleep(0.0005)
+
+
+class Machine:
+    """A private bus and everything that runs on it; ends with the block that it is used in."""
+
+    def __init__(self, programs):
+        self.programs = programs  # directory of the bench's own
+        self.processors = sorted(os.sched_getaffinity(0))
+        self.one = {self.processors[-1]}
+        self.children = []
+        os.environ["DBUS_SESSION_BUS_ADDRESS"] = f"unix:path={BUS_SOCKET}"
+
+    def __enter__(self):
+        # It says on standard error what it would like to have and can do without, as more descriptors.
+        self.bus = self.start(["dbus-daemon", "--session", "--nofork", "--nopidfile",
+                               f"--address=unix:path={BUS_SOCKET}"], stderr=subprocess.DEVNULL)
+        wait_for("the bus", lambda: os.path.exists(BUS_SOCKET))
+        self.load = self.start([f"{self.programs}/bench-load"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                               text=True)
+        return self
+
+    def __exit__(self, *_):
+        for child in reversed(self.children):
+            self.end(child)
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(BUS_SOCKET)
+
+    def start(self, command, **options):
+        child = subprocess.Popen(command, preexec_fn=lambda: os.sched_setaffinity(0, self.one), **options)
+        self.children.append(child)
+        return child
+
+    def serve(self, command, name, **options):
+        """Starts a service and waits until it has its name."""
+        child = self.start(command, **options)
+        self.ask("await", name)
+        return child
+
+    def end(self, child):
+        if child in self.children:
+            self.children.remove(child)
+        child.kill()
+        child.wait()
+
+    def ask(self, *words):
+        """One command for the load; returns its figures."""
+        print(*words, file=self.load.stdin, flush=True)
+        answer = self.load.stdout.readline()
+        if not answer.endswith("\n"):
+            raise SystemExit(f"bench: the load gave up at: {' '.join(map(str, words))}")
+        return [int(word) for word in answer.split()]
+
+    def spread_out(self):
+        """Lets everything that runs use every processor."""
+        for child in self.children:
+            for thread in threads(child.pid):
+                os.sched_setaffinity(int(os.path.basename(thread)), self.processors)
+
+
+def prepare(programs):
+    """Once: the actors on the path, and a higher priority. Returns the priority that was allowed."""
+    os.mkdir(ACTORS)
+    for program in ACTOR_PROGRAMS:
+        shutil.copy(f"{programs}/bench-actor", f"{ACTORS}/{program}")
+    os.environ["PATH"] = f"{ACTORS}:{os.environ['PATH']}"
+    with contextlib.suppress(PermissionError):
+        os.setpriority(os.PRIO_PROCESS, 0, PRIORITY)
+    return os.getpriority(os.PRIO_PROCESS, 0)

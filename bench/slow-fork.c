@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: MIT
+// slow-fork.c: preloaded into the daemon, makes every fork take a tenth of a second, so that whoever waits
+// for forks can be seen to wait for how many.
+#include <dlfcn.h>
+#include <time.h>
+#include <unistd.h>
+
+pid_t fork(void) {
+  const struct timespec tenth = {.tv_sec = 0, .tv_nsec = 100 * 1000 * 1000};
+  clock_nanosleep(CLOCK_MONOTONIC, 0, &tenth, NULL);
+  pid_t (*const real)(void) = (pid_t(*)(void))dlsym(RTLD_NEXT, "fork");
+  return real();
+}

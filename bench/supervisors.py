@@ -1,0 +1,99 @@
+# SPDX-License-Identifier: MIT
+# supervisors.py: others that start and watch programs, each with a number of services that run an actor.
+#
+# s6 and runit are asked by their own tools, as their users ask them. The tool of supervisor is a program in
+# Python that takes longer to load than all the others together, so supervisor is asked over its socket.
+import http.client
+import os
+import socket
+import subprocess
+import time
+import xmlrpc.client
+from pathlib import Path
+
+from machine import ACTORS, private_kib, wait_for
+
+ACTOR = f"{ACTORS}/corvane-ls"
+
+
+class Directories:
+    """What s6 and runit have in common: a directory for each service, and a process for each directory."""
+
+    def __init__(self, machine, services):
+        self.machine = machine
+        self.directories = [f"/run/{self.name}/{number}" for number in range(services)]
+        for directory in self.directories:
+            os.makedirs(directory)
+            os.symlink(ACTOR, f"{directory}/run")
+            Path(f"{directory}/down").touch()  # so that it waits to be asked
+        self.watcher = machine.start([*self.command, f"/run/{self.name}"])
+        for directory in self.directories:
+            pipe = f"{directory}/supervise/{self.pipe}"
+            wait_for(pipe, lambda: os.path.exists(pipe))
+
+    def start(self, turn):
+        return self.machine.ask("run", *self.tool, self.directories[turn])[0]
+
+    def private_kib(self):
+        """Of the process that watches all services, and of the one that watches each."""
+        each = children_of(self.watcher.pid)
+        return private_kib(self.watcher.pid), sum(map(private_kib, each)) / len(each)
+
+
+class S6(Directories):
+    name, program, pipe = "s6", "s6-svscan", "control"
+    command, tool = ["s6-svscan"], ["s6-svc", "-u"]
+
+
+class Runit(Directories):
+    name, program, pipe = "runit", "runsvdir", "ok"
+    command, tool = ["runsvdir"], ["sv", "start"]
+
+
+class UnixConnection(http.client.HTTPConnection):
+    def connect(self):
+        self.sock = socket.socket(socket.AF_UNIX)
+        self.sock.connect(Supervisor.SOCKET)
+
+
+class UnixTransport(xmlrpc.client.Transport):
+    def make_connection(self, _):
+        self._connection = self._connection if self._connection[0] else ("", UnixConnection("localhost"))
+        return self._connection[1]
+
+
+class Supervisor:
+    SOCKET = "/run/supervisor.sock"
+    name, program = "supervisor", "supervisord"
+
+    def __init__(self, machine, services):
+        self.machine, self.services = machine, services
+        with open("/run/supervisor.conf", "w") as file:
+            file.write(f"[unix_http_server]\nfile={self.SOCKET}\n"
+                       "[supervisord]\nnodaemon=true\nlogfile=/dev/null\nlogfile_maxbytes=0\n"
+                       "pidfile=/run/supervisor.pid\n"
+                       "[rpcinterface:supervisor]\n"
+                       "supervisor.rpcinterface_factory=supervisor.rpcinterface:make_main_rpcinterface\n")
+            for number in range(services):
+                file.write(f"[program:a{number}]\ncommand={ACTOR}\nautostart=false\nstartsecs=0\n")
+        self.process = machine.start(["supervisord", "-c", "/run/supervisor.conf"], stdout=subprocess.DEVNULL)
+        wait_for("supervisor", lambda: os.path.exists(self.SOCKET))
+        self.server = xmlrpc.client.ServerProxy("http://localhost", transport=UnixTransport())
+        self.server.supervisor.getState()
+        self.idle = private_kib(self.process.pid)
+
+    def start(self, turn):
+        begin = time.monotonic_ns()
+        self.server.supervisor.startProcess(f"a{turn}", False)
+        return self.machine.ask("started")[0] - begin
+
+    def private_kib(self):
+        return self.idle, (private_kib(self.process.pid) - self.idle) / self.services
+
+
+def children_of(pid):
+    with open(f"/proc/{pid}/task/{pid}/children") as file:
+        return file.read().split()
+
+
+ALL = (S6, Runit, Supervisor)
