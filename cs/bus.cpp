@@ -119,8 +119,8 @@ DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection) {
 }
 
 void ccs_dispatch_and_flush(DBusConnection* connection) {
-  int pauses = 0;
   do {
+    int pauses = 0;
     while (ccs_dispatch_all(connection) == DBUS_DISPATCH_NEED_MEMORY) {
       if (++pauses == most_memory_pauses) {
         log_debug("{EE} No memory for the next message\n");

@@ -191,7 +191,7 @@ def test_a_second_crash_gives_a_report_that_hangs_no_more_time(doomed):
     assert doomed.daemon.poll() is None
     crash_thread(doomed, found["worker"])
     assert_ended(doomed)
-    assert time.monotonic() - begin < 2.8
+    assert 1.8 < time.monotonic() - begin < 2.8, "the time of the first report, no less and no more"
 
 
 @pytest.mark.parametrize("trouble", ["crash", pytest.param("hang", marks=late_alarm)])

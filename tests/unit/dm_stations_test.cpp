@@ -340,6 +340,42 @@ TEST_F(AddStationEvent, a_ready_worker_is_not_waited_for) {
   free(station.events);
 }
 
+TEST_F(AddStationEvent, an_event_in_the_queue_is_left_to_the_worker_before_the_next_is_queued) {
+  station.ready = 1;
+  EventOwner taken = dm_new_event(&context, 1);
+  station.events = taken.get();
+  std::vector<useconds_t> pauses;
+  fakes.usleep = [&](useconds_t microseconds) {
+    EXPECT_FALSE(is_held(station.mutex)) << "the worker needs the mutex to take it";
+    pauses.push_back(microseconds);
+    if (pauses.size() == 3) station.events = nullptr;
+    return 0;
+  };
+  EventOwner event = dm_new_event(&context, 1);
+  const StationEvent* queued = event.get();
+  EXPECT_EQ(add_station_event(event, 3), 0);
+  EXPECT_EQ(pauses, (std::vector<useconds_t>{100, 100, 100}));
+  EXPECT_EQ(station.events, queued);
+  EXPECT_EQ(taken->next, nullptr) << "queued behind what was taken meanwhile";
+  EXPECT_FALSE(is_held(station.mutex));
+  free(station.events);
+}
+
+TEST_F(AddStationEvent, a_worker_that_does_not_come_for_ten_milliseconds_finds_the_event_behind_the_other) {
+  station.ready = 1;
+  EventOwner left = dm_new_event(&context, 1);
+  station.events = left.get();
+  int pauses = 0;
+  fakes.usleep = [&](useconds_t) { return ++pauses, 0; };
+  EventOwner event = dm_new_event(&context, 1);
+  const StationEvent* queued = event.get();
+  EXPECT_EQ(add_station_event(event, 3), 0);
+  EXPECT_EQ(pauses, 100);
+  EXPECT_EQ(station.events, left.get());
+  EXPECT_EQ(left->next, queued);
+  free(left->next);
+}
+
 TEST_F(AddStationEvent, the_station_is_found_among_others) {
   Station other = {};
   other.display_num = 4;
