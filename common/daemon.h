@@ -20,8 +20,8 @@ TextOwner read_symlink(const char* path, Logger* logger);
  * included, counts as running until its pid file is removed.
  *
  * Takes 2 seconds whenever the file can be opened: a daemon that is just starting gets the time to write it.
- * A number of more than six characters, a sign included, ends the process (abort(3)). Main thread, before
- * other threads exist.
+ * A number of more than six characters ends the process (abort(3)); a minus counts, a plus and leading zeros
+ * do not. Main thread, before other threads exist.
  */
 int daemon_get_pid(const char* pidfile, Logger* logger);
 

@@ -23,8 +23,8 @@ void stack_return(void* stack);
 /**
  * Says whether a child process finds what is on this stack (madvise(2), MADV_KEEPONFORK) or an empty one,
  * which is the default: a thread that forks keeps its own stack for the child before, and no longer after.
- * Returns 0, or -1 when memory is short. Where the kernel does not know of this (before 4.14), every child
- * finds everything. Any thread.
+ * Returns 0, or -1 with errno when the kernel refuses, e.g. for want of memory (ENOMEM, EAGAIN). EINVAL is
+ * no failure: where the kernel does not know of this (before 4.14), every child finds everything. Any thread.
  */
 int stack_keep_for_child(void* stack);
 int stack_keep_for_parent_only(void* stack);

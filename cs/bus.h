@@ -12,15 +12,22 @@ struct BusState {
   int fd;                      // the watch's socket
 };
 
-// Everything here runs on the main thread. A step of set-up that fails says so in the log and ends with
-// ccs_fatal_exit.
+// Everything here runs on the main thread. A step of set-up that fails says so in the log, with one exception
+// (ccs_get_system_conn), and ends with ccs_fatal_exit.
 
-/** Watch functions (dbus_connection_set_watch_functions); `data` is the BusState. */
+/**
+ * Watch functions (dbus_connection_set_watch_functions); `data` is the BusState. Adding keeps a readable
+ * watch and returns TRUE in any case, also for a watch that is not kept. The others only leave a line in the
+ * log.
+ */
 dbus_bool_t ccs_add_watch(DBusWatch* watch, void* data);
 void ccs_toggle_watch(DBusWatch* watch, void* data);
 void ccs_remove_watch(DBusWatch* watch, void* data);
 
-/** Connects to the bus that the session bus address in the environment names. */
+/**
+ * Connects to the bus that the session bus address in the environment names. A connection that is missing
+ * without an error of the bus library is fatal, too, but deliberately not logged: there is nothing to tell.
+ */
 void ccs_get_system_conn(BusState* bus);
 
 /** Installs the watch functions; afterwards `bus` has its watch. */

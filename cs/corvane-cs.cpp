@@ -3,8 +3,9 @@
 //
 // The main thread sets everything up, step by step, and then serves the bus for ever: it alone touches the
 // connection, and every plugin's handler runs on it and never waits for an actor. There is no orderly end:
-// the process is ended by a signal, by the bus library when the bus is gone, or by a crash, which is
-// reported.
+// the process is ended by a signal, by the bus library when the bus is gone, with status 1 by
+// ccs_dispatch_and_flush when memory stays short, by abort(3) at a limit of the system, or by a crash, which
+// is reported.
 #include <dbus/dbus.h>
 #include <execinfo.h>
 #include <malloc.h>
@@ -71,8 +72,9 @@ static void install_segfault_handler() {
   signal(SIGSEGV, segfault_handler);
 }
 
-// One heap for all threads: one of its own for each (mallopt(3)) would save nobody a wait, as each thread
-// takes memory a few times a minute, but every fork would copy all of them.
+// One heap for all threads. The main thread takes memory for every message, the others only a few times for
+// an event or a launch, so that they seldom meet: a heap of its own for each (mallopt(3)) would save hardly a
+// wait, but every fork would copy all of them.
 static void share_one_heap() {
   mallopt(M_ARENA_MAX, 1);
 }

@@ -33,8 +33,8 @@ struct Plugin {
 
   /**
    * Gets every message for `path`, of any type. Answers the plugin's own method calls and returns
-   * DBUS_HANDLER_RESULT_HANDLED; returns DBUS_HANDLER_RESULT_NOT_YET_HANDLED for anything else, so that the
-   * bus library answers an unknown call.
+   * DBUS_HANDLER_RESULT_HANDLED; returns DBUS_HANDLER_RESULT_NOT_YET_HANDLED for anything else, a call of its
+   * own whose arguments cannot be read included, so that the bus library answers the call as an unknown one.
    */
   DBusHandlerResult (*handle_message)(DBusConnection* connection, DBusMessage* message, Plugin* plugin);
 };

@@ -10,7 +10,7 @@ extern Plugin dm_plugin;
 /** Keeps `context`, which holds the station list, in the record. Returns 0; it cannot fail. */
 int dm_init(Plugin* plugin, PluginContext* context);
 
-/** Leaves a line in the log. Stations and actors are not stopped: they end with the process. */
+/** Leaves a line in the log and stops nothing: stations end with the process, actors go on without it. */
 void dm_fin(Plugin* plugin);
 
 /** Answers Start and Stop; any other message is logged and left to the bus library. */

@@ -7,10 +7,11 @@
 //   select=interrupt          the first wait is interrupted
 //   select=nothing            the first wait ends with nothing ready
 //   select=other              the first wait ends with something ready that was not asked for
-//   select=late               when the first wait is over, there is one more readable watch, of a connection
-//   of its own
-//                             All of them write each new kind of wait into /run/waits and make /run/wait.N at
-//                             the N-th one, up to the third; /run/handled is made when a watch is handled.
+//   select=late               when the first wait is over, there is one more readable watch, of a
+//                             connection of its own
+//                             With any of them each new kind of wait is written into /run/waits, /run/wait.N
+//                             is made at the N-th wait, up to the third, and /run/handled when a watch is
+//                             handled.
 //   connect=narrow            sockets hold a few messages only until the other side reads
 //   get=nothing               there is no connection and no error
 //   get=prepared              there is none unless the bus library was prepared for threads before
@@ -18,9 +19,10 @@
 //   set_watch_functions=fail
 //   request_name=gate         the same before the name is asked for
 //   register_object_path=N    the N-th fails
-//   register_object_path=try  the functions given are written into /run/functions, and that for the end is
-//   called send=N                    the first N messages cannot be sent fflush=hold               /run/held
-//   is made by the first thread but the main one that flushes a stream,
+//   register_object_path=try  the functions given are written into /run/functions, and that for the end
+//                             is called
+//   send=N                    the first N messages cannot be sent
+//   fflush=hold               /run/held is made by the first thread but the main one that flushes a stream,
 //                             and the stream stays locked by it
 //   usleep=short              short pauses take no time to speak of
 //   unlink=gate               /run/gate is made before a file is removed, and waited for until it is gone

@@ -475,6 +475,19 @@ TEST_F(Bus, memory_that_comes_back_in_ten_seconds_comes_in_time) {
   EXPECT_EQ(log.text(), "");
 }
 
+TEST_F(Bus, a_shortage_behind_a_flush_has_ten_seconds_of_its_own) {
+  CapturedLog log;
+  results.assign(9999, DBUS_DISPATCH_NEED_MEMORY);
+  results.push_back(DBUS_DISPATCH_COMPLETE);
+  results.insert(results.end(), 9999, DBUS_DISPATCH_NEED_MEMORY);
+  left_by_flushes = {DBUS_DISPATCH_DATA_REMAINS};
+  ccs_dispatch_and_flush(connection);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "usleep 1000"), 2 * 9999);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "dispatch"), 2 * 10000);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "flush"), 2);
+  EXPECT_EQ(log.text(), "");
+}
+
 TEST_F(BusDeathTest, ten_seconds_without_memory_are_the_end) {
   const std::string end =
       log_pattern({line("ccs_dispatch_and_flush", "{EE} No memory for the next message")});

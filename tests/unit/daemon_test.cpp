@@ -363,6 +363,16 @@ TEST_F(DaemonGetPid, targets_are_compared_to_their_last_byte) {
   EXPECT_EQ(pid_from("4711"), 0);
 }
 
+TEST_F(DaemonGetPid, targets_with_a_long_common_beginning_are_told_apart) {
+  for (const size_t length : {16U, 64U, 255U, 256U, 1024U, 4000U}) {
+    const std::string beginning = "/" + std::string(length - 1, 'd');
+    fake_links(beginning + "a", beginning + "b");
+    EXPECT_EQ(pid_from("4711"), 0) << length;
+    fake_links(beginning + "a", beginning + "a");
+    EXPECT_EQ(pid_from("4711"), 4711) << length;
+  }
+}
+
 TEST_F(DaemonGetPid, an_own_link_that_cannot_be_read_lets_any_process_count) {
   fake_links("", "/bin/other");
   EXPECT_EQ(pid_from("4711"), 4711);
@@ -570,11 +580,35 @@ TEST_F(DaemonStop, the_given_signal_is_sent) {
   EXPECT_EQ(calls, (Calls{"sleep 2", "kill " + std::to_string(getpid()) + " 1"}));
 }
 
-TEST_F(DaemonStop, with_signal_0_the_file_is_only_removed) {
+TEST_F(DaemonStop, without_a_signal_above_0_the_file_is_only_removed) {
+  fakes.fopen = [this](const char* path, const char* mode) {
+    calls.push_back(std::string("fopen ") + path);
+    return __real_fopen(path, mode);
+  };
+  for (const int sig : {0, -1, -15}) {
+    directory.file("pid", std::to_string(getpid()));
+    calls.clear();
+    EXPECT_EQ(daemon_stop(pid_file.c_str(), sig, log.logger()), 0) << sig;
+    EXPECT_EQ(calls, (Calls{})) << sig;
+    EXPECT_FALSE(exists(pid_file)) << sig;
+    EXPECT_EQ(daemon_stop(pid_file.c_str(), sig, log.logger()), -1) << sig;
+    EXPECT_EQ(errno, ENOENT) << sig;
+    EXPECT_EQ(calls, (Calls{})) << sig;
+  }
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(DaemonStop, a_daemon_that_cannot_be_signalled_loses_its_file_all_the_same_and_nothing_is_told) {
+  fakes.kill = [this](pid_t, int) {
+    calls.push_back("kill");
+    errno = EPERM;
+    return -1;
+  };
   directory.file("pid", std::to_string(getpid()));
-  EXPECT_EQ(daemon_stop(pid_file.c_str(), 0, log.logger()), 0);
-  EXPECT_EQ(calls, (Calls{}));
+  EXPECT_EQ(daemon_stop(pid_file.c_str(), 15, log.logger()), 0) << "the result of unlink";
+  EXPECT_EQ(calls, (Calls{"sleep 2", "kill"}));
   EXPECT_FALSE(exists(pid_file));
+  EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(DaemonStop, without_a_file_it_is_told_and_the_result_is_that_of_unlink) {

@@ -240,6 +240,18 @@ TEST_F(ProcMethodStart, a_running_group_refuses_and_leaves_the_copy_behind) {
   EXPECT_FALSE(is_held(child_mutex()));
 }
 
+TEST_F(ProcMethodStart, whether_the_group_runs_is_looked_at_behind_the_lock) {
+  MemoryBook memory;  // frees the copy that is left behind
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    if (mutex == &child_mutex()) entry().is_running = 1;  // as an older thread's launch does
+  };
+  start(2);
+  EXPECT_EQ(threads.size(), 0U);
+  EXPECT_EQ(log.lines(),
+            dm_lines("proc_method_start",
+                     {"group:1, is_running:1", "Sub thread of actor group for 1 is already running."}));
+}
+
 TEST_F(ProcMethodStart, an_actor_that_is_none_is_told_and_the_copy_freed) {
   MemoryBook memory;
   start(99);
@@ -422,6 +434,33 @@ TEST_F(ProcMethodStop, a_child_that_was_reaped_is_not_signalled) {
   EXPECT_EQ(entry().child_pid, 0);
   EXPECT_EQ(log.lines(),
             dm_lines("proc_method_stop", {"proc_method_stop", "proc_method_stop: child_pid 4711"}));
+}
+
+TEST_F(ProcMethodStop, the_child_is_the_one_found_behind_the_lock) {
+  claim();
+  entry().is_running = 1;
+  entry().child_pid = 4711;
+  entry().child_reaped = true;
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    if (mutex != &child_mutex()) return;
+    entry().child_pid = 4712;  // as a launch behind the pause does
+    entry().child_reaped = false;
+  };
+  stop(2);
+  EXPECT_EQ(calls, (Calls{"kill 4712 15"}));
+  EXPECT_EQ(log.lines(),
+            dm_lines("proc_method_stop", {"proc_method_stop", "proc_method_stop: child_pid 4712"}));
+}
+
+TEST_F(ProcMethodStop, whether_the_group_runs_is_looked_at_behind_the_lock) {
+  claim();
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    if (mutex != &child_mutex()) return;
+    entry().is_running = 1;
+    entry().child_pid = 4711;
+  };
+  stop(2);
+  EXPECT_EQ(calls, (Calls{"kill 4711 15"}));
 }
 
 TEST_F(ProcMethodStop, an_idle_group_or_no_child_means_nothing_to_stop) {

@@ -240,6 +240,20 @@ TEST_F(MethodStartThread, the_entry_is_filled_before_the_child_is_waited_for) {
   EXPECT_TRUE(entry().child_reaped) << "but is nobody's any more";
 }
 
+TEST_F(MethodStartThread, the_worker_is_let_go_on_behind_the_line_of_the_launch) {
+  claim();
+  int posts_before_the_line = -1;
+  fakes.time = [&] {  // taken for each line
+    if (log.lines().size() == 3) posts_before_the_line = value_of(station.launched);
+    return time_t{1};
+  };
+  on_wait = [&] { entry().keep_alive = 0; };
+  supervise(2);
+  EXPECT_EQ(log.lines().at(3), dm_line("method_start_thread", "DISPLAY=:3, actor_code=2, child=4711"));
+  EXPECT_EQ(posts_before_the_line, 0);
+  EXPECT_EQ(value_of(station.launched), 1);
+}
+
 TEST_F(MethodStartThread, its_stack_is_kept_for_the_child_during_the_fork_only) {
   claim();
   fakes.madvise = [&](void* where, size_t size, int advice) {
@@ -466,6 +480,16 @@ TEST_F(MethodStartThread, another_number_in_the_entry_is_noticed_without_a_newer
   EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
                                         "Another process on the same actor group has been started: 0. "
                                         "Exit from the current thread"));
+}
+
+TEST_F(MethodStartThread, whose_the_group_is_is_looked_at_behind_the_lock) {
+  claim();
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    if (mutex == &child_mutex()) entry().newest = 2;  // as a start just before does
+  };
+  on_wait = [&] { entry().keep_alive = 0; };  // so that a test that fails ends
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{}));
 }
 
 TEST_F(MethodStartThread, a_thread_overtaken_before_its_first_launch_lets_its_worker_go_on) {

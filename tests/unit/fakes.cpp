@@ -102,6 +102,13 @@ void* __wrap_mmap64(void* where, size_t size, int protection, int flags, int fd,
   return map_unless_faked(where, size, protection, flags, fd, offset);
 }
 
+void __real_funlockfile(FILE* stream);
+void __wrap_funlockfile(FILE* stream);
+void __wrap_funlockfile(FILE* stream) {
+  if (fakes.seen_funlockfile) fakes.seen_funlockfile(stream);
+  __real_funlockfile(stream);
+}
+
 int __wrap_unlink(const char* path);
 int __wrap_unlink(const char* path) {
   if (fakes.unlink) return fakes.unlink(path);

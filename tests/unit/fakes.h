@@ -48,6 +48,7 @@ struct Fakes {
   std::function<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
   // Only told, before it happens: the lock is taken and given back all the same.
   std::function<void(pthread_mutex_t*)> seen_lock, seen_unlock;
+  std::function<void(FILE*)> seen_funlockfile;
   std::function<int(pthread_cond_t*)> pthread_cond_signal;
   std::function<int(sem_t*)> sem_wait;
 

@@ -289,6 +289,17 @@ TEST_F(LogWrite, hours_minutes_seconds_months_and_days_have_two_digits) {
   EXPECT_EQ(log.text(), "2004-03-03 06:04:05:\n2004-12-22 00:11:12:\n");
 }
 
+TEST_F(LogWrite, a_year_beyond_9999_is_written_whole) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  CapturedLog log;
+  fakes.time = [] { return time_t{253402300800}; };
+  log.logger()->write(log.logger(), "the message\n");
+  unsetenv("TZ");
+  tzset();
+  EXPECT_EQ(log.text(), "10000-01-01 00:00:00:the message\n");
+}
+
 TEST_F(LogWrite, a_second_is_put_into_words_once_by_each_thread) {
   setenv("TZ", "UTC", 1);
   tzset();
@@ -387,6 +398,29 @@ TEST_F(LogWrite, the_time_is_taken_while_the_stream_is_held_and_so_never_goes_ba
   tzset();
   EXPECT_FALSE(was_free);
   EXPECT_EQ(log.text(), "2004-03-03 06:04:05:one\n");
+}
+
+TEST_F(LogWrite, the_stream_is_held_until_the_line_has_left_it) {
+  CapturedLog log;
+  Lines at_release;
+  fakes.seen_funlockfile = [&](FILE* stream) {
+    EXPECT_EQ(stream, log.logger()->fp);
+    at_release = log.lines();
+  };
+  log.logger()->write(log.logger(), "one\n");
+  EXPECT_EQ(at_release, (Lines{"one"}));
+}
+
+TEST_F(LogWrite, no_other_stream_is_flushed) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.path("other");
+  FILE* other = fopen(path.c_str(), "w");
+  fputs("held back", other);
+  CapturedLog log;
+  log.logger()->write(log.logger(), "one\n");
+  EXPECT_EQ(contents_of(path), "");
+  fclose(other);
+  EXPECT_EQ(contents_of(path), "held back");
 }
 
 TEST_F(LogWrite, a_message_of_100_kilobytes_is_written_whole) {

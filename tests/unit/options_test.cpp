@@ -164,6 +164,14 @@ TEST_F(OptionsDeathTest, pid_prints_the_running_daemons_pid_to_standard_output_a
   EXPECT_EQ(output.taken(), std::to_string(getpid()) + "\n");
 }
 
+TEST_F(OptionsDeathTest, pid_prints_a_negative_number_as_it_is) {
+  directory.file("pid", "-5");
+  CapturedDescriptor output(STDOUT_FILENO);
+  EXPECT_EXIT(parse_to_the_end({"--pid"}), ExitedWithCode(0),
+              std::string("^") + time_prefix + "cannot readlink\nverbose 0\n$");
+  EXPECT_EQ(output.taken(), "-5\n");
+}
+
 TEST_F(OptionsDeathTest, pid_without_a_daemon_prints_0_and_says_why_on_standard_error) {
   CapturedDescriptor output(STDOUT_FILENO);
   EXPECT_EXIT(parse_to_the_end({"--pid"}), ExitedWithCode(0),

@@ -16,12 +16,13 @@ namespace {
 
 Calls* calls;                               // of the running test
 const Plugin* failing;                      // the plugin whose init fails
+int failure;                                // what that returns
 std::vector<PluginContext*> contexts_seen;  // one for each init
 
 int note_init(Plugin* plugin, PluginContext* context) {
   calls->push_back(std::string("init ") + plugin->name);
   contexts_seen.push_back(context);
-  return plugin == failing ? -7 : 0;
+  return plugin == failing ? failure : 0;
 }
 
 void note_fin(Plugin* plugin) {
@@ -126,11 +127,15 @@ TEST_F(PluginRegistry, a_call_stays_in_the_queue_until_all_objects_are_there) {
 
 TEST_F(PluginRegistryDeathTest, an_init_that_fails_ends_the_daemon_behind_the_fin_of_every_plugin) {
   failing = &second;
-  EXPECT_EXIT(register_objects_to_the_end(), ExitedWithCode(1),
-              log_and_rest({line("ccs_register_objects", "path=/first"),
-                            line("ccs_register_objects", "{EE} Fail to initialize plugin:Second")},
-                           "fin First\nfin Second\nfin Third\n"
-                           "init First\nregister /first for First\ndispatch\ninit Second\n"));
+  for (const int result : {-7, -1, 1, 2}) {
+    failure = result;
+    EXPECT_EXIT(register_objects_to_the_end(), ExitedWithCode(1),
+                log_and_rest({line("ccs_register_objects", "path=/first"),
+                              line("ccs_register_objects", "{EE} Fail to initialize plugin:Second")},
+                             "fin First\nfin Second\nfin Third\n"
+                             "init First\nregister /first for First\ndispatch\ninit Second\n"))
+        << result;
+  }
 }
 
 TEST_F(PluginRegistryDeathTest, a_path_that_is_refused_ends_the_daemon_behind_the_fin_of_every_plugin) {

@@ -141,12 +141,14 @@ TEST_F(StackPool, keeping_says_when_memory_is_short) {
   void* const stack = first_of_a_new_block();
   EXPECT_EQ(stack_keep_for_child(stack), 0);
   EXPECT_EQ(stack_keep_for_parent_only(stack), 0);
-  fakes.madvise = [](void*, size_t, int) {
-    errno = ENOMEM;
-    return -1;
-  };
-  EXPECT_EQ(stack_keep_for_child(stack), -1);
-  EXPECT_EQ(stack_keep_for_parent_only(stack), -1);
+  for (const int error : {ENOMEM, EAGAIN}) {
+    fakes.madvise = [error](void*, size_t, int) {
+      errno = error;
+      return -1;
+    };
+    EXPECT_EQ(stack_keep_for_child(stack), -1) << error;
+    EXPECT_EQ(stack_keep_for_parent_only(stack), -1) << error;
+  }
 }
 
 TEST_F(StackPool, a_kernel_that_knows_none_of_the_advice_is_no_failure) {

@@ -2,11 +2,14 @@
 // text_test.cpp: formatting into a buffer that must be large enough.
 #include "common/text.h"
 
-#include <gtest/gtest.h>
-
 #include <csignal>
+#include <cstring>
+
+#include "tests/unit/fakes.h"
 
 using testing::KilledBySignal;
+
+using Owners = FakedTest;
 
 TEST(TextFormat, a_text_that_fits_stands_in_the_buffer) {
   char buffer[16];
@@ -42,7 +45,12 @@ TEST(TextFormatDeathTest, a_text_that_cannot_be_formatted_aborts) {
   EXPECT_EXIT(text_format(buffer, sizeof buffer, "%ls", no_character), KilledBySignal(SIGABRT), "^$");
 }
 
-TEST(Owners, memory_from_malloc_is_freed_with_its_owner) {
-  const TextOwner text(strdup("owned"));  // leak checkers look at the rest
-  EXPECT_STREQ(text.get(), "owned");
+TEST_F(Owners, memory_from_malloc_is_freed_with_its_owner) {
+  const MemoryBook memory;
+  {
+    const TextOwner text(strdup("owned"));
+    EXPECT_STREQ(text.get(), "owned");
+    EXPECT_EQ(memory.blocks_left(), 1U);
+  }
+  EXPECT_EQ(memory.blocks_left(), 0U);
 }
