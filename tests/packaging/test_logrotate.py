@@ -20,17 +20,26 @@ ROTATIONS = 10
 NUMBER = re.compile(r"(?:dbus_dm_start\(\): display=|Invalid DISPLAY value : )n(\d+)")
 
 # Between the copy and the truncation is a moment in which logrotate alone would lose what is written. It is
-# made long enough to be hit each time. The second name is that of 64-bit sizes on 32-bit machines.
+# made long enough to be hit each time, and each time is noted. The second name is that of 64-bit sizes on
+# 32-bit machines.
+SLOW_TRUNCATIONS = Path("/run/slow-truncations")
 SLOW_TRUNCATION = """
 #define _GNU_SOURCE
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <unistd.h>
-int ftruncate(int file, off_t size) {
+static void wait_and_note(void) {
   usleep(20000);
+  int notes = open("/run/slow-truncations", O_WRONLY | O_CREAT | O_APPEND, 0600);
+  if (write(notes, ".", 1) != 1) _exit(99);
+  close(notes);
+}
+int ftruncate(int file, off_t size) {
+  wait_and_note();
   return ((int (*)(int, off_t))dlsym(RTLD_NEXT, "ftruncate"))(file, size);
 }
 int ftruncate64(int file, off64_t size) {
-  usleep(20000);
+  wait_and_note();
   return ((int (*)(int, off64_t))dlsym(RTLD_NEXT, "ftruncate64"))(file, size);
 }
 """
@@ -105,6 +114,7 @@ def test_rotations_under_load_lose_no_line_and_leave_no_zero_byte(machine, insta
     machine.caller().hello()  # answered after all that was sent before
     parts.append(Path(LOG).read_bytes())
 
+    assert SLOW_TRUNCATIONS.read_text() == "." * ROTATIONS
     text = b"".join(parts)
     assert b"\0" not in text
     numbers = [int(number) for number in NUMBER.findall(text.decode())]

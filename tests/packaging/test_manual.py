@@ -4,6 +4,7 @@
 # The pages are read as mandoc understands them. What they list is held against the daemon and its sources in
 # both directions, so that neither can change without the other. The examples are taken from the pages and run
 # by root against a daemon on the system bus, as the reader of the page would run them.
+import fnmatch
 import os
 import re
 import signal
@@ -14,12 +15,15 @@ from pathlib import Path
 import pytest
 from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
 
-from machine import NAME, PATH, PROGRAMS, plugin_call
+from machine import NAME, PATH, PROGRAMS
 
 SOURCES = Path(__file__).resolve().parent.parent.parent
 MANAGER = "com.corvane.ControlServer.DisplayManager"
 DUMMY = "com.corvane.ControlServer.Dummy"
-PAGES = ["man8/corvane-cs.8", f"man5/{MANAGER}.5", f"man5/{DUMMY}.5"]
+INSTALLED = Path(os.environ["INSTALLED"])
+MANUAL = INSTALLED / "usr/share/man"
+PAGES = sorted(str(page.relative_to(MANUAL)) for page in MANUAL.glob("man*/*"))
+OBJECTS = sorted(page.stem for page in MANUAL.glob("man5/*"))
 OPTIONS = ["--disable", "--enable", "--pid", "--purge", "--start", "--stop", "--verbose"]
 ERROR = "org.freedesktop.DBus.Error"
 
@@ -65,8 +69,8 @@ class Page:
 def test_the_pages_are_those_of_the_daemon_and_of_each_of_its_objects(machine, manual):
     registered = [text for text in machine.texts() if text.startswith("path=")]
     objects = [text.removeprefix("path=/").replace("/", ".") for text in registered]
-    pages = sorted(str(page.relative_to(manual)) for page in manual.glob("man*/*"))
-    assert pages == sorted(["man8/corvane-cs.8", *(f"man5/{name}.5" for name in objects)]) == sorted(PAGES)
+    assert len(objects) >= 2
+    assert PAGES == sorted(["man8/corvane-cs.8", *(f"man5/{name}.5" for name in objects)])
 
 
 @pytest.mark.parametrize("page", PAGES)
@@ -85,6 +89,13 @@ def test_the_installed_ones_of_the_files_that_the_page_names_exist(installed, ma
         path = words(term)
         if not path.startswith(("/var/", "/usr/share/corvane/")):  # of the daemon at work, of the actors
             assert list(installed.glob(path[1:])), path
+
+
+def test_each_installed_file_is_named_on_a_page(installed, manual):
+    named = [words(term) for page in PAGES for term, _ in Page(manual / page).entries("FILES")]
+    files = [f"/{file.relative_to(installed)}" for file in installed.rglob("*") if file.is_file()]
+    unnamed = [file for file in files if not any(fnmatch.fnmatch(file, pattern) for pattern in named)]
+    assert sorted(unnamed) == ["/usr/sbin/corvane-cs", *(f"/usr/share/man/{page}" for page in PAGES)]
 
 
 # ---- options ----
@@ -112,10 +123,10 @@ SAYINGS = [  # a call that says something to whoever runs the daemon; the same c
 ]
 
 
-def sayings():
-    """What the sources can say, with * for what changes."""
+def sayings(*folders):
+    """What the sources in these folders can say, with * for what changes."""
     said = set()
-    for folder in ("cs", "common", "plugins"):
+    for folder in folders:
         for source in (SOURCES / folder).rglob("*.cpp"):
             code = re.sub(r"^\s*//.*$", "", source.read_text(), flags=re.MULTILINE)
             for call, with_literal in SAYINGS:
@@ -142,15 +153,33 @@ def explained(page):
     return explanations
 
 
-def test_the_diagnostics_of_the_page_are_what_the_daemon_can_say(manual):
-    said = sayings()
-    assert {"Start mainloop ...", "{EE}Failed to connect system DBus: *", "Catch segfault signal.",
-            "cannot readlink", "insufficient memory", "insufficient memory: 1",
-            "corvane-cs: unknown command line option: *",
-            "Unhandled message: obj=*, intf=*, member=*"} <= said
-    diagnostics = explained(Page(manual / "man8/corvane-cs.8"))
+def part_of(page):
+    """A plugin's page lies beside what it speaks of."""
+    beside = (SOURCES / "plugins").glob(f"*/{Path(page).name}")
+    return [str(file.parent.relative_to(SOURCES)) for file in beside] or ["cs", "common"]
+
+
+@pytest.mark.parametrize("page", PAGES)
+def test_the_diagnostics_of_each_page_are_what_its_part_of_the_daemon_can_say(manual, page):
+    said = sayings(*part_of(page))
+    diagnostics = explained(Page(manual / page))
     assert said - diagnostics.keys() == set(), "not on the page"
     assert diagnostics.keys() - said == set(), "on the page only"
+
+
+@pytest.mark.parametrize("page, folders, some", [
+    ("man8/corvane-cs.8", ["cs", "common"],
+     {"Start mainloop ...", "{EE}Failed to connect system DBus: *", "Catch segfault signal.",
+      "cannot readlink", "insufficient memory", "insufficient memory: 1",
+      "corvane-cs: unknown command line option: *"}),
+    (f"man5/{MANAGER}.5", ["plugins/display-manager"],
+     {"Unhandled message: obj=*, intf=*, member=*", "{DM} Invalid actor name: *"}),
+    (f"man5/{DUMMY}.5", ["plugins/dummy"], {"Unhandled message: obj=*, intf=*, member=*",
+                                            "Initialize Dummy plugin()"}),
+])
+def test_each_way_in_which_something_is_said_is_found(page, folders, some):
+    assert part_of(page) == folders
+    assert some <= sayings(*folders)
 
 
 # ---- actors, station types, errors ----
@@ -195,20 +224,25 @@ def test_the_station_types_of_the_page_are_known_by_their_codes(bare, manual):
     assert names == ["PCI", "USB", "COMMON"]
 
 
-def error_of(machine, path, member, *arguments):
-    """The name of the error that answers a call to the display manager's interface."""
-    call = new_method_call(DBusAddress(path, bus_name=NAME, interface=MANAGER), member,
-                           "s" * len(arguments) or None, arguments)
+def a_call(installed, name, path=None, member=None):
+    """A call to this object: without arguments, of its first method unless another is named."""
+    description = ElementTree.parse(installed / f"usr/share/dbus-1/interfaces/{name}.xml")
+    address = DBusAddress(path or "/" + name.replace(".", "/"), bus_name=NAME, interface=name)
+    return new_method_call(address, member or description.find(".//method").get("name"))
+
+
+def error_of(machine, call):
+    """The name of the error that answers a call."""
     reply = machine.caller().connection.send_and_get_reply(call, timeout=10)
     assert reply.header.message_type == MessageType.error
     return reply.header.fields[HeaderFields.error_name]
 
 
-def error_of_an_end(machine):
+def error_of_an_end(machine, call):
     """The name of the error that answers a call during which the daemon ends."""
     machine.daemon.send_signal(signal.SIGSTOP)
     caller = machine.caller()
-    caller.send(plugin_call("DisplayManager", "Stop", "ss", ":1", "xhotkey"))
+    caller.send(call)
     bus = DBusAddress("/org/freedesktop/DBus", *["org.freedesktop.DBus"] * 2)
     caller.ask(new_method_call(bus, "GetId"))  # answered when the bus has passed on what came before
     machine.daemon.kill()
@@ -217,25 +251,38 @@ def error_of_an_end(machine):
     return reply.header.fields[HeaderFields.error_name]
 
 
-def test_the_errors_of_the_page_are_those_that_callers_get(system_bus, manual):
-    manager = f"{PATH}/DisplayManager"
-    errors = {"no daemon": error_of(system_bus, manager, "Start", ":1", "xhotkey", "PCI")}
+@pytest.mark.parametrize("name", OBJECTS)
+def test_the_errors_of_the_page_are_those_that_root_gets(system_bus, installed, manual, name):
+    errors = {"no daemon": error_of(system_bus, a_call(installed, name))}
     system_bus.start_daemon()
     errors |= {
-        "no arguments": error_of(system_bus, manager, "Start"),
-        "another object": error_of(system_bus, f"{PATH}/Nobody", "Start", ":1", "xhotkey", "PCI"),
-        "another member": error_of(system_bus, manager, "Restart"),
-        "an end": error_of_an_end(system_bus),
+        "another object": error_of(system_bus, a_call(installed, name, path=f"{PATH}/Nobody")),
+        "another member": error_of(system_bus, a_call(installed, name, member="Restart")),
+        "an end": error_of_an_end(system_bus, a_call(installed, name)),
     }
     assert errors == {
         "no daemon": f"{ERROR}.ServiceUnknown",
-        "no arguments": f"{ERROR}.UnknownMethod",
         "another object": f"{ERROR}.UnknownMethod",
         "another member": f"{ERROR}.AccessDenied",
         "an end": f"{ERROR}.NoReply",
     }
-    listed = [words(term) for term, _ in Page(manual / f"man5/{MANAGER}.5").entries("ERROR REPLIES")]
-    assert sorted(listed) == sorted(set(errors.values()))
+    listed = [words(term) for term, _ in Page(manual / f"man5/{name}.5").entries("ERROR REPLIES")]
+    assert sorted(listed) == sorted(errors.values())
+
+
+@pytest.mark.parametrize("name", OBJECTS)
+def test_where_the_bus_lets_everything_through_a_ping_alone_leaves_no_line(machine, installed, name):
+    path = "/" + name.replace(".", "/")
+    before = machine.texts()
+    peer = DBusAddress(path, bus_name=NAME, interface="org.freedesktop.DBus.Peer")
+    assert machine.caller().ask(new_method_call(peer, "Ping")) == ()
+    assert machine.texts() == before
+
+    assert error_of(machine, a_call(installed, name, member="Restart")) == f"{ERROR}.UnknownMethod"
+    assert error_of(machine, a_call(installed, name, path=f"{PATH}/Nobody")) == f"{ERROR}.UnknownMethod"
+    said, *unhandled = machine.texts()[len(before):]
+    assert said == f"obj={path}, interface={name}, member=Restart, type=1"
+    assert [line.partition(":")[0] for line in unhandled] == ["Unhandled message"]
 
 
 # ---- examples ----
@@ -281,13 +328,13 @@ def test_each_example_works(system_bus, manual, tmp_path, page, heading, outputs
         system_bus.wait_log("keep_alive field is FALSE")
 
 
-@pytest.mark.parametrize("page", [MANAGER, DUMMY])
+@pytest.mark.parametrize("page", OBJECTS)
 def test_the_examples_are_all_that_the_page_has(manual, page):
     sections = Page(manual / f"man5/{page}.5").section("EXAMPLES").findall("section")
     assert [words(section[0]) for section in sections] == [row[1] for row in EXAMPLES if row[0] == page]
 
 
-@pytest.mark.parametrize("page", [MANAGER, DUMMY])
+@pytest.mark.parametrize("page", OBJECTS)
 @pytest.mark.parametrize("heading", ["C", "Python"])
 def test_the_programs_say_when_the_daemon_does_not_serve(system_bus, manual, tmp_path, page, heading):
     [result] = run_examples(Page(manual / f"man5/{page}.5").examples(heading), tmp_path)
@@ -296,7 +343,7 @@ def test_the_programs_say_when_the_daemon_does_not_serve(system_bus, manual, tmp
     assert f"{ERROR}.ServiceUnknown: " in result.stderr
 
 
-@pytest.mark.parametrize("page", [MANAGER, DUMMY])
+@pytest.mark.parametrize("page", OBJECTS)
 def test_what_is_copied_from_the_terminal_is_what_runs(manual, page):
     path = manual / f"man5/{page}.5"
     shown = subprocess.check_output(["man", "-E", "UTF-8", "-l", path], text=True,

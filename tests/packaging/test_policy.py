@@ -3,9 +3,14 @@
 #
 # Each row is sent by root and by a stranger to a daemon that serves the system's bus. Every answer tells who
 # gave it: what the daemon does not know it refuses itself, and that is not the policy's doing.
+#
+# Of every plugin, root gets what is described for callers, and nobody else gets more. A bus can be asked for
+# two users only, so the files themselves are read, too.
 import json
 import os
+import shutil
 import traceback
+import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 import pytest
@@ -178,6 +183,90 @@ def test_the_bus_has_nothing_to_say_about_the_policy(system_bus):
     system_bus.start_daemon()
 
     assert stop_bus(system_bus) == []
+
+
+# ---- every plugin, by its description ----
+
+
+def described(installed):
+    """The (path, interface, method) of all descriptions."""
+    nodes = [ElementTree.parse(file).getroot()
+             for file in (installed / "usr/share/dbus-1/interfaces").glob(f"{NAME}.*.xml")]
+    methods = [(node.get("name"), interface.get("name"), method.get("name")) for node in nodes
+               for interface in node.iter("interface") for method in interface.iter("method")]
+    assert len(methods) >= 3
+    return sorted(methods)
+
+
+def let_through(machine, uid, methods):
+    """Those of the methods that the bus lets this user call."""
+
+    def ask_all():
+        connection = Caller(machine.address).connection
+        return [answer(connection, *method, ()) != DENIED for method in methods]
+
+    return [method for method, is_free in zip(methods, as_user(uid, ask_all)) if is_free]
+
+
+def given(policy):
+    """What a file of the bus's configuration gives and takes: for each part, to whom and by which rules."""
+    return [(dict(part.attrib), [(rule.tag, dict(rule.attrib)) for rule in part])
+            for part in ElementTree.parse(policy).getroot()]
+
+
+def due(name, methods):
+    """What the file of this plugin has to give: these calls to root, and nothing to anybody else."""
+    return [({"user": "root"}, [("allow", {"send_destination": NAME, "send_type": "method_call",
+                                           "send_interface": name, "send_member": method})
+                                for _, interface, method in methods if interface == name])]
+
+
+def test_of_each_plugin_root_may_call_what_is_described_and_a_stranger_nothing(system_bus, installed):
+    system_bus.start_daemon()
+    methods = described(installed)
+
+    assert let_through(system_bus, ROOT, methods) == methods
+    assert let_through(system_bus, STRANGER, methods) == []
+
+
+def test_the_file_of_the_daemon_gives_root_the_name_and_everybody_two_questions(installed):
+    call = {"send_destination": NAME, "send_type": "method_call"}
+    assert given(installed / f"usr/share/dbus-1/system.d/{NAME}.conf") == [
+        ({"context": "default"}, [
+            ("deny", {"own": NAME}),
+            ("deny", {"send_destination": NAME}),
+            ("allow", {**call, "send_interface": "org.freedesktop.DBus.Introspectable",
+                       "send_member": "Introspect"}),
+            ("allow", {**call, "send_interface": "org.freedesktop.DBus.Peer", "send_member": "Ping"})]),
+        ({"user": "root"}, [("allow", {"own": NAME})])]
+
+
+def test_the_file_of_each_plugin_gives_root_what_is_described_and_nobody_else_anything(installed):
+    methods = described(installed)
+    files = (installed / "usr/share/dbus-1/system.d").glob(f"{NAME}.*.conf")
+    plugins = {file.stem: given(file) for file in files}
+
+    assert plugins == {name: due(name, methods) for _, name, _ in methods}
+
+
+# The stranger is in no group but his own; of a group, and of any other user, the file alone tells.
+@pytest.mark.parametrize("whom, is_for_the_stranger", [
+    ('context="mandatory"', True), ('context="default"', True), ('user="nobody"', True),
+    ('group="audio"', False)])
+def test_a_file_that_gives_more_would_be_noticed(laid_over, installed, whom, is_for_the_stranger):
+    policies = Path("/run/policies")
+    shutil.copytree(installed / "usr/share/dbus-1/system.d", policies)
+    more = policies / f"{DUMMY[1]}.conf"
+    rule = f'<allow send_destination="{NAME}" send_interface="{DUMMY[1]}"/>'
+    text = more.read_text().replace("</busconfig>", f"<policy {whom}>{rule}</policy></busconfig>")
+    more.write_text(text)
+    methods = described(installed)
+    assert given(more) != due(DUMMY[1], methods)
+
+    start_system_bus(laid_over, policies)
+    laid_over.start_daemon()
+    free = [(*DUMMY, "HelloWorld")] if is_for_the_stranger else []
+    assert let_through(laid_over, STRANGER, methods) == free
 
 
 @pytest.mark.parametrize("before, after", [("</busconfig>", ""), ('own="', 'owns="')])

@@ -1,8 +1,10 @@
 # SPDX-License-Identifier: MIT
 # test_unit.py: the systemd unit and its stricter example, as far as they can be judged without being started.
 #
-# systemd-analyze returns success on keys that it does not know, so its output is what counts. The directives
-# are written out here, because each was decided for the sake of the stations and their actors.
+# systemd-analyze returns success on keys that it does not know, so its output is what counts. It also reads
+# the units that ours refers to: here those of Debian's packages, and nothing that an administrator made. The
+# directives are written out, because each was decided for the sake of the stations and their actors.
+import os
 import re
 import shutil
 import subprocess
@@ -49,7 +51,8 @@ def add_example(units, installed):
 
 
 def analyze(*arguments):
-    done = subprocess.run(["systemd-analyze", *arguments], capture_output=True, text=True, timeout=60)
+    done = subprocess.run(["systemd-analyze", *arguments], capture_output=True, text=True, timeout=60,
+                          env={**os.environ, "SYSTEMD_UNIT_PATH": "/lib/systemd/system"})
     return done.stdout + done.stderr
 
 
@@ -78,6 +81,17 @@ def test_an_unknown_key_would_be_told(units, installed, name):
     with open(units / name, "a") as file:
         file.write("[Service]\nRestartSecond=1\n")
     assert "Unknown key 'RestartSecond'" in analyze("verify", str(units / "corvane-cs.service"))
+
+
+def test_a_fault_of_another_unit_is_not_ours(units):
+    broken = Path("/run/systemd/system/dbus.service.d/broken.conf")  # dbus.service is what BusName= needs
+    broken.parent.mkdir(parents=True)
+    broken.write_text("[Unit]\nNonsense=1\n")
+    unit = str(units / "corvane-cs.service")
+    done = subprocess.run(["systemd-analyze", "verify", unit], capture_output=True, text=True, timeout=60)
+    assert "Unknown key 'Nonsense'" in done.stderr, "the fault is none"
+
+    assert analyze("verify", unit) == ""
 
 
 def test_each_decision_stands_in_the_unit(units):
