@@ -15,7 +15,7 @@ import time
 import pytest
 from jeepney import HeaderFields
 from machine import FAULTS, LOG, SANITIZER, CallFailed, meddled, plugin_call
-from stress import report, size, start_call, stop_call
+from stress import is_32_bit, report, size, start_call, stop_call
 
 PLACES = size((1, 2, 3, 4, 5, 7, 10, 15, 25, 50, 100), range(1, 101))
 
@@ -108,7 +108,8 @@ def test_whatever_fails_while_it_serves_no_caller_goes_without_an_answer(bare, c
     bare.start_bus()
     bare.start_daemon(environment={"LD_PRELOAD": FAULTS})
     caller = bare.caller()
-    displays = (number for number in itertools.count(10) for _ in range(5))  # a new station each fifth round
+    # A new station each so many rounds: its worker takes 8 MiB of addresses.
+    displays = (number for number in itertools.count(10) for _ in range(25 if is_32_bit() else 5))
     rounds = 0
     for nth in PLACES_OF.get(call, PLACES):
         with open(LOG, "r+") as log:
