@@ -42,6 +42,16 @@ void walk_until(const std::atomic<bool>& done, std::atomic<int>& walks, Station*
 
 }  // namespace
 
+TEST_F(FailingStation, is_told_of_before_it_is_unlinked) {
+  fakes.pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; };
+  std::vector<size_t> lines_told;  // when it is linked, and when it is unlinked
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    if (mutex == &station_table_mutex) lines_told.push_back(log.lines().size());
+  };
+  EXPECT_EQ(dm_start_station_thread(&context, ":0", 0, 1), -1);
+  EXPECT_EQ(lines_told, (std::vector<size_t>{1, 2})) << "that it starts, and that it has no thread";
+}
+
 TEST_F(FailingStation, leaves_no_trace_while_group_threads_walk_the_list) {
   fakes.fork = [] { return -1; };
   fakes.pthread_create = [](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
