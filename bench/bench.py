@@ -5,7 +5,7 @@
 # Run it through tools/private-machine; README.md explains the method and the numbers. The run fails only with
 # --short, and then only for a count that is exact on every machine. A time never decides.
 #
-# usage: bench.py DAEMON PROGRAMS RESULTS [--short] [--seed N] [--only PART...]
+# usage: bench.py DAEMON PROGRAMS RESULTS [--short] [--seed N] [--only SECTION...]
 #   DAEMON    its executable          PROGRAMS  directory of the bench's own programs
 #   RESULTS   directory of results.json and table.md
 import argparse
@@ -20,7 +20,7 @@ import machine
 import starts
 from results import Results
 
-PARTS = {
+SECTIONS = {
     "calls": calls.calls,
     "system-calls": footprint.system_calls,
     "starts": starts.starts,
@@ -36,7 +36,7 @@ PARTS = {
 
 
 class Run:
-    """What every part is given."""
+    """What every section is given."""
 
     def __init__(self, options):
         self.daemon, self.programs, self.short = options.daemon, options.programs, options.short
@@ -58,7 +58,7 @@ def main():
     parser.add_argument("--short", action="store_true")
     parser.add_argument("--seed", type=int, default=time.time_ns() % 1000000)
     parser.add_argument("--rounds", type=int, default=600)
-    parser.add_argument("--only", nargs="+", choices=PARTS, default=list(PARTS))
+    parser.add_argument("--only", nargs="+", choices=SECTIONS, default=list(SECTIONS))
     options = parser.parse_args()
 
     run = Run(options)
@@ -68,13 +68,13 @@ def main():
     run.results = Results(f"{architecture}, {processors} processors, load {load:.1f}, priority {priority}, "
                           f"{run.rounds} rounds, seed {run.seed}:")
     print(run.results.heading, flush=True)
-    for part in options.only:
+    for section in options.only:
         began = time.monotonic()
-        PARTS[part](run)
-        print(f"-- {part}: {time.monotonic() - began:.1f} s", flush=True)
+        SECTIONS[section](run)
+        print(f"-- {section}: {time.monotonic() - began:.1f} s", flush=True)
     run.results.write(options.results)
     print(f"\n{run.results.table()}")
-    if not options.short and options.only == list(PARTS):
+    if not options.short and options.only == list(SECTIONS):
         run.results.write_page(f"{os.path.dirname(os.path.abspath(__file__))}/README.md", architecture)
     if options.short and run.results.broken_gates:
         sys.exit(f"bench: counted, and not within its bar: {'; '.join(run.results.broken_gates)}")

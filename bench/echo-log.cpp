@@ -3,7 +3,7 @@
 //
 // The lines are those that the daemon writes for one call, to the letter but for the time (the runner
 // compares their lengths before it measures), and are written as a plain program would: the time asked and
-// broken down for each line, the text formatted from its parts, the stream flushed behind it.
+// broken down for each line, the text formatted from its words, the stream flushed behind it.
 //
 // usage: bench-echo-log NAME LOG
 #include <fcntl.h>

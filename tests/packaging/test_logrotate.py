@@ -102,20 +102,20 @@ class Flood:
 
 
 def test_rotations_under_load_lose_no_line_and_leave_no_zero_byte(machine, installed, slow_truncation):
-    parts = []
+    pieces = []
     flood = Flood(machine.caller())
     try:
         for _ in range(ROTATIONS):
             machine.wait("a log to rotate", lambda: os.path.getsize(LOG) > 100000)
             assert_silent(logrotate(installed, "--force", environment=slow_truncation))
-            parts.append(gzip.decompress(Path(f"{LOG}.1.gz").read_bytes()))
+            pieces.append(gzip.decompress(Path(f"{LOG}.1.gz").read_bytes()))
     finally:
         sent = flood.stop()
     machine.caller().hello()  # answered after all that was sent before
-    parts.append(Path(LOG).read_bytes())
+    pieces.append(Path(LOG).read_bytes())
 
     assert SLOW_TRUNCATIONS.read_text() == "." * ROTATIONS
-    text = b"".join(parts)
+    text = b"".join(pieces)
     assert b"\0" not in text
     numbers = [int(number) for number in NUMBER.findall(text.decode())]
     lost = 2 * sent - len(numbers)
