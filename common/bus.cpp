@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-// bus.cpp: a reply is built, sent and flushed before the handler returns.
+// bus.cpp: answering, and dispatching without answering.
 //
-// The main loop serves the readable side of the connection only, so whoever sends has to flush.
+// A reply is built, sent and flushed before the handler returns: the main loop serves the readable side of
+// the connection only.
 #include "common/bus.h"
 
 #include <unistd.h>
@@ -26,4 +27,11 @@ void bus_reply(DBusConnection* connection, DBusMessage* call, int type, const vo
     usleep(pause_microseconds);
   }
   dbus_connection_flush(connection);
+}
+
+void bus_dispatch_one(DBusConnection* connection) {
+  DBusMessage* first = dbus_connection_borrow_message(connection);
+  const bool is_call = first && dbus_message_get_type(first) == DBUS_MESSAGE_TYPE_METHOD_CALL;
+  if (first) dbus_connection_return_message(connection, first);
+  if (!is_call) dbus_connection_dispatch(connection);
 }

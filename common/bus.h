@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// bus: owners of libdbus objects, and the one way to answer a call.
+// bus: owners of libdbus objects, the one way to answer a call, and one step of dispatch.
 #pragma once
 
 #include <dbus/dbus.h>
@@ -36,3 +36,9 @@ class BusError {
  * time-out, so the answer is tried for a second before it is given up with a line in the log.
  */
 void bus_reply(DBusConnection* connection, DBusMessage* call, int type, const void* value);
+
+/**
+ * Dispatches one message of `connection`, but for a call, which stays first in the queue: while objects are
+ * being registered it could be refused for one that is there a moment later. Main thread, during set-up.
+ */
+void bus_dispatch_one(DBusConnection* connection);

@@ -78,7 +78,7 @@ void ccs_set_watch_functions(BusState* bus) {
     if (!installed) log_debug("dbus_connection_set_watch_functions(): %s\n", error.message());
   }
   if (!installed) ccs_fatal_exit();
-  ccs_dispatch_one(bus->connection);
+  bus_dispatch_one(bus->connection);
 }
 
 void ccs_request_service_name(BusState* bus) {
@@ -91,14 +91,7 @@ void ccs_request_service_name(BusState* bus) {
     if (result == -1) log_debug("{EE} dbus_bus_request_name(): %s\n", error.message());
   }
   if (result == -1) ccs_fatal_exit();
-  ccs_dispatch_one(bus->connection);
-}
-
-void ccs_dispatch_one(DBusConnection* connection) {
-  DBusMessage* first = dbus_connection_borrow_message(connection);
-  const bool is_call = first && dbus_message_get_type(first) == DBUS_MESSAGE_TYPE_METHOD_CALL;
-  if (first) dbus_connection_return_message(connection, first);
-  if (!is_call) dbus_connection_dispatch(connection);
+  bus_dispatch_one(bus->connection);
 }
 
 void ccs_build_read_set(const BusState* bus, fd_set* readable) {

@@ -37,12 +37,6 @@ void ccs_set_watch_functions(BusState* bus);
 void ccs_request_service_name(BusState* bus);
 
 /**
- * A step of the set-up: dispatches one message, but for a call, which stays first in the queue. While objects
- * are missing it could be refused for one that is there a moment later.
- */
-void ccs_dispatch_one(DBusConnection* connection);
-
-/**
  * Fills `readable` with the watch's descriptor. A descriptor that select(2) cannot hold (FD_SETSIZE or above)
  * is fatal: the daemon would be deaf.
  */

@@ -9,7 +9,6 @@
 
 #include "common/bus.h"
 #include "common/logger.h"
-#include "cs/bus.h"
 
 DBusHandlerResult ccs_dbus_message_handler(DBusConnection* connection, DBusMessage* message, void* data) {
   auto* plugin = static_cast<Plugin*>(data);
@@ -40,7 +39,7 @@ void ccs_register_objects(DBusConnection* connection, const DBusObjectPathVTable
       if (!registered) log_debug("{EE}dbus_connection_register_object_path(): %s\n", error.message());
     }
     if (!registered) ccs_fatal_exit();
-    ccs_dispatch_one(connection);
+    bus_dispatch_one(connection);
   }
 }
 

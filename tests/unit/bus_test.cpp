@@ -404,7 +404,7 @@ TEST_F(BusDeathTest, a_descriptor_that_select_cannot_hold_is_fatal) {
 }
 
 TEST_F(Bus, without_a_message_a_step_of_the_set_up_dispatches_all_the_same) {
-  ccs_dispatch_one(connection);
+  bus_dispatch_one(connection);
   EXPECT_EQ(calls, (Calls{"dispatch"}));
 }
 
@@ -413,12 +413,12 @@ TEST_F(Bus, a_step_of_the_set_up_dispatches_everything_but_calls) {
        {DBUS_MESSAGE_TYPE_METHOD_RETURN, DBUS_MESSAGE_TYPE_ERROR, DBUS_MESSAGE_TYPE_SIGNAL}) {
     calls.clear();
     first.reset(dbus_message_new(type));
-    ccs_dispatch_one(connection);
+    bus_dispatch_one(connection);
     EXPECT_EQ(calls, (Calls{"return", "dispatch"})) << type;
   }
   calls.clear();
   first.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
-  ccs_dispatch_one(connection);
+  bus_dispatch_one(connection);
   EXPECT_EQ(calls, (Calls{"return"}));
 }
 
