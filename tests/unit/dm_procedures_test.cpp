@@ -15,6 +15,7 @@ class ProcMethodStart : public OneStationTest {
     fakes.pthread_create = [this](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                                   void* data) {
       EXPECT_TRUE(is_held(child_mutex())) << "from the test of the entry to its claim";
+      EXPECT_NE(log.text().find("Start method_start_thread"), std::string::npos) << "told before";
       threads.push_back({thread, body, {}, nullptr, 0});
       pthread_attr_getstack(attributes, &threads.back().stack, &threads.back().stack_size);
       if (result != 0) return result;
@@ -255,6 +256,7 @@ TEST_F(ProcMethodStart, whether_the_group_runs_is_looked_at_behind_the_lock) {
 TEST_F(ProcMethodStart, an_actor_that_is_none_is_told_and_the_copy_freed) {
   MemoryBook memory;
   start(99);
+  EXPECT_EQ(memory.sizes_taken(), (std::vector<size_t>{sizeof(ThreadStart)}));
   EXPECT_EQ(memory.blocks_left(), 0U);
   EXPECT_EQ(threads.size(), 0U);
   EXPECT_EQ(calls, (Calls{}));

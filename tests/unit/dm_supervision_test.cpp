@@ -674,3 +674,17 @@ TEST_F(Together, groups_run_side_by_side_and_group_0_never_counts_as_running) {
   EXPECT_EQ(count_of("No action needed for INIT_STATION. display_num: 3"), 2U);
   EXPECT_EQ(count_of("sub process is not running"), 1U) << "the stop of init-station";
 }
+
+TEST_F(MethodStartThread, whose_child_was_reaped_is_looked_at_behind_the_lock) {
+  claim();
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    if (mutex != &child_mutex() || calls.empty() || calls.back() != "wait 4711") return;
+    EXPECT_FALSE(entry().child_reaped) << "not marked before";
+    entry().newest = 2;  // as a stop and a newer thread's launch do
+    entry().child_pid = 5000;
+    entry().child_reaped = false;
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
+  EXPECT_FALSE(entry().child_reaped) << "the newer child is alive";
+}

@@ -115,6 +115,10 @@ TEST_F(Signals, a_crash_is_reported_although_its_signal_was_blocked_and_no_other
     expected.erase(SIGSEGV);
     signals_take_over();
     const std::set<int> taken_over = blocked();
+    sigset_t more;
+    sigemptyset(&more);
+    sigaddset(&more, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &more, nullptr);
     signals_give_back();
     const std::set<int> given_back = blocked();
     pthread_sigmask(SIG_SETMASK, &before, nullptr);

@@ -221,3 +221,25 @@ TEST_F(StackPool, a_thread_among_others_can_fork) {
     EXPECT_EQ(turns[i].status, 7 << 8);
   }
 }
+
+TEST_F(StackPool, a_stack_is_linked_while_the_pools_mutex_is_held) {
+  no_memory = true;
+  void* stack = stack_take();
+  while (void* other = stack_take()) stack = other;
+  void* at_lock = nullptr;
+  void* taken = nullptr;
+  *static_cast<void**>(stack) = this;
+  fakes.seen_lock = [&](pthread_mutex_t*) {
+    fakes.seen_lock = nullptr;
+    at_lock = *static_cast<void**>(stack);
+  };
+  fakes.seen_unlock = [&](pthread_mutex_t* mutex) {
+    fakes.seen_unlock = nullptr;
+    pthread_mutex_unlock(mutex);
+    taken = stack_take();  // as another thread does
+    pthread_mutex_lock(mutex);
+  };
+  stack_return(stack);
+  EXPECT_EQ(at_lock, this);
+  EXPECT_EQ(taken, stack);
+}
