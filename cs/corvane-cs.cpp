@@ -65,11 +65,11 @@ void segfault_handler(int sig) {
   exit(1);
 }
 
-// The first backtrace of a process loads a library, which must not happen inside a crash: the heap may be
-// locked. But it takes a tenth of the whole start, so that the first caller is answered before.
-static void load_backtrace_once() {
-  static void* frame = nullptr;
-  [[maybe_unused]] static const int frames = backtrace(&frame, 1);
+// The first backtrace of a process loads a library; that must not happen inside a crash.
+static void install_segfault_handler() {
+  void* frame = nullptr;
+  backtrace(&frame, 1);
+  signal(SIGSEGV, segfault_handler);
 }
 
 // One heap for all threads. The main thread takes memory for every message, the others only a few times for
@@ -89,7 +89,7 @@ int main(int argc, char** argv) {
   log_debug("Initialize DBus connection and Watches ...\n");
   PluginContext context = {};
   log_debug("Initialize segfault signal handler...\n");
-  signal(SIGSEGV, segfault_handler);
+  install_segfault_handler();
   dbus_threads_init_default();
   ccs_get_system_conn(&bus);
   log_debug("Succeeded to get System DBus connection ...\n");
@@ -117,6 +117,5 @@ int main(int argc, char** argv) {
       continue;
     }
     if (ccs_is_ready(&bus, &readable)) ccs_serve_watch(&bus);
-    load_backtrace_once();
   }
 }
