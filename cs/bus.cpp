@@ -112,7 +112,7 @@ DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection) {
 }
 
 void ccs_dispatch_and_flush(DBusConnection* connection) {
-  for (;;) {
+  do {
     int pauses = 0;
     while (ccs_dispatch_all(connection) == DBUS_DISPATCH_NEED_MEMORY) {
       if (++pauses == most_memory_pauses) {
@@ -121,9 +121,8 @@ void ccs_dispatch_and_flush(DBusConnection* connection) {
       }
       usleep(memory_pause_microseconds);
     }
-    if (!dbus_connection_has_messages_to_send(connection)) return;
     dbus_connection_flush(connection);  // reads, too, while it waits for room
-  }
+  } while (dbus_connection_get_dispatch_status(connection) != DBUS_DISPATCH_COMPLETE);
 }
 
 bool ccs_is_ready(const BusState* bus, const fd_set* ready) {

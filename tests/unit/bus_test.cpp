@@ -64,9 +64,9 @@ class Bus : public FakedTest {
       EXPECT_EQ(on, connection);
       calls.push_back("flush");
     };
-    fakes.dbus_connection_has_messages_to_send = [this](DBusConnection* on) -> dbus_bool_t {
+    fakes.dbus_connection_get_dispatch_status = [this](DBusConnection* on) {
       EXPECT_EQ(on, connection);
-      return dispatches_with_answers > 0 && dispatches_with_answers-- > 0;
+      return flushed < left_by_flushes.size() ? left_by_flushes[flushed++] : DBUS_DISPATCH_COMPLETE;
     };
     fakes.usleep = [this](useconds_t microseconds) {
       calls.push_back("usleep " + std::to_string(microseconds));
@@ -99,7 +99,8 @@ class Bus : public FakedTest {
   MessageOwner first;                       // in the queue
   std::vector<DBusDispatchStatus> results;  // of the first dispatches; the others are complete
   size_t dispatched = 0;
-  int dispatches_with_answers = 0;  // the first ones, which leave something to send
+  std::vector<DBusDispatchStatus> left_by_flushes;  // by the first ones; the others leave nothing
+  size_t flushed = 0;
   dbus_bool_t handled = TRUE;
 };
 using BusDeathTest = Bus;
@@ -445,23 +446,23 @@ TEST_F(Bus, dispatching_stops_when_memory_is_short) {
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref"}));
 }
 
-TEST_F(Bus, a_dispatch_that_answers_nothing_needs_no_flush) {
+TEST_F(Bus, a_flush_ends_every_dispatch) {
   ccs_dispatch_and_flush(connection);
-  EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref"}));
+  EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "flush"}));
 }
 
 TEST_F(Bus, what_memory_was_too_short_for_is_tried_again_after_a_millisecond) {
   results = {DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_NEED_MEMORY};
   ccs_dispatch_and_flush(connection);
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "usleep 1000", "ref", "dispatch", "dispatch", "unref",
-                          "usleep 1000", "ref", "dispatch", "unref"}));
+                          "usleep 1000", "ref", "dispatch", "unref", "flush"}));
 }
 
 TEST_F(Bus, what_a_flush_reads_is_dispatched_and_flushed_too) {
-  dispatches_with_answers = 2;
+  left_by_flushes = {DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_NEED_MEMORY};
   ccs_dispatch_and_flush(connection);
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "flush", "ref", "dispatch", "unref", "flush", "ref",
-                          "dispatch", "unref"}));
+                          "dispatch", "unref", "flush"}));
 }
 
 TEST_F(Bus, memory_that_comes_back_in_ten_seconds_comes_in_time) {
@@ -470,6 +471,7 @@ TEST_F(Bus, memory_that_comes_back_in_ten_seconds_comes_in_time) {
   ccs_dispatch_and_flush(connection);
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "usleep 1000"), 9999);
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "dispatch"), 10000);
+  EXPECT_EQ(calls.back(), "flush");
   EXPECT_EQ(log.text(), "");
 }
 
@@ -478,11 +480,11 @@ TEST_F(Bus, a_shortage_behind_a_flush_has_ten_seconds_of_its_own) {
   results.assign(9999, DBUS_DISPATCH_NEED_MEMORY);
   results.push_back(DBUS_DISPATCH_COMPLETE);
   results.insert(results.end(), 9999, DBUS_DISPATCH_NEED_MEMORY);
-  dispatches_with_answers = 1;
+  left_by_flushes = {DBUS_DISPATCH_DATA_REMAINS};
   ccs_dispatch_and_flush(connection);
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "usleep 1000"), 2 * 9999);
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "dispatch"), 2 * 10000);
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), "flush"), 1);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "flush"), 2);
   EXPECT_EQ(log.text(), "");
 }
 
@@ -529,23 +531,21 @@ TEST_F(Bus, a_descriptor_that_no_set_can_hold_is_never_ready) {
 TEST_F(Bus, a_ready_watch_is_handled_as_readable_then_dispatched_and_flushed) {
   ccs_add_watch(as_watch(&readable), &bus);
   results = {DBUS_DISPATCH_DATA_REMAINS};
-  dispatches_with_answers = 1;
   ccs_serve_watch(&bus);
-  EXPECT_EQ(calls,
-            (Calls{"handle 1", "ref", "dispatch", "dispatch", "unref", "flush", "ref", "dispatch", "unref"}));
+  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "dispatch", "unref", "flush"}));
 }
 
 TEST_F(Bus, a_ready_watch_leaves_nothing_held) {
   ccs_add_watch(as_watch(&readable), &bus);
   results = {DBUS_DISPATCH_NEED_MEMORY};
   ccs_serve_watch(&bus);
-  EXPECT_EQ(calls,
-            (Calls{"handle 1", "ref", "dispatch", "unref", "usleep 1000", "ref", "dispatch", "unref"}));
+  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "unref", "usleep 1000", "ref", "dispatch", "unref",
+                          "flush"}));
 }
 
 TEST_F(Bus, a_watch_that_could_not_be_handled_is_dispatched_all_the_same) {
   ccs_add_watch(as_watch(&readable), &bus);
   handled = FALSE;
   ccs_serve_watch(&bus);
-  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "unref"}));
+  EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "unref", "flush"}));
 }

@@ -182,7 +182,7 @@ FAKED(dbus_bool_t, dbus_connection_send,
       (DBusConnection * connection, DBusMessage* message, dbus_uint32_t* serial),
       (connection, message, serial))
 FAKED(void, dbus_connection_flush, (DBusConnection * connection), (connection))
-FAKED(dbus_bool_t, dbus_connection_has_messages_to_send, (DBusConnection * connection), (connection))
+FAKED(DBusDispatchStatus, dbus_connection_get_dispatch_status, (DBusConnection * connection), (connection))
 FAKED(void, dbus_connection_set_max_message_unix_fds, (DBusConnection * connection, long most),
       (connection, most))
 FAKED(void, dbus_connection_set_max_received_unix_fds, (DBusConnection * connection, long most),

@@ -69,7 +69,7 @@ struct Fakes {
   std::function<dbus_bool_t(DBusWatch*, unsigned)> dbus_watch_handle;
   std::function<dbus_bool_t(DBusConnection*, DBusMessage*, dbus_uint32_t*)> dbus_connection_send;
   std::function<void(DBusConnection*)> dbus_connection_flush;
-  std::function<dbus_bool_t(DBusConnection*)> dbus_connection_has_messages_to_send;
+  std::function<DBusDispatchStatus(DBusConnection*)> dbus_connection_get_dispatch_status;
   std::function<void(DBusConnection*, long)> dbus_connection_set_max_message_unix_fds;
   std::function<void(DBusConnection*, long)> dbus_connection_set_max_received_unix_fds;
   std::function<DBusMessage*(DBusMessage*)> dbus_message_new_method_return;
