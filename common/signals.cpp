@@ -14,7 +14,8 @@ struct Disposition {
 };
 
 static sigset_t mask_at_start;
-static Disposition dispositions[] = {{SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}};
+static Disposition dispositions[] = {
+    {SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}, {SIGABRT, {}}};
 
 void signals_take_over() {
   for (Disposition& disposition : dispositions) sigaction(disposition.signal, nullptr, &disposition.at_start);

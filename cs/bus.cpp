@@ -122,6 +122,7 @@ void ccs_dispatch_and_flush(DBusConnection* connection) {
       usleep(memory_pause_microseconds);
     }
     dbus_connection_flush(connection);  // reads, too, while it waits for room
+    // The library may say only now that memory was short for a call that it holds.
   } while (dbus_connection_get_dispatch_status(connection) != DBUS_DISPATCH_COMPLETE);
 }
 

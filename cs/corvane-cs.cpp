@@ -37,18 +37,18 @@ static void give_up_crash_report(int) {
   _exit(1);
 }
 
-// Lets a hung report, and a crash of the report itself, end in give_up_crash_report.
+// Lets a hung report, a crash of the report, and a heap that aborts it end in give_up_crash_report.
 static void limit_crash_report() {
+  signal(SIGALRM, give_up_crash_report);
+  signal(SIGABRT, give_up_crash_report);
   sigset_t needed;
   sigemptyset(&needed);
   sigaddset(&needed, SIGSEGV);
   sigaddset(&needed, SIGALRM);
   pthread_sigmask(SIG_UNBLOCK, &needed, nullptr);
 
-  static std::atomic_flag is_limited;
-  if (is_limited.test_and_set()) return;  // threads that crash one after the other have the time of the first
-  signal(SIGALRM, give_up_crash_report);
-  alarm(most_seconds_of_a_crash_report);
+  static std::atomic_flag is_limited;  // threads that crash one after the other have the time of the first
+  if (!is_limited.test_and_set()) alarm(most_seconds_of_a_crash_report);
 }
 
 // Reports a crash in whichever thread it happened, then ends the process. Calls stdio and exit from a signal

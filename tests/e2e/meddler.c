@@ -17,6 +17,7 @@
 //   get=prepared              there is none unless the bus library was prepared for threads before
 //   get=gate                  /run/gate is made before, and waited for until it is gone
 //   set_watch_functions=fail
+//   set_watch_functions=none  they are taken, and no watch is ever added
 //   request_name=gate         the same before the name is asked for
 //   register_object_path=N    the N-th fails
 //   register_object_path=try  the functions given are written into /run/functions, and that for the end
@@ -26,8 +27,10 @@
 //                             and the stream stays locked by it
 //   usleep=short              short pauses take no time to speak of
 //   unlink=gate               /run/gate is made before a file is removed, and waited for until it is gone
-//   symbols=crash             what writes the frames of a crash report writes through a null pointer
+//   symbols=abort             what writes the frames of a crash report aborts
+//   symbols=crash             it writes through a null pointer
 //   symbols=hang              it never comes back
+//   exit=told                 /run/exit is made when the handlers of an orderly exit run
 #include <dbus/dbus.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -167,7 +170,8 @@ dbus_bool_t dbus_connection_set_watch_functions(DBusConnection* connection, DBus
                                                 DBusRemoveWatchFunction remove,
                                                 DBusWatchToggledFunction toggled, void* data,
                                                 DBusFreeFunction free_data) {
-  if (how("set_watch_functions")) return FALSE;
+  const char* word = how("set_watch_functions");
+  if (word) return *word == 'n';
   add_watch = add;
   watch_data = data;
   return REAL(dbus_bool_t(*)(DBusConnection*, DBusAddWatchFunction, DBusRemoveWatchFunction,
@@ -228,6 +232,11 @@ void backtrace_symbols_fd(void* const* frames, int count, int file) {
   const char* word = how("symbols");
   volatile int* volatile nowhere = NULL;
   if (word && *word == 'c') *nowhere = 1;
+  if (word && *word == 'a') abort();
   while (word && *word == 'h') pause();
   REAL(void (*)(void* const*, int, int), backtrace_symbols_fd)(frames, count, file);
+}
+
+__attribute__((destructor)) static void at_exit(void) {
+  if (how("exit")) make("/run/exit");
 }

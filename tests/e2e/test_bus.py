@@ -111,6 +111,14 @@ def test_a_connection_that_cannot_be_watched_is_given_up(bare):
         CONNECTED, "cs/bus.cpp ccs_set_watch_functions: dbus_connection_set_watch_functions(): (null)"])
 
 
+def test_a_bus_library_that_adds_no_watch_would_make_the_daemon_deaf_and_is_fatal(bare):
+    bare.start_bus()
+    process = bare.launch(environment=meddled("set_watch_functions=none"))
+    assert_given_up(process, bare, BEGIN + [CONNECTED] + WATCHED[-2:] + [NAMED] + FIRST_OBJECT + SECOND_OBJECT + [
+        "cs/corvane-cs.cpp main: Succeeded to register objects ...",
+        "cs/bus.cpp ccs_build_read_set: {EE} Watch on fd -1 is beyond what select() can hold"])
+
+
 @pytest.mark.parametrize("nth, objects", [(1, FIRST_OBJECT), (2, FIRST_OBJECT + SECOND_OBJECT)])
 def test_an_object_that_cannot_be_registered_is_given_up(bare, nth, objects):
     bare.start_bus()

@@ -207,3 +207,12 @@ def test_a_crash_while_the_heap_is_locked_ends_with_1_all_the_same(bare):
     line, names = report(bare)
     assert line.text == "Catch segfault signal."
     assert len(names) >= 3
+
+
+@pytest.mark.parametrize("trouble, orderly", [("none", True), ("crash", False)])
+def test_only_a_report_that_came_to_its_end_is_followed_by_an_orderly_exit(bare, trouble, orderly):
+    bare.start_bus()
+    bare.start_daemon(environment=meddled(f"symbols={trouble} exit=told"))
+    bare.daemon.send_signal(signal.SIGSEGV)
+    assert bare.daemon.wait(3) == 1
+    assert os.path.exists("/run/exit") == orderly

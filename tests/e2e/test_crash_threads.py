@@ -194,9 +194,9 @@ def test_a_second_crash_gives_a_report_that_hangs_no_more_time(doomed):
     assert 1.8 < time.monotonic() - begin < 2.8, "the time of the first report, no less and no more"
 
 
-@pytest.mark.parametrize("trouble", ["crash", pytest.param("hang", marks=late_alarm)])
+@pytest.mark.parametrize("trouble", ["abort", "crash", pytest.param("hang", marks=late_alarm)])
 @pytest.mark.parametrize("who", BODIES)
-def test_a_report_that_crashes_or_hangs_ends_the_daemon(doomed, who, trouble):
+def test_a_report_that_aborts_crashes_or_hangs_ends_the_daemon(doomed, who, trouble):
     doomed.start_daemon(environment=meddled(f"symbols={trouble}"))
     crash_thread(doomed, find_threads(doomed)[who])
     begin = time.monotonic()

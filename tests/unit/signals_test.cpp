@@ -40,7 +40,7 @@ class Signals : public testing::Test {
     int number;
     struct sigaction action;
   };
-  Before before_[4] = {{SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}};
+  Before before_[5] = {{SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}, {SIGABRT, {}}};
 };
 
 void handle(int) {}
@@ -86,14 +86,16 @@ TEST_F(Signals, a_crash_of_a_child_is_not_reported_as_the_daemons) {
   EXPECT_EQ(handler_of(SIGSEGV), SIG_DFL);
 }
 
-TEST_F(Signals, the_time_limit_of_a_crash_report_is_not_the_childrens) {
-  for (const sighandler_t at_start : {SIG_DFL, SIG_IGN}) {
-    signal(SIGALRM, at_start);
-    signals_take_over();
-    EXPECT_EQ(handler_of(SIGALRM), at_start) << "nothing is changed yet";
-    signal(SIGALRM, handle);
-    signals_give_back();
-    EXPECT_EQ(handler_of(SIGALRM), at_start);
+TEST_F(Signals, what_ends_a_crash_report_is_not_the_childrens) {
+  for (const int number : {SIGALRM, SIGABRT}) {
+    for (const sighandler_t at_start : {SIG_DFL, SIG_IGN}) {
+      signal(number, at_start);
+      signals_take_over();
+      EXPECT_EQ(handler_of(number), at_start) << "nothing is changed yet";
+      signal(number, handle);
+      signals_give_back();
+      EXPECT_EQ(handler_of(number), at_start) << number;
+    }
   }
 }
 
