@@ -453,14 +453,21 @@ TEST_F(Stop, without_memory_for_the_event_it_is_answered_false) {
   start({":1", "xhotkey", "PCI"});
   log.forget();
   sent.clear();
+  Lines lines_at_malloc;
   {
     MemoryBook memory;
     memory.fail_malloc(1);
+    const auto book_malloc = fakes.malloc;
+    fakes.malloc = [&](size_t size) {
+      lines_at_malloc = log.lines();
+      return book_malloc(size);
+    };
     EXPECT_EQ(stop({":1", "xhotkey"}), DBUS_HANDLER_RESULT_HANDLED);
   }
   EXPECT_EQ(sent, answered_false);
   EXPECT_EQ(log.lines(),
             (Lines{in_stop("display_num=1, actor_code=7"), in_stop("{DM} Unable to allocate memory")}));
+  EXPECT_EQ(lines_at_malloc, (Lines{in_stop("display_num=1, actor_code=7")})) << "told before";
   const Station* station = context.stations;
   EXPECT_EQ(station->events->next, nullptr);
 }

@@ -411,15 +411,22 @@ TEST_F(ProcMethodStop, the_child_is_not_kept_alive_when_it_is_signalled) {
   claim();
   entry().is_running = 1;
   entry().child_pid = 4711;
+  std::vector<int> kept_alive_at_lines;
+  fakes.time = [&] {  // taken for each line
+    kept_alive_at_lines.push_back(entry().keep_alive);
+    return time_t{1};
+  };
   fakes.kill = [&](pid_t, int) {
     EXPECT_EQ(entry().keep_alive, 0);
     EXPECT_EQ(entry().is_running, 1);
+    EXPECT_EQ(entry().child_pid, 4711);
     EXPECT_EQ(log.lines().size(), 2U);
     calls.push_back("kill");
     return -1;  // not looked at
   };
   stop(2);
   EXPECT_EQ(calls, (Calls{"kill"}));
+  EXPECT_EQ(kept_alive_at_lines, (std::vector<int>{1, 1})) << "told before";
   EXPECT_EQ(entry().is_running, 0);
   EXPECT_EQ(entry().child_pid, 0);
 }

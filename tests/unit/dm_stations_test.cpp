@@ -159,7 +159,15 @@ TEST_F(StartStationThread, without_memory_for_the_record_nothing_is_left) {
 TEST_F(StartStationThread, without_memory_for_the_display_nothing_is_left) {
   MemoryBook memory;
   memory.fail_strdup(1);
+  Lines lines_at_copy;
+  const auto book_strdup = fakes.strdup;
+  fakes.strdup = [&](const char* text) {
+    lines_at_copy = log.lines();
+    return book_strdup(text);
+  };
   EXPECT_EQ(start(5), -1);
+  EXPECT_EQ(lines_at_copy, dm_lines("dm_start_station_thread", {"Start a new station thread for :5"}))
+      << "told before memory is taken";
   EXPECT_EQ(memory.blocks_left(), 0U);
   EXPECT_EQ(created.size(), 0U);
   EXPECT_EQ(listed(), (std::vector<int>{}));
@@ -526,19 +534,25 @@ TEST_F(Worker, it_stays_ready_while_procedures_run) {
                    "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 3, ready 1"}));
 }
 
-TEST_F(Worker, it_becomes_ready_under_the_stations_mutex) {
+TEST_F(Worker, it_says_that_it_starts_and_then_becomes_ready_under_the_stations_mutex) {
   std::atomic<int> ready_at_first_lock{-1};
+  Lines lines_at_first_lock;
   fakes.seen_lock = [&](pthread_mutex_t* mutex) {
     Station* station = context.stations;
     if (!station || mutex != &station->mutex) return;
     int not_seen = -1;
-    ready_at_first_lock.compare_exchange_strong(not_seen, station->ready);
+    if (ready_at_first_lock.compare_exchange_strong(not_seen, station->ready))
+      lines_at_first_lock = log.lines();
   };
   make_station(1);
   Station* station = station_of(1);
   while (station->ready == 0) usleep(500);
   EXPECT_EQ(ready_at_first_lock, 0);
+  EXPECT_EQ(lines_at_first_lock,
+            (Lines{dm_line("dm_start_station_thread", "Start a new station thread for :1"),
+                   dm_line("process_station_events", "Thread for Display 1 started...")}));
   let_workers_rest();
+  fakes.seen_lock = nullptr;
 }
 
 TEST_F(Worker, stations_work_side_by_side) {

@@ -173,6 +173,11 @@ TEST_F(MethodStartThread, a_failed_fork_ends_it_and_is_never_signalled) {
   claim();
   fork_fails = true;
   MemoryBook memory;
+  size_t blocks_at_last_line = 0;
+  fakes.time = [&] {  // taken for each line
+    blocks_at_last_line = memory.blocks_left();
+    return time_t{1};
+  };
   supervise(7);
   EXPECT_EQ(log.lines(),
             thread_lines({"method_start_thread() for actor_code:7, display_num:3",
@@ -183,6 +188,7 @@ TEST_F(MethodStartThread, a_failed_fork_ends_it_and_is_never_signalled) {
   EXPECT_EQ(entry().is_running, 0);
   EXPECT_EQ(entry().child_pid, -1);
   EXPECT_EQ(memory.blocks_left(), 0U) << "the vector is freed";
+  EXPECT_EQ(blocks_at_last_line, 0U) << "before the failure is told";
   stop(7);
   EXPECT_EQ(log.lines().back(), dm_line("proc_method_stop", "{DM} sub process is not running"));
   EXPECT_EQ(calls, (Calls{"fork"})) << "no kill of -1, which would be everybody";
@@ -379,6 +385,20 @@ TEST_F(MethodStartThread, interrupted_waits_are_taken_up_again) {
   on_wait = [&] { entry().keep_alive = 0; };
   supervise(2);
   EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "try", "try", "try", "reap 4711"}));
+}
+
+TEST_F(MethodStartThread, a_wait_that_fails_is_taken_up_again_before_the_child_is_reaped) {
+  claim();
+  const auto wait = fakes.waitid;
+  fakes.waitid = [&, failures = 0](idtype_t type, id_t id, siginfo_t* info, int options) mutable {
+    if (++failures > 1) return wait(type, id, info, options);
+    calls.push_back("fail");
+    errno = EINVAL;
+    return -1;
+  };
+  on_wait = [&] { entry().keep_alive = 0; };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "fail", "wait 4711", "reap 4711"}));
 }
 
 TEST_F(MethodStartThread, a_child_that_somebody_else_reaped_counts_as_dead) {

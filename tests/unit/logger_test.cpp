@@ -295,9 +295,11 @@ TEST_F(LogWrite, a_year_beyond_9999_is_written_whole) {
   CapturedLog log;
   fakes.time = [] { return time_t{253402300800}; };
   log.logger()->write(log.logger(), "the message\n");
+  fakes.time = [] { return time_t{67767976233532799}; };  // the last second whose year fits an int
+  log.logger()->write(log.logger(), "the last\n");
   unsetenv("TZ");
   tzset();
-  EXPECT_EQ(log.text(), "10000-01-01 00:00:00:the message\n");
+  EXPECT_EQ(log.text(), "10000-01-01 00:00:00:the message\n2147483647-12-31 23:59:59:the last\n");
 }
 
 TEST_F(LogWrite, a_second_is_put_into_words_once_by_each_thread) {
