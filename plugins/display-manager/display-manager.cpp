@@ -8,7 +8,8 @@
 // the next event only when that thread has made its first launch or has ended, so that a stop finds the child
 // of the start before it.
 //
-// No thread is joined or detached, and no station is ever removed: what one thread can reach stays valid.
+// No thread is joined or detached, and no station with a worker is ever removed: what one thread can reach
+// stays valid.
 // Nothing here ends an actor but a stop; the process may end at any time.
 #include "plugins/display-manager/display-manager.h"
 
@@ -337,6 +338,7 @@ static pid_t launch(ActorGroup& group, unsigned number, void* stack, char* const
 // the number to nobody else, and a stop that comes later knows that it must not signal it any more.
 static void reap(ActorGroup& group, pid_t child) {
   siginfo_t death;
+  // Whatever else fails it is asked again: a wait behind the lock below must not be a long one.
   while (waitid(P_PID, static_cast<id_t>(child), &death, WEXITED | WNOWAIT) != 0 && errno != ECHILD) {
   }
   const MutexHold hold(group.child_mutex);
@@ -409,7 +411,7 @@ void* method_start_thread(void* thread_start) {
       }
     }
     // The child's number alone does not tell: the system may have given it to the child of a newer thread.
-    if (group.newest != number || (child > 0 && group.child_pid != child)) {
+    if (group.newest != number || group.child_pid != child) {
       log_debug(
           "Another process on the same actor group has been started: %d. Exit from the current thread\n",
           group.child_pid.load());
