@@ -395,11 +395,12 @@ void* method_start_thread(void* thread_start) {
       log_debug("{DM} method_start_thread(): %s\n", *argument);
     }
     const pid_t child = launch(group, number, stack, argv);
-    dm_free_argv(argv);
     if (child < 0) {
       log_debug("{DM} Unable to create child process. Login thread for display %d\n", display_num);
+      dm_free_argv(argv);
       return nullptr;
     }
+    dm_free_argv(argv);
     if (child > 0) {
       log_debug("DISPLAY=:%d, actor_code=%d, child=%d\n", display_num, actor_code, child);
       notice.give();

@@ -188,7 +188,7 @@ TEST_F(MethodStartThread, a_failed_fork_ends_it_and_is_never_signalled) {
   EXPECT_EQ(entry().is_running, 0);
   EXPECT_EQ(entry().child_pid, -1);
   EXPECT_EQ(memory.blocks_left(), 0U) << "the vector is freed";
-  EXPECT_EQ(blocks_at_last_line, 0U) << "before the failure is told";
+  EXPECT_GT(blocks_at_last_line, 0U) << "only when the failure has been told";
   stop(7);
   EXPECT_EQ(log.lines().back(), dm_line("proc_method_stop", "{DM} sub process is not running"));
   EXPECT_EQ(calls, (Calls{"fork"})) << "no kill of -1, which would be everybody";
