@@ -3,9 +3,9 @@
 #pragma once
 
 /**
- * Remembers the signal mask and how SIGCHLD, SIGPIPE, SIGSEGV and SIGALRM stand. Sets SIGCHLD to its default,
- * so that children can be waited for although the daemon was started with SIGCHLD ignored (sigaction(2),
- * waitpid(2)), and unblocks SIGSEGV, so that a crash is reported although it was blocked.
+ * Remembers the signal mask and how SIGCHLD, SIGPIPE, SIGSEGV, SIGALRM and SIGABRT stand. Sets SIGCHLD to
+ * its default, so that children can be waited for although the daemon was started with SIGCHLD ignored
+ * (sigaction(2), waitpid(2)), and unblocks SIGSEGV, so that a crash is reported although it was blocked.
  * Main thread, once, before the bus library (which ignores SIGPIPE), the crash report and any thread.
  */
 void signals_take_over();
