@@ -22,8 +22,8 @@ NO_PROCESS = 999999  # six digits, and far beyond the numbers of a machine that 
 def adopted():
     """Orphans become children of the test runner, so that their end can be seen: adopted() awaits one's status."""
     try:
-        while os.waitpid(-1, os.WNOHANG)[0]:  # what the clean-up of an earlier story ended
-            pass
+        while True:  # all that is left are those whom the clean-up of an earlier story killed
+            os.waitpid(-1, 0)
     except ChildProcessError:
         pass
     libc = ctypes.CDLL(None)
