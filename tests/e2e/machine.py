@@ -169,9 +169,9 @@ class Machine:
 
     # ---- bus and daemon ----
 
-    def start_bus(self, *options):
+    def start_bus(self, *options, path="/run/bus"):
         command = ["dbus-daemon", *(options or ("--session",)), "--nofork", "--print-address=1",
-                   "--address=unix:path=/run/bus"]
+                   f"--address=unix:path={path}"]
         self.bus = subprocess.Popen(command, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL, text=True)
         self.address = self.bus.stdout.readline().strip().split(",")[0]
         assert self.address, "the bus did not start"

@@ -16,7 +16,7 @@ def size(short, long):
     return long if os.environ.get("CORVANE_SOAK") == "1" else short
 
 
-time_limit = pytest.mark.timeout(size(100, 1400))
+time_limit = pytest.mark.timeout(1400)  # for what hangs; a busy machine is no failure
 
 
 def is_32_bit():

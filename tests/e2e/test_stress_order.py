@@ -13,7 +13,7 @@ THREAD_END = "Exit from the current thread\n"
 
 def assert_no_actor_outlived_its_stop(machine, pairs):
     try:
-        wait_count(machine, THREAD_END, pairs, seconds=size(30, 60))
+        wait_count(machine, THREAD_END, pairs)
     finally:
         log = machine.log_text()
         report(f"{pairs} pairs", launched=log.count(", child="), alive=len(machine.children()),
@@ -106,5 +106,5 @@ def test_no_request_sleeps_in_a_queue_when_all_callers_fall_silent(bare):
         sent = [caller.send_all(part) for caller, part in zip(callers, calls)]
         for caller, serials in zip(callers, sent):
             assert caller.replies(serials) == 12 * [(True,)]
-        wait_count(bare, ran, 48, seconds=5)
+        wait_count(bare, ran, 48)
     report(f"{rounds} silences", requests=48 * rounds)
