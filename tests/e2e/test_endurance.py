@@ -3,7 +3,9 @@
 #
 # A thread that is neither joined nor detached leaves its stack behind, so memory grows with each cycle. It must grow
 # evenly, by little, and in few mappings: fork slows with each, and their number is limited. Times are compared with
-# those of a young daemon, cycle by cycle in turns: a machine that gets busier meanwhile slows both alike.
+# those of a young daemon, cycle by cycle in turns: a machine that gets busier meanwhile slows both, though not quite
+# alike. So one of three comparisons must hold the bound: a daemon that has become slow fails them all.
+import collections
 import os
 import statistics
 import time
@@ -15,6 +17,7 @@ from stress import make_stations, report, size, time_limit
 pytestmark = time_limit
 MOST_KIB_A_CYCLE = 13
 MOST_SLOWDOWN = 1.25
+COMPARISONS = 3
 POSSIBLE = 65530 // 2  # of the system's mappings, so that as many cycles again would pass
 CYCLES = size(600, 20000)
 SAMPLE = size(150, 500)  # the last cycles, and a young daemon's first ones: their medians are compared
@@ -36,6 +39,7 @@ class Daemon:
         self.machine = machine
         self.pid = machine.daemon.pid
         self.caller = machine.caller()
+        self.cycles = collections.Counter()
         make_stations(self.caller, 1)
         machine.wait_log("No action needed")
         machine.wait("the worker to be the only thread", lambda: self.status("Threads") == 2)
@@ -54,8 +58,10 @@ class Daemon:
         with open(f"/proc/{self.pid}/maps") as file:
             return sum(1 for _ in file)
 
-    def seconds_of(self, cycle, last_line):
+    def seconds_of(self, what):
         """The time of a cycle up to its last line in the log and the end of its thread."""
+        cycle, last_line = KINDS[what]
+        self.cycles[what] += 1
         begin = time.perf_counter()
         cycle(self.caller)
         seen = ""
@@ -99,7 +105,7 @@ def endure(daemon, what):
     for number in range(CYCLES):
         if number == CYCLES // 2:
             halfway = daemon.status("RssAnon")
-        daemon.seconds_of(*KINDS[what])
+        daemon.seconds_of(what)
     grown = (daemon.status("RssAnon") - memory) / CYCLES
     grown_late = (daemon.status("RssAnon") - halfway) / (CYCLES - CYCLES // 2)
     more_mappings = daemon.mappings() - mapped
@@ -110,14 +116,13 @@ def endure(daemon, what):
     assert more_mappings <= CYCLES // 16 + 8 and more_mappings < POSSIBLE
 
 
-def compare(old, young, what):
-    """Holds the old daemon's next cycles against the young one's first, taken in turns."""
-    times = [(old.seconds_of(*KINDS[what]), young.seconds_of(*KINDS[what])) for _ in range(SAMPLE)]
+def slowdown(old, young, what):
+    """How much longer the old daemon's next cycles take than the young one's, taken in turns."""
+    times = [(old.seconds_of(what), young.seconds_of(what)) for _ in range(SAMPLE)]
     last, first = (1000 * statistics.median(some) for some in zip(*times))
-    report(f"after {CYCLES} times {what}", median_ms=f"{last:.2f}", of_a_young_daemon=f"{first:.2f}",
-           ratio=f"{last / first:.2f}")
-    if size(False, True):  # a short run is no place for a timed test
-        assert last / first <= MOST_SLOWDOWN
+    report(f"after {old.cycles[what] - SAMPLE} times {what}", median_ms=f"{last:.2f}",
+           of_a_young_daemon=f"{first:.2f}", ratio=f"{last / first:.2f}")
+    return last / first
 
 
 @not_under_a_sanitizer("memory and time are its own as well")
@@ -127,12 +132,15 @@ def test_the_last_cycles_cost_what_the_first_ones_did(one_processor, machine):
     for what in KINDS:
         endure(old, what)
         young = young or young_daemon(machine)
-        compare(old, young, what)
+        holds = any(slowdown(old, young, what) <= MOST_SLOWDOWN for _ in range(COMPARISONS))
+        assert holds or size(True, False)  # a short run is no place for a timed test
 
-    for daemon, cycles in ((old, CYCLES + SAMPLE), (young, SAMPLE)):
+    for daemon in (old, young):
         log = daemon.whole_log()
-        assert log.count("keep_alive field is FALSE. Exit from the current thread\n") == cycles
-        assert log.count("No action needed for INIT_STATION. display_num: 0\n") == cycles + 1  # one made the station
+        ends = log.count("keep_alive field is FALSE. Exit from the current thread\n")
+        stations = log.count("No action needed for INIT_STATION. display_num: 0\n")
+        assert ends == daemon.cycles["Start and Stop"]
+        assert stations == daemon.cycles["Start of init-station"] + 1  # one made the station
         assert " ERROR: " not in log and "Unable" not in log and "is not running" not in log
     assert old.caller.start(":0", "local-login") is True
     machine.wait_records(1, "corvane-ls")
