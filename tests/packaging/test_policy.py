@@ -8,10 +8,8 @@
 # two users only, so the files themselves are read, too.
 import json
 import os
-import shutil
 import traceback
 import xml.etree.ElementTree as ElementTree
-from pathlib import Path
 
 import pytest
 from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call, new_signal
@@ -253,9 +251,7 @@ def test_the_file_of_each_plugin_gives_root_what_is_described_and_nobody_else_an
 @pytest.mark.parametrize("whom, is_for_the_stranger", [
     ('context="mandatory"', True), ('context="default"', True), ('user="nobody"', True),
     ('group="audio"', False)])
-def test_a_file_that_gives_more_would_be_noticed(laid_over, installed, whom, is_for_the_stranger):
-    policies = Path("/run/policies")
-    shutil.copytree(installed / "usr/share/dbus-1/system.d", policies)
+def test_a_file_that_gives_more_would_be_noticed(laid_over, installed, policies, whom, is_for_the_stranger):
     more = policies / f"{DUMMY[1]}.conf"
     rule = f'<allow send_destination="{NAME}" send_interface="{DUMMY[1]}"/>'
     text = more.read_text().replace("</busconfig>", f"<policy {whom}>{rule}</policy></busconfig>")
@@ -270,11 +266,9 @@ def test_a_file_that_gives_more_would_be_noticed(laid_over, installed, whom, is_
 
 
 @pytest.mark.parametrize("before, after", [("</busconfig>", ""), ('own="', 'owns="')])
-def test_the_bus_complains_of_a_broken_policy_though_it_runs_on(bare, installed, before, after):
-    policy = installed / "usr/share/dbus-1/system.d/com.corvane.ControlServer.conf"
-    broken = Path("/run/policies") / policy.name
-    broken.parent.mkdir()
-    broken.write_text(policy.read_text().replace(before, after))
-    start_system_bus(bare, broken.parent)
+def test_the_bus_complains_of_a_broken_policy_though_it_runs_on(bare, policies, before, after):
+    broken = policies / "com.corvane.ControlServer.conf"
+    broken.write_text(broken.read_text().replace(before, after))
+    start_system_bus(bare, policies)
 
     assert any("Encountered error" in line and str(broken) in line for line in stop_bus(bare))
