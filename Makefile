@@ -85,10 +85,11 @@ check-packaging-i386: deb-i386
 	tools/bare-debian i386 make check-installed
 	tests/packaging/check-package i386
 
+# With the umask of a new machine, as a package is: everyone can enter the directories.
 check-installed: build-release
 	@tools/install-packages packaging
 	@rm -rf build/installed
-	DESTDIR=$(CURDIR)/build/installed cmake --install build/release --prefix /usr
+	umask 022 && DESTDIR=$(CURDIR)/build/installed cmake --install build/release --prefix /usr
 	CORVANE_BIN=$(CURDIR)/$(daemon) INSTALLED=$(CURDIR)/build/installed PYTHONDONTWRITEBYTECODE=1 \
 	  tools/private-machine /usr/bin/python3 -m pytest -q -p no:cacheprovider --timeout=120 tests/packaging
 
