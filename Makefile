@@ -4,6 +4,12 @@
 presets = release clang debug asan tsan coverage fuzz
 daemon = build/release/cs/corvane-cs
 lints = lint-tidy lint-cppcheck lint-format lint-shell
+# Also in a checkout that is somebody else's.
+git = git -c safe.directory='*'
+
+# A list of files that could not be made is no empty one.
+SHELL = /bin/bash
+.SHELLFLAGS = -o pipefail -c
 
 .PHONY: help demo demo-live check check-i386 check-asan-i386 soak soak-i386 fuzz coverage lint clean \
         bench bench-smoke deb deb-i386 check-installed check-packaging check-packaging-i386 \
@@ -68,7 +74,7 @@ deb = build/deb/$(architecture)
 deb:
 	@tools/install-packages build deb
 	@rm -rf $(deb) && mkdir -p $(deb)/source
-	@git -c safe.directory='*' ls-files -z -co --exclude-standard | \
+	@$(git) ls-files -z -co --exclude-standard | \
 	  tar -c --null --files-from=- --ignore-failed-read | tar -x -C $(deb)/source
 	cd $(deb)/source && dpkg-buildpackage -us -uc >../log 2>&1 || { tail -n 20 ../log; exit 1; }
 	@rm -r $(deb)/source && ls $(deb)/*.*
@@ -121,7 +127,7 @@ lint: $(lints)
 # One process a file: the analysis of a second file in one process takes every va_list for uninitialised.
 lint-tidy: build-clang
 	@tools/install-packages lint
-	git ls-files -co --exclude-standard 'cs/*.cpp' 'common/*.cpp' 'plugins/*.cpp' | xargs -n 1 -P 2 clang-tidy -p build/clang --quiet
+	$(git) ls-files -co --exclude-standard 'cs/*.cpp' 'common/*.cpp' 'plugins/*.cpp' | xargs -n 1 -P 2 clang-tidy -p build/clang --quiet
 
 # cppcheck does not know __VA_OPT__, so that it gets the log's macros as functions of a library of its own,
 # and it takes a placement new for a read.
@@ -133,11 +139,11 @@ lint-cppcheck:
 
 lint-format:
 	@tools/install-packages lint
-	git ls-files -co --exclude-standard '*.cpp' '*.h' '*.c' | xargs clang-format --dry-run -Werror
+	$(git) ls-files -co --exclude-standard '*.cpp' '*.h' '*.c' | xargs clang-format --dry-run -Werror
 
 lint-shell:
 	@tools/install-packages lint
-	git grep --untracked -lE '^#!/bin/(ba)?sh$$' | xargs shellcheck
+	$(git) grep --untracked -lE '^#!/bin/(ba)?sh$$' | xargs shellcheck
 
 clean:
 	rm -rf build
