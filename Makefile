@@ -11,7 +11,7 @@ git = git -c safe.directory='*'
 SHELL = /bin/bash
 .SHELLFLAGS = -o pipefail -c
 
-.PHONY: help demo demo-live check check-i386 check-asan-i386 soak soak-i386 fuzz coverage lint clean \
+.PHONY: help stories whole-machine demo demo-live check check-i386 check-asan-i386 soak soak-i386 fuzz coverage lint clean \
         bench bench-smoke deb deb-i386 check-installed check-packaging check-packaging-i386 \
         $(lints) $(addprefix build-,$(presets)) $(addprefix check-,$(presets))
 
@@ -40,13 +40,13 @@ help:
 demo: pictures = build/demo
 demo-live: pictures = build/demo-live
 demo-live: session = --session
-demo demo-live:
+demo demo-live: stories
 	@tools/install-packages build test demo
-	$(if $(session),@demo/private-displays $(session) . true)
+	$(if $(session),@tools/private-machine --displays . $(session) true)
 	@cmake --preset release --log-level=WARNING
 	cmake --build --preset release --target corvane-cs demo-actors
 	@CORVANE_BIN=$(daemon) CORVANE_ACTORS=build/release/demo \
-	  demo/private-displays $(session) . /usr/bin/python3 -B demo/demo.py $(pictures) $(if $(session),$$DISPLAY)
+	  tools/private-machine --displays . $(session) /usr/bin/python3 demo/demo.py $(pictures) $(if $(session),$$DISPLAY)
 
 check: check-release
 
@@ -61,11 +61,21 @@ $(addprefix build-,$(presets)): build-%:
 	@cmake --preset $* --log-level=WARNING
 	cmake --build --preset $*
 
-$(addprefix check-,$(presets)): check-%: build-%
-	ctest --preset $*
+# The stories of a file are one test for CTest, so their own count comes last.
+$(addprefix check-,$(presets)): check-%: stories build-%
+	@rm -rf build/$*/stories
+	@ctest --preset $* -j $$(tools/check-machine --jobs); passed=$$?; \
+	/usr/bin/python3 tests/support/summary.py build/$*/stories; exit $$passed
+
+# First of all: whether the daemon can run here at all.
+stories:
+	@tools/check-machine stories
+
+whole-machine:
+	@tools/check-machine root namespaces
 
 # The stress tests are short beside the other tests; here they last until something could wear out.
-soak: build-release
+soak: stories build-release
 	CORVANE_SOAK=1 ctest --preset release -L soak
 
 # Made from a copy of what is or could be committed, because it is made in the sources and beside them.
@@ -92,21 +102,22 @@ check-packaging-i386: deb-i386
 	tests/packaging/check-package i386
 
 # With the umask of a new machine, as a package is: everyone can enter the directories.
+check-packaging check-installed: whole-machine
 check-installed: build-release
 	@tools/install-packages packaging
 	@rm -rf build/installed
 	umask 022 && DESTDIR=$(CURDIR)/build/installed cmake --install build/release --prefix /usr
-	CORVANE_BIN=$(CURDIR)/$(daemon) INSTALLED=$(CURDIR)/build/installed PYTHONDONTWRITEBYTECODE=1 \
+	CORVANE_BIN=$(CURDIR)/$(daemon) CORVANE_INSTALLED=$(CURDIR)/build/installed \
 	  tools/private-machine /usr/bin/python3 -m pytest -q -p no:cacheprovider --timeout=120 tests/packaging
 
 # A build of its own, so that `make check` needs none of the libraries that are only compared with.
 bench-smoke: short = --short
-bench bench-smoke:
+bench bench-smoke: stories
 	@tools/install-packages build bench
 	@cmake --preset release -B build/bench/release --log-level=WARNING \
 	  -DCORVANE_BENCH=ON -DCORVANE_TESTS=OFF -DCORVANE_DEMO=OFF
 	cmake --build build/bench/release
-	tools/private-machine /usr/bin/python3 -B bench/bench.py build/bench/release/cs/corvane-cs \
+	tools/private-machine /usr/bin/python3 bench/bench.py build/bench/release/cs/corvane-cs \
 	  build/bench/release/bench build/bench $(short)
 
 SECONDS = 60

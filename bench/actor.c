@@ -6,7 +6,7 @@
 #include <stdint.h>
 #include <sys/syscall.h>
 
-#define PIPE "/run/bench-started"
+#define PIPE "/run/stage/bench-started"
 #define O_WRONLY 1
 #define CLOCK_MONOTONIC 1
 

@@ -62,7 +62,11 @@ def main():
     options = parser.parse_args()
 
     run = Run(options)
-    priority = machine.prepare(run.programs)
+    with machine.stage(run.programs) as priority:
+        measure(run, options, priority)
+
+
+def measure(run, options, priority):
     architecture = "i386" if run.is_32_bit else "amd64"
     processors, load = len(os.sched_getaffinity(0)), os.getloadavg()[0]
     run.results = Results(f"{architecture}, {processors} processors, load {load:.1f}, priority {priority}, "

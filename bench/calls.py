@@ -3,10 +3,12 @@
 import os
 from statistics import median as plain_median
 
-from machine import DAEMON_NAME, DUMMY, LOG, Machine, PING, Target, cpu_nanoseconds, floor_target, lines_of
+from support.place import LOG, NAME
+
+from machine import DUMMY, Machine, PING, Target, cpu_nanoseconds, floor_target, lines_of
 from results import median
 
-ECHO_LOG = "/var/log/echo-log.log"
+ECHO_LOG = "/var/log/corvane-bench-echo.log"
 PREFIX = len("2000-01-01 00:00:00:")
 
 
@@ -37,7 +39,7 @@ def callees(run, machine):
     # The floor with a log has the daemon's own path and interface, so that its lines have the same length.
     log_target = Target("bench.echo_log", *DUMMY.words[1:])
     result = {
-        "daemon": Callee(machine, DUMMY, machine.serve([run.daemon], DAEMON_NAME), log=LOG),
+        "daemon": Callee(machine, DUMMY, machine.serve([run.daemon], NAME), log=LOG),
         "echo with log": Callee(machine, log_target, machine.serve(
             [f"{run.programs}/bench-echo-log", "bench.echo_log", ECHO_LOG], "bench.echo_log"), log=ECHO_LOG),
         "Ping of the bus": Callee(machine, PING, machine.bus, "Ping"),

@@ -6,8 +6,10 @@ import subprocess
 import time
 from collections import Counter
 
+from support.place import LOG, STAGE
+
 from calls import lines_per_call
-from machine import (DUMMY, LOG, Machine, context_switches, floor_target, lines_of, mappings, own_kib,
+from machine import (DUMMY, Machine, context_switches, floor_target, lines_of, mappings, own_kib,
                      private_kib, threads, wait_for)
 from starts import the_daemon
 
@@ -21,7 +23,7 @@ MOST_STATION_KIB = 20
 
 def count_system_calls(machine, pid):
     """System calls of COUNTED_CALLS calls of HelloWorld, by name."""
-    tracer = subprocess.Popen(["strace", "-f", "-o", "/run/trace", "-p", str(pid)],
+    tracer = subprocess.Popen(["strace", "-f", "-o", f"{STAGE}/trace", "-p", str(pid)],
                               stderr=subprocess.DEVNULL)
     wait_for("strace", lambda: not any("TracerPid:\t0\n" in lines_of(f"{thread}/status")
                                        for thread in threads(pid)))
@@ -29,7 +31,7 @@ def count_system_calls(machine, pid):
     time.sleep(0.05)  # until the daemon waits again
     tracer.send_signal(signal.SIGINT)
     tracer.wait()
-    calls = [line.split(None, 1)[1] for line in lines_of("/run/trace")]
+    calls = [line.split(None, 1)[1] for line in lines_of(f"{STAGE}/trace")]
     names = [call.partition("(")[0] for call in calls if not call.startswith("<...")]  # the end of a call
     return Counter("wait" if name in WAITS else name for name in names)
 
@@ -94,7 +96,7 @@ def memory(run):
 
 
 def size(run):
-    subprocess.run(["strip", "-o", "/run/stripped", run.daemon], check=True)
-    kib = os.path.getsize("/run/stripped") / 1024
+    subprocess.run(["strip", "-o", f"{STAGE}/stripped", run.daemon], check=True)
+    kib = os.path.getsize(f"{STAGE}/stripped") / 1024
     run.results.row("executable, stripped", f"{kib:.1f} KiB", bar="at most 64 KiB", met=kib <= 64,
                     gate=kib <= 64)

@@ -13,7 +13,7 @@
 
 #include "bench/load.h"
 
-static constexpr const char* pipe_path = "/run/bench-started";
+static constexpr const char* pipe_path = "/run/stage/bench-started";
 static int started_pipe = -1;
 
 void starts_open() {

@@ -1,22 +1,21 @@
 # SPDX-License-Identifier: MIT
 # machine.py: the machine of a measurement: a bus, the services on it, and what the kernel knows of them.
 #
-# It works only inside tools/private-machine. What is compared runs on one processor with the bus and the
-# load: with more than one, the figures jump between what a wake-up on the same and on another processor
-# costs. Everything is started with a higher priority where that is allowed, so that other work on the machine
-# falls into as few measurements as possible.
+# What is compared runs on one processor with the bus and the load: with more than one, the figures jump
+# between what a wake-up on the same and on another processor costs. Everything is started with a higher
+# priority where that is allowed, so that other work on the machine falls into as few measurements as possible.
 import contextlib
 import glob
 import os
 import re
 import shutil
 import subprocess
-import time
 
-BUS_SOCKET = "/run/bus"
-ACTOR_PROGRAMS = ("corvane-ls", "corvane-pfk", "corvane-x11-put-image", "corvane-xh")
-ACTORS = "/run/actors"
-LOG = "/var/log/corvane-cs.log"
+from support import processes
+from support.bus import start_bus
+from support.place import NAME, PATH, PROGRAMS, STAGE, clear_stage, set_stage
+
+ACTORS = f"{STAGE}/actors/bin"
 PRIORITY = -15
 
 
@@ -30,10 +29,8 @@ class Target:
         return [*self.words, member]
 
 
-DAEMON_NAME = "com.corvane.ControlServer"
-DUMMY = Target(DAEMON_NAME, "/com/corvane/ControlServer/Dummy", f"{DAEMON_NAME}.Dummy")
-DISPLAY_MANAGER = Target(DAEMON_NAME, "/com/corvane/ControlServer/DisplayManager",
-                         f"{DAEMON_NAME}.DisplayManager")
+DUMMY = Target(NAME, f"{PATH}/Dummy", f"{NAME}.Dummy")
+DISPLAY_MANAGER = Target(NAME, f"{PATH}/DisplayManager", f"{NAME}.DisplayManager")
 PING = Target("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer")
 
 
@@ -83,20 +80,8 @@ def mappings(pid):
     return lines_of(f"/proc/{pid}/maps")
 
 
-def is_alive(pid):
-    try:
-        os.kill(pid, 0)
-    except ProcessLookupError:
-        return False
-    return True
-
-
-def wait_for(what, look, seconds=20.0):
-    deadline = time.monotonic() + seconds
-    while not look():
-        if time.monotonic() > deadline:
-            raise SystemExit(f"bench: waited {seconds:g} s in vain for {what}")
-        time.sleep(0.0005)
+def wait_for(what, condition):
+    processes.wait_for(what, condition, pause=0.0005)
 
 
 class Machine:
@@ -107,13 +92,11 @@ class Machine:
         self.processors = sorted(os.sched_getaffinity(0))
         self.one = {self.processors[-1]}
         self.children = []
-        os.environ["DBUS_SESSION_BUS_ADDRESS"] = f"unix:path={BUS_SOCKET}"
 
     def __enter__(self):
         # It says on standard error what it would like to have and can do without, as more descriptors.
-        self.bus = self.start(["dbus-daemon", "--session", "--nofork", "--nopidfile",
-                               f"--address=unix:path={BUS_SOCKET}"], stderr=subprocess.DEVNULL)
-        wait_for("the bus", lambda: os.path.exists(BUS_SOCKET))
+        self.bus, os.environ["DBUS_SESSION_BUS_ADDRESS"] = start_bus(preexec_fn=self.pin, stderr=subprocess.DEVNULL)
+        self.children.append(self.bus)
         self.load = self.start([f"{self.programs}/bench-load"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                text=True)
         return self
@@ -121,11 +104,14 @@ class Machine:
     def __exit__(self, *_):
         for child in reversed(self.children):
             self.end(child)
-        with contextlib.suppress(FileNotFoundError):
-            os.unlink(BUS_SOCKET)
+        processes.kill_descendants()
+        processes.reap_orphans()
+
+    def pin(self):
+        os.sched_setaffinity(0, self.one)
 
     def start(self, command, **options):
-        child = subprocess.Popen(command, preexec_fn=lambda: os.sched_setaffinity(0, self.one), **options)
+        child = subprocess.Popen(command, preexec_fn=self.pin, **options)
         self.children.append(child)
         return child
 
@@ -156,12 +142,20 @@ class Machine:
                 os.sched_setaffinity(int(os.path.basename(thread)), self.processors)
 
 
-def prepare(programs):
-    """Once: the actors on the path, and a higher priority. Returns the priority that was allowed."""
-    os.mkdir(ACTORS)
-    for program in ACTOR_PROGRAMS:
+@contextlib.contextmanager
+def stage(programs):
+    """Everything that the measurements need and leave: the actors on the path, and a higher priority.
+
+    Gives the priority that was allowed.
+    """
+    processes.adopt_orphans()
+    set_stage()
+    for program in PROGRAMS:
         shutil.copy(f"{programs}/bench-actor", f"{ACTORS}/{program}")
     os.environ["PATH"] = f"{ACTORS}:{os.environ['PATH']}"
     with contextlib.suppress(PermissionError):
         os.setpriority(os.PRIO_PROCESS, 0, PRIORITY)
-    return os.getpriority(os.PRIO_PROCESS, 0)
+    try:
+        yield os.getpriority(os.PRIO_PROCESS, 0)
+    finally:
+        clear_stage()

@@ -5,8 +5,11 @@ import shutil
 import statistics
 import time
 
+from support.place import NAME
+from support.processes import stat_of
+
 import supervisors
-from machine import DAEMON_NAME, DISPLAY_MANAGER, DUMMY, Machine, floor_target, is_alive, wait_for
+from machine import DISPLAY_MANAGER, DUMMY, Machine, floor_target, wait_for
 from results import median
 
 FLOOR = "two-thread fork"
@@ -31,7 +34,7 @@ class Starter:
         """Ends the actor and waits until its starter has seen that."""
         self.machine.ask("call", *self.target("Stop"), display, actor)
         pid = self.actors.pop(display)
-        wait_for(f"the end of {pid}", lambda: not is_alive(pid))
+        wait_for(f"the end of {pid}", lambda: stat_of(pid) is None)
         time.sleep(0.001)
 
     def fill(self, stations):
@@ -44,7 +47,7 @@ class Starter:
 
 
 def the_daemon(run, machine, **options):
-    return Starter(machine, DISPLAY_MANAGER, machine.serve([run.daemon], DAEMON_NAME, **options))
+    return Starter(machine, DISPLAY_MANAGER, machine.serve([run.daemon], NAME, **options))
 
 
 def the_floor(run, machine):

@@ -11,6 +11,9 @@ import time
 import xmlrpc.client
 from pathlib import Path
 
+from support.place import STAGE
+from support.processes import children_of
+
 from machine import ACTORS, private_kib, wait_for
 
 ACTOR = f"{ACTORS}/corvane-ls"
@@ -21,12 +24,12 @@ class Directories:
 
     def __init__(self, machine, services):
         self.machine = machine
-        self.directories = [f"/run/{self.name}/{number}" for number in range(services)]
+        self.directories = [f"{STAGE}/{self.name}/{number}" for number in range(services)]
         for directory in self.directories:
             os.makedirs(directory)
             os.symlink(ACTOR, f"{directory}/run")
             Path(f"{directory}/down").touch()  # so that it waits to be asked
-        self.watcher = machine.start([*self.command, f"/run/{self.name}"])
+        self.watcher = machine.start([*self.command, f"{STAGE}/{self.name}"])
         for directory in self.directories:
             pipe = f"{directory}/supervise/{self.pipe}"
             wait_for(pipe, lambda: os.path.exists(pipe))
@@ -63,24 +66,30 @@ class UnixTransport(xmlrpc.client.Transport):
 
 
 class Supervisor:
-    SOCKET = "/run/supervisor.sock"
+    SOCKET = f"{STAGE}/supervisor.sock"
     name, program = "supervisor", "supervisord"
 
     def __init__(self, machine, services):
         self.machine, self.services = machine, services
-        with open("/run/supervisor.conf", "w") as file:
+        with open(f"{STAGE}/supervisor.conf", "w") as file:
             file.write(f"[unix_http_server]\nfile={self.SOCKET}\n"
                        "[supervisord]\nnodaemon=true\nlogfile=/dev/null\nlogfile_maxbytes=0\n"
-                       "pidfile=/run/supervisor.pid\n"
+                       f"pidfile={STAGE}/supervisor.pid\n"
                        "[rpcinterface:supervisor]\n"
                        "supervisor.rpcinterface_factory=supervisor.rpcinterface:make_main_rpcinterface\n")
             for number in range(services):
                 file.write(f"[program:a{number}]\ncommand={ACTOR}\nautostart=false\nstartsecs=0\n")
-        self.process = machine.start(["supervisord", "-c", "/run/supervisor.conf"], stdout=subprocess.DEVNULL)
-        wait_for("supervisor", lambda: os.path.exists(self.SOCKET))
+        self.process = machine.start(["supervisord", "-c", f"{STAGE}/supervisor.conf"], stdout=subprocess.DEVNULL)
         self.server = xmlrpc.client.ServerProxy("http://localhost", transport=UnixTransport())
-        self.server.supervisor.getState()
+        wait_for("supervisor", self.answers)
         self.idle = private_kib(self.process.pid)
+
+    def answers(self):
+        """Whether it listens already: its socket can be there before."""
+        try:
+            return self.server.supervisor.getState()
+        except (ConnectionRefusedError, FileNotFoundError):
+            return None
 
     def start(self, turn):
         begin = time.monotonic_ns()
@@ -89,11 +98,6 @@ class Supervisor:
 
     def private_kib(self):
         return self.idle, (private_kib(self.process.pid) - self.idle) / self.services
-
-
-def children_of(pid):
-    with open(f"/proc/{pid}/task/{pid}/children") as file:
-        return file.read().split()
 
 
 ALL = (S6, Runit, Supervisor)

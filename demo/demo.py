@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: MIT
 # demo.py: shows the main job of the daemon to a newcomer: on the terminal, in pictures and on a page.
 #
-# It tells the story of story.py. Run it through private-displays; it writes the picture of each stage, all
+# It tells the story of story.py. Run it through tools/private-machine --displays; it writes the picture of each stage, all
 # of them in one (stations.png) and a page that lays pictures and log beside each other (index.html).
 #
 # usage: demo.py DIRECTORY [SESSION]    SESSION: the display on which the stations are windows, for watching
@@ -16,8 +16,8 @@ from PIL import Image, ImageDraw
 
 from Xlib import error
 
-from displays import Stations, font
-from story import Story
+from support.displays import Stations, font
+from support.story import Story
 
 DESK, FRAME, PAPER, TEXT, FAINT = "#d9dee7", "#20242c", "#ffffff", "#222a38", "#5b6575"
 TIME_TO_WATCH = 3.0  # seconds a stage, for who watches the stations' windows
@@ -98,19 +98,28 @@ def picture_name(place):
 def main(directory, session=None):
     directory = Path(directory)
     directory.mkdir(parents=True, exist_ok=True)
+    stations = Stations(session)
+    try:
+        stages = show(stations, directory, TIME_TO_WATCH if session else 0)
+    finally:
+        stations.clean()
+    storyboard(stages).quantize(64).save(directory / "stations.png", optimize=True)
+    (directory / "index.html").write_text(page(stages))
+    print(f"\nThe demo showed all that it told. Pictures and log, side by side: {directory}/index.html")
+
+
+def show(stations, directory, time_to_watch):
+    """Prints each stage as it comes, and saves its pictures; returns all stages."""
     stages = []
-    for stage in Story(Stations(session)).stages():
+    for stage in Story(stations).stages():
         stages.append(stage)
         print(f"\n== {len(stages)}. {stage.title}")
         for call in stage.calls:
             print(f"   {call}")
         print(textwrap.fill(stage.text, 100, initial_indent="   ", subsequent_indent="   "), flush=True)
         side_by_side(stage.pictures).quantize(64).save(directory / picture_name(len(stages)), optimize=True)
-        if session:
-            time.sleep(TIME_TO_WATCH)
-    storyboard(stages).quantize(64).save(directory / "stations.png", optimize=True)
-    (directory / "index.html").write_text(page(stages))
-    print(f"\nThe demo showed all that it told. Pictures and log, side by side: {directory}/index.html")
+        time.sleep(time_to_watch)
+    return stages
 
 
 try:

@@ -1,21 +1,3 @@
 # SPDX-License-Identifier: MIT
-# conftest.py: hands a clean machine to every story.
-import pytest
-
-from machine import Machine
-
-
-@pytest.fixture
-def bare():
-    """A clean machine on which nothing runs yet."""
-    machine = Machine()
-    yield machine
-    machine.clean()
-
-
-@pytest.fixture
-def machine(bare):
-    """A machine with a bus and a daemon that serves it."""
-    bare.start_bus()
-    bare.start_daemon()
-    return bare
+# conftest.py: the fixtures that every story of this folder may use.
+from support.fixtures import bare, machine  # noqa: F401: pytest finds them here

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 // faults.c: preloaded into the daemon, makes one of its calls fail, wait or crash when a story says so.
 //
-// A story writes "N" or "N COUNT" into /run/faults/CALL: the N-th CALL from then on fails, and so do the
+// A story writes "N" or "N COUNT" into /run/stage/faults/CALL: the N-th CALL from then on fails, and so do the
 // COUNT - 1 behind it; the file is gone with the last of them. 0 stands for "the next one waits until
-// /run/faults/CALL.held is removed", -N for "the N-th one writes through a null pointer". CALL is
+// /run/stage/faults/CALL.held is removed", -N for "the N-th one writes through a null pointer". CALL is
 //   memory           malloc, calloc and strdup, called by the executable itself and not by a library
 //   library_memory   malloc, calloc and realloc, called by a library
 //   wait             waitpid or waitid, which then only waits or crashes; failing, they go by their own names
 //   NAME             the function NAME below
-// While /run/faults/short_pauses exists, sleep(3) takes a few milliseconds. The actors are spared all this,
+// While /run/stage/faults/short_pauses exists, sleep(3) takes a few milliseconds. The actors are spared all this,
 // and so is what happens before the daemon's first own step: a sanitizer makes its preparations there.
 #include <dlfcn.h>
 #include <errno.h>
@@ -77,8 +77,8 @@ static int fails(const char* call) {
   char path[64];
   char held[64];
   char text[32] = "";
-  snprintf(path, sizeof path, "/run/faults/%s", call);
-  snprintf(held, sizeof held, "/run/faults/%s.held", call);
+  snprintf(path, sizeof path, "/run/stage/faults/%s", call);
+  snprintf(held, sizeof held, "/run/stage/faults/%s.held", call);
   if (!has_begun || access(path, F_OK) != 0) return 0;
 
   pthread_mutex_lock(&mutex);
@@ -186,7 +186,7 @@ int kill(pid_t pid, int number) {
 
 unsigned sleep(unsigned seconds) {
   fails("sleep");
-  if (access("/run/faults/short_pauses", F_OK) != 0) return REAL(sleep)(seconds);
+  if (access("/run/stage/faults/short_pauses", F_OK) != 0) return REAL(sleep)(seconds);
   usleep(5000);
   return 0;
 }

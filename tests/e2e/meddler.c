@@ -9,28 +9,28 @@
 //   select=other              the first wait ends with something ready that was not asked for
 //   select=late               when the first wait is over, there is one more readable watch, of a
 //                             connection of its own
-//                             With any of them each new kind of wait is written into /run/waits, /run/wait.N
-//                             is made at the N-th wait, up to the third, and /run/handled when a watch is
+//                             With any of them each new kind of wait is written into /run/stage/waits, /run/stage/wait.N
+//                             is made at the N-th wait, up to the third, and /run/stage/handled when a watch is
 //                             handled.
 //   connect=narrow            sockets hold a few messages only until the other side reads
 //   get=nothing               there is no connection and no error
 //   get=prepared              there is none unless the bus library was prepared for threads before
-//   get=gate                  /run/gate is made before, and waited for until it is gone
+//   get=gate                  /run/stage/gate is made before, and waited for until it is gone
 //   set_watch_functions=fail
 //   set_watch_functions=none  they are taken, and no watch is ever added
 //   request_name=gate         the same before the name is asked for
 //   register_object_path=N    the N-th fails
-//   register_object_path=try  the functions given are written into /run/functions, and that for the end
+//   register_object_path=try  the functions given are written into /run/stage/functions, and that for the end
 //                             is called
 //   send=N                    the first N messages cannot be sent
-//   fflush=hold               /run/held is made by the first thread but the main one that flushes a stream,
+//   fflush=hold               /run/stage/held is made by the first thread but the main one that flushes a stream,
 //                             and the stream stays locked by it
 //   usleep=short              short pauses take no time to speak of
-//   unlink=gate               /run/gate is made before a file is removed, and waited for until it is gone
+//   unlink=gate               /run/stage/gate is made before a file is removed, and waited for until it is gone
 //   symbols=abort             what writes the frames of a crash report aborts
 //   symbols=crash             it writes through a null pointer
 //   symbols=hang              it never comes back
-//   exit=told                 /run/exit is made when the handlers of an orderly exit run
+//   exit=told                 /run/stage/exit is made when the handlers of an orderly exit run
 #include <dbus/dbus.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -75,8 +75,8 @@ static void make(const char* path) {
 }
 
 static void gate(void) {
-  make("/run/gate");
-  while (access("/run/gate", F_OK) == 0) usleep(1000);
+  make("/run/stage/gate");
+  while (access("/run/stage/gate", F_OK) == 0) usleep(1000);
 }
 
 static void append(const char* path, const char* text) {
@@ -112,9 +112,9 @@ static void tell_wait(int count, const fd_set* readable, int others, int nth) {
     if (FD_ISSET(bit, readable)) length += snprintf(text + length, sizeof text - (size_t)length, " %d", bit);
   }
   snprintf(text + length, sizeof text - (size_t)length, "\n");
-  if (strcmp(text, told) != 0) append("/run/waits", strcpy(told, text));
+  if (strcmp(text, told) != 0) append("/run/stage/waits", strcpy(told, text));
   char path[32];
-  snprintf(path, sizeof path, "/run/wait.%d", nth);
+  snprintf(path, sizeof path, "/run/stage/wait.%d", nth);
   if (nth <= 3) make(path);
 }
 
@@ -142,7 +142,7 @@ int SELECT(int count, fd_set* readable, fd_set* writable, fd_set* other, struct 
 }
 
 dbus_bool_t dbus_watch_handle(DBusWatch* watch, unsigned flags) {
-  if (how("select")) make("/run/handled");
+  if (how("select")) make("/run/stage/handled");
   return REAL(dbus_bool_t(*)(DBusWatch*, unsigned), dbus_watch_handle)(watch, flags);
 }
 
@@ -195,7 +195,7 @@ dbus_bool_t dbus_connection_register_object_path(DBusConnection* connection, con
              table->message_function != NULL,
              table->dbus_internal_pad1 || table->dbus_internal_pad2 || table->dbus_internal_pad3 ||
                  table->dbus_internal_pad4);
-    append("/run/functions", text);
+    append("/run/stage/functions", text);
     table->unregister_function(connection, data);
   }
   if (word && ++calls == atoi(word)) return FALSE;
@@ -213,7 +213,7 @@ dbus_bool_t dbus_connection_send(DBusConnection* connection, DBusMessage* messag
 
 int fflush(FILE* stream) {
   if (how("fflush") && gettid() != getpid()) {
-    make("/run/held");
+    make("/run/stage/held");
     for (;;) pause();
   }
   return REAL(int (*)(FILE*), fflush)(stream);
@@ -238,5 +238,5 @@ void backtrace_symbols_fd(void* const* frames, int count, int file) {
 }
 
 __attribute__((destructor)) static void at_exit(void) {
-  if (how("exit")) make("/run/exit");
+  if (how("exit")) make("/run/stage/exit");
 }

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // stand-in.c: stands in for every actor program and writes down how it was started.
 //
-// Writes /run/actors/records/PID.json (complete from the moment it exists): argv, parent, session, working
+// Writes /run/stage/actors/records/PID.json (complete from the moment it exists): argv, parent, session, working
 // directory, environment, open descriptors, blocked, ignored and caught signals. Then it does what
-// /run/actors/behaviour/PROGRAM says, or stays until it is killed. It is C and not a script, because a shell
+// /run/stage/actors/behaviour/PROGRAM says, or stays until it is killed. It is C and not a script, because a shell
 // changes the signals, descriptors and environment that it would report.
 #include <dirent.h>
 #include <errno.h>
@@ -85,8 +85,8 @@ static void record(char** argv) {
   clock_gettime(CLOCK_MONOTONIC, &now);
   char draft[64];
   char final[64];
-  snprintf(draft, sizeof draft, "/run/actors/records/.%d", getpid());
-  snprintf(final, sizeof final, "/run/actors/records/%d.json", getpid());
+  snprintf(draft, sizeof draft, "/run/stage/actors/records/.%d", getpid());
+  snprintf(final, sizeof final, "/run/stage/actors/records/%d.json", getpid());
   FILE* out = fopen(draft, "w");
   if (!out) exit(111);
   fprintf(out, "{\"pid\": %d, \"parent\": %d, \"session\": %d, \"started\": %lld.%09ld,\n", getpid(),
@@ -111,7 +111,7 @@ int main(int argc, char** argv) {
   const char* slash = strrchr(argv[0], '/');
   const char* program = slash ? slash + 1 : argv[0];
   char path[256];
-  snprintf(path, sizeof path, "/run/actors/behaviour/%s", program);
+  snprintf(path, sizeof path, "/run/stage/actors/behaviour/%s", program);
   char behaviour[64] = "stay";
   FILE* in = fopen(path, "r");
   if (in) {
@@ -124,7 +124,7 @@ int main(int argc, char** argv) {
   if (strcmp(behaviour, "ignore-term") == 0) {
     record(argv);  // as it was started: before it changes anything
     signal(SIGTERM, SIG_IGN);
-    snprintf(path, sizeof path, "/run/actors/records/%d.deaf", getpid());
+    snprintf(path, sizeof path, "/run/stage/actors/records/%d.deaf", getpid());
     fclose(fopen(path, "w"));
     stay();
   }

@@ -4,10 +4,10 @@
 //
 // STORM_SEED starts the random numbers, STORM_DELAYS says how many calls in a thousand come late (by up to 2
 // ms) and STORM_FAULTS how many fail. The main thread is never late: it is to meet the others where they are.
-// While /run/storm/no-forks exists every fork fails; the thread's next line of the log then comes 50 ms late,
-// and /run/storm/failed-forks grows by a byte before.
+// While /run/stage/storm/no-forks exists every fork fails; the thread's next line of the log then comes 50 ms late,
+// and /run/stage/storm/failed-forks grows by a byte before.
 //
-// /run/storm/kills gets one line for each kill(2): pid, signal, and whether the pid was a child that had not
+// /run/stage/storm/kills gets one line for each kill(2): pid, signal, and whether the pid was a child that had not
 // been reaped ("child") or anybody else ("stranger"), who is spared. The actors know nothing of all this.
 #include <dlfcn.h>
 #include <errno.h>
@@ -89,13 +89,13 @@ int kill(pid_t pid, int sig) {
   siginfo_t death;
   maybe_late();
   int is_child = pid > 0 && REAL(waitid)(P_PID, (id_t)pid, &death, WEXITED | WNOHANG | WNOWAIT) == 0;
-  note("/run/storm/kills", "%d %d %s\n", pid, sig, is_child ? "child" : "stranger");
+  note("/run/stage/storm/kills", "%d %d %s\n", pid, sig, is_child ? "child" : "stranger");
   return is_child ? REAL(kill)(pid, sig) : 0;
 }
 
 pid_t fork(void) {
-  if (access("/run/storm/no-forks", F_OK) == 0) {
-    note("/run/storm/failed-forks", ".");
+  if (access("/run/stage/storm/no-forks", F_OK) == 0) {
+    note("/run/stage/storm/failed-forks", ".");
     next_line_is_late = 1;
     errno = EAGAIN;
     return -1;

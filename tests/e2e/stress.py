@@ -4,9 +4,11 @@ import os
 import random
 
 import pytest
-from machine import DAEMON, plugin_call
 
-STORM = os.environ.get("STORM")
+from support.callers import plugin_call
+from support.machine import DAEMON
+
+STORM = os.environ.get("CORVANE_STORM")
 SEED = 20260817
 GROUPS = {"local-login": 1, "press-fkey": 2, "xhotkey": 3}  # one actor of each group that runs a program
 
@@ -38,7 +40,7 @@ def chance():
 def start_in_storm(machine, delays=0, faults=0):
     """Starts bus and daemon, with so many calls in a thousand late or failing; see storm.c."""
     report("storm", seed=SEED, delays=f"{delays}/1000", faults=f"{faults}/1000")
-    os.mkdir("/run/storm")
+    os.mkdir("/run/stage/storm")
     machine.start_bus()
     machine.start_daemon(environment={"LD_PRELOAD": STORM, "STORM_SEED": str(SEED), "STORM_DELAYS": str(delays),
                                       "STORM_FAULTS": str(faults)})

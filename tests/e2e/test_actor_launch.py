@@ -5,7 +5,9 @@ import signal
 import subprocess
 
 import pytest
-from machine import LOG, PID_FILE, STAND_IN
+
+from support.machine import STAND_IN
+from support.place import LOG, PID_FILE
 from transcript import launch, now, transcript
 
 ARGUMENTS = {  # of each actor: code, and the arguments on display 3
@@ -154,28 +156,28 @@ def test_a_daemon_started_with_one_of_its_own_signals_ignored_hands_on_that_one_
 
 
 def test_a_program_is_looked_up_on_the_search_path_and_one_that_is_not_executable_is_passed_over(bare):
-    os.mkdir("/run/first")
-    with open("/run/first/corvane-xh", "w") as file:
+    os.mkdir("/run/stage/first")
+    with open("/run/stage/first/corvane-xh", "w") as file:
         file.write("not executable")
     bare.start_bus()
-    bare.start_daemon(environment={"PATH": "/run/first:/run/actors/bin"})
+    bare.start_daemon(environment={"PATH": "/run/stage/first:/run/stage/actors/bin"})
     assert bare.caller().start(":1", "xhotkey") is True
     assert bare.wait_records(1)[0].argv == ["corvane-xh", "-display", ":1"]
 
 
 def test_a_script_without_an_interpreter_line_is_run_by_the_shell(machine):
     machine.remove("corvane-xh")
-    with open("/run/actors/bin/corvane-xh", "w") as file:
-        file.write('echo "$@" > /run/actors/script\nexec sleep 600\n')
-    os.chmod("/run/actors/bin/corvane-xh", 0o755)
+    with open("/run/stage/actors/bin/corvane-xh", "w") as file:
+        file.write('echo "$@" > /run/stage/actors/script\nexec sleep 600\n')
+    os.chmod("/run/stage/actors/bin/corvane-xh", 0o755)
     caller = machine.caller()
     assert caller.start(":1", "xhotkey") is True
 
     def written():
-        with open("/run/actors/script") as file:
+        with open("/run/stage/actors/script") as file:
             return file.read()
 
-    machine.wait("the script", lambda: os.path.exists("/run/actors/script") and written())
+    machine.wait("the script", lambda: os.path.exists("/run/stage/actors/script") and written())
     assert written() == "-display :1\n"
     (child,) = machine.children()
     assert caller.stop(":1", "xhotkey") is True
@@ -197,12 +199,12 @@ def test_a_program_that_is_missing_is_tried_again_until_it_is_there(machine):
 
 def test_a_program_that_is_not_executable_is_tried_again_until_it_is(machine):
     machine.remove("corvane-xh")
-    with open(STAND_IN, "rb") as source, open("/run/actors/bin/corvane-xh", "wb") as copy:
+    with open(STAND_IN, "rb") as source, open("/run/stage/actors/bin/corvane-xh", "wb") as copy:
         copy.write(source.read())
     caller = machine.caller()
     assert caller.start(":1", "xhotkey") is True
     machine.wait_log("Child process died")
-    os.chmod("/run/actors/bin/corvane-xh", 0o755)
+    os.chmod("/run/stage/actors/bin/corvane-xh", 0o755)
     assert machine.wait_records(1)[0].argv == ["corvane-xh", "-display", ":1"]
 
 

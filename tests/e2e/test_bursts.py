@@ -6,7 +6,9 @@ import signal
 import time
 
 import pytest
-from machine import plugin_call, process_state
+
+from support.callers import plugin_call
+from support.processes import descendants, process_state
 
 MOST_SECONDS_OF_A_REPLY = 0.5  # far below any wait of the daemon's, far above what a loaded machine adds
 
@@ -94,12 +96,12 @@ def test_an_actor_that_daemonises_counts_as_dead_and_is_out_of_a_stops_reach(mac
         with open(f"/proc/{machine.daemon.pid}/stat") as file:
             session = file.read().rpartition(")")[2].split()[3]
         found = []
-        for entry in os.listdir("/proc"):
+        for pid in descendants():
             with contextlib.suppress(OSError):
-                with open(f"/proc/{entry}/stat") as file:
+                with open(f"/proc/{pid}/stat") as file:
                     name, _, rest = file.read().partition("(")[2].rpartition(")")
                 if name == "corvane-xh" and rest.split()[3] != session and rest.split()[0] == "S":
-                    found.append(int(entry))
+                    found.append(pid)
         return found
 
     assert len(machine.wait("a daemon of the actor's", away)) == 1

@@ -6,7 +6,10 @@ import signal
 
 import pytest
 from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
-from machine import NAME, PATH, CallFailed, meddled, plugin_call
+
+from support.callers import CallFailed, plugin_call
+from support.machine import meddled
+from support.place import NAME, PATH
 
 BEGIN = [
     "cs/corvane-cs.cpp main: Initialize DBus connection and Watches ...",
@@ -75,7 +78,7 @@ def hello_to(caller, owner):
 @pytest.mark.parametrize("address, reason", [
     ("", "Unable to autolaunch a dbus-daemon without a $DISPLAY for X11"),
     ("garbage", "Address does not contain a colon"),
-    ("unix:path=/run/nothing", "Failed to connect to socket /run/nothing: No such file or directory"),
+    ("unix:path=/run/stage/nothing", "Failed to connect to socket /run/stage/nothing: No such file or directory"),
     ("pigeon:coop=3", "Could not parse server address: Unknown address type "
                       '(examples of valid types are "tcp" and on UNIX "unix")'),
 ])
@@ -130,7 +133,7 @@ def test_an_object_that_cannot_be_registered_is_given_up(bare, nth, objects):
 def test_both_objects_are_registered_with_the_same_functions(bare):
     bare.start_bus()
     bare.start_daemon(environment=meddled("register_object_path=try"))
-    with open("/run/functions") as file:
+    with open("/run/stage/functions") as file:
         first, second = file.readlines()
     assert first == second
     # The functions for the end and for messages are there, and nothing is in the four places behind them.
@@ -143,11 +146,11 @@ def test_both_objects_are_registered_with_the_same_functions(bare):
 
 
 def test_a_name_that_the_bus_refuses_is_given_up(bare):
-    with open("/run/bus.conf", "w") as file:
-        file.write('<busconfig><type>session</type><listen>unix:path=/run/bus</listen><policy context="default">'
+    with open("/run/stage/bus.conf", "w") as file:
+        file.write('<busconfig><type>session</type><listen>unix:path=/run/stage/bus</listen><policy context="default">'
                    '<allow user="*"/><allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/>'
                    f'<deny own="{NAME}"/></policy></busconfig>')
-    bare.start_bus("--config-file=/run/bus.conf")
+    bare.start_bus("--config-file=/run/stage/bus.conf")
     assert_given_up(bare.launch(), bare, BEGIN + [CONNECTED] + WATCHED + [
         'cs/bus.cpp ccs_request_service_name: {EE} dbus_bus_request_name(): Connection ":1.0" is not allowed to own '
         'the service "com.corvane.ControlServer" due to security policies in the configuration file'])
@@ -204,14 +207,14 @@ def test_calls_that_arrive_during_the_start_are_all_served_and_wait_for_no_other
     caller = bare.caller()
     known = set(ask_bus(caller, "ListNames"))
     daemon = bare.daemon = bare.launch(environment=meddled("request_name=gate"))
-    bare.wait("the daemon to ask for its name", lambda: os.path.exists("/run/gate"))
+    bare.wait("the daemon to ask for its name", lambda: os.path.exists("/run/stage/gate"))
     (unique,) = set(ask_bus(caller, "ListNames")) - known
     message = plugin_call("Dummy", "HelloWorld")
     message.header.fields[HeaderFields.destination] = unique
     for _ in range(12):
         caller.send(message)
     ask_bus(caller, "GetId")  # the bus has passed the calls on
-    os.unlink("/run/gate")
+    os.unlink("/run/stage/gate")
     answers = []
     while len(answers) < 12:
         reply = caller.connection.receive(timeout=10)
@@ -232,11 +235,11 @@ def test_an_interrupted_wait_is_logged_and_waited_again(bare):
 
 
 def wait_for_wait(machine, nth):
-    machine.wait(f"the daemon to wait for the {nth}th time", lambda: os.path.exists(f"/run/wait.{nth}"))
+    machine.wait(f"the daemon to wait for the {nth}th time", lambda: os.path.exists(f"/run/stage/wait.{nth}"))
 
 
 def waits():
-    with open("/run/waits") as file:
+    with open("/run/stage/waits") as file:
         return file.read()
 
 
@@ -244,7 +247,7 @@ def test_a_wait_for_nothing_is_logged_and_waited_again(bare):
     bare.start_bus()
     bare.start_daemon(environment=meddled("select=nothing"))
     wait_for_wait(bare, 2)
-    assert not os.path.exists("/run/handled")
+    assert not os.path.exists("/run/stage/handled")
     assert bare.told()[-1] == INTERRUPTED
     assert bare.caller().hello() == "How are you?"
     assert bare.told().count(INTERRUPTED) == 1
@@ -254,10 +257,10 @@ def test_a_wait_that_ends_for_another_descriptor_is_waited_again_without_a_word(
     bare.start_bus()
     bare.start_daemon(environment=meddled("select=other"))
     wait_for_wait(bare, 2)
-    assert not os.path.exists("/run/handled")
+    assert not os.path.exists("/run/stage/handled")
     assert bare.told()[-1] == "cs/corvane-cs.cpp main: Start mainloop ..."
     assert bare.caller().hello() == "How are you?"
-    assert os.path.exists("/run/handled")
+    assert os.path.exists("/run/stage/handled")
 
 
 def test_a_wait_is_for_one_readable_descriptor_and_for_nothing_else(bare):
@@ -280,7 +283,7 @@ def test_a_readable_watch_that_comes_late_is_kept_but_neither_waited_for_nor_han
     _, late = bare.wait_log(r"READ Watch on fd (\d+)$", 2)
     assert int(late[1]) > 4
     assert waits() == "count 5, 0 other arguments, bits 4\n"
-    assert not os.path.exists("/run/handled")
+    assert not os.path.exists("/run/stage/handled")
     assert "HelloWorld" not in bare.log_text()
     assert INTERRUPTED not in bare.told()
 

@@ -12,7 +12,10 @@ import time
 
 import pytest
 from jeepney import Endianness, Header, HeaderFields, Message, MessageFlag, MessageType, Parser
-from machine import CallFailed, plugin_call, process_state
+
+from support.callers import CallFailed, plugin_call
+from support.machine import FAULTS
+from support.processes import process_state
 from stress import chance, report, size, start_call, stop_call
 
 SECONDS = 5
@@ -120,13 +123,13 @@ class Losses:
         wait_service(self.machine)
         self.machine.bus.terminate()
         self.machine.bus.wait()
-        assert not os.path.exists("/run/bus")
+        assert not os.path.exists("/run/stage/bus")
 
     def socket_removed(self):
         """Nobody finds the bus any more; the connection that the daemon has goes on until the bus ends."""
         self.start()
         caller = wait_service(self.machine)
-        os.unlink("/run/bus")
+        os.unlink("/run/stage/bus")
         assert caller.hello() == "How are you?"
         self.kill_bus()
 
@@ -147,7 +150,7 @@ def test_a_bus_that_is_lost_at_any_moment_ends_the_daemon_and_the_next_one_serve
         forget_callers(bare)
         for record in bare.running():
             os.kill(record.pid, signal.SIGKILL)
-        for path in glob.glob("/run/actors/records/*"):
+        for path in glob.glob("/run/stage/actors/records/*"):
             os.unlink(path)
     losses.start()
     assert wait_service(bare).start(":1", "xhotkey") is True
@@ -192,16 +195,16 @@ def test_a_bus_that_is_lost_while_actors_run_and_die_ends_the_daemon_and_leaves_
 def test_a_bus_that_is_lost_while_memory_is_short_ends_the_daemon(bare):
     for count in size((1, 3, 10), range(1, 41)):
         bare.start_bus()
-        os.makedirs("/run/faults", exist_ok=True)
-        bare.start_daemon(environment={"LD_PRELOAD": os.environ["FAULTS"]})
+        os.makedirs("/run/stage/faults", exist_ok=True)
+        bare.start_daemon(environment={"LD_PRELOAD": FAULTS})
         bare.fail("library_memory", f"1 {count}")
         bare.bus.kill()
         expect_end(bare)
         bare.bus.wait()
         bare.bus.stdout.close()
         bare.daemon.communicate()
-        if os.path.exists("/run/faults/library_memory"):
-            os.unlink("/run/faults/library_memory")
+        if os.path.exists("/run/stage/faults/library_memory"):
+            os.unlink("/run/stage/faults/library_memory")
 
 
 # ---- a bus that the test plays ----
@@ -339,13 +342,13 @@ class PlayedBus:
 @pytest.mark.parametrize("step", STEPS)
 def test_a_bus_that_hangs_up_at_any_step_of_the_conversation_ends_the_daemon(bare, step):
     for _ in range(size(1, 10)):
-        bus = PlayedBus("/run/bus", step)
-        bare.address = "unix:path=/run/bus"
+        bus = PlayedBus("/run/stage/bus", step)
+        bare.address = "unix:path=/run/stage/bus"
         bare.daemon = bare.launch(stdout=None, stderr=None)
         bus.thread.join(10)
         assert not bus.thread.is_alive() and bus.error is None, (bus.error, bare.log_text())
         expect_end(bare)
-        os.unlink("/run/bus")
+        os.unlink("/run/stage/bus")
     bare.start_bus()
     bare.daemon = bare.launch(stdout=None, stderr=None)
     wait_service(bare)

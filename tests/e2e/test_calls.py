@@ -2,7 +2,9 @@
 # test_calls.py: what a caller of the display manager hears, and what the log says of its call.
 import pytest
 from jeepney import DBusAddress, HeaderFields, MessageFlag, MessageType, new_method_call, new_signal
-from machine import NAME, PATH, CallFailed, plugin_call
+
+from support.callers import CallFailed, plugin_call
+from support.place import NAME, PATH
 from transcript import START, STOP, arrival, now, transcript, unhandled
 
 INTERFACE = "com.corvane.ControlServer.DisplayManager"
@@ -285,12 +287,12 @@ def test_a_signal_to_the_object_is_logged_as_unhandled_whatever_its_name(machine
 
 
 def test_replies_and_errors_to_the_object_are_logged_as_unhandled(bare):
-    with open("/run/bus.conf", "w") as file:  # a bus that lets replies through which nobody asked for
-        file.write("""<busconfig><type>session</type><listen>unix:path=/run/bus</listen><auth>EXTERNAL</auth>
+    with open("/run/stage/bus.conf", "w") as file:  # a bus that lets replies through which nobody asked for
+        file.write("""<busconfig><type>session</type><listen>unix:path=/run/stage/bus</listen><auth>EXTERNAL</auth>
                       <policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*"/>
                       <allow send_requested_reply="false"/><allow receive_requested_reply="false"/></policy>
                       </busconfig>""")
-    bare.start_bus("--config-file=/run/bus.conf")
+    bare.start_bus("--config-file=/run/stage/bus.conf")
     bare.start_daemon()
     caller = bare.caller()
     since = now(bare)

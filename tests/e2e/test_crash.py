@@ -7,7 +7,11 @@ import signal
 import time
 
 import pytest
-from machine import FAULTS, LOG, SANITIZER, Line, meddled, not_under_a_sanitizer, plugin_call
+
+from support.callers import plugin_call
+from support.log import Line
+from support.machine import FAULTS, SANITIZER, meddled, not_under_a_sanitizer
+from support.place import LOG
 from test_bus_loss import wait_service
 
 # The thread sanitizer may do so until the wait ends.
@@ -111,7 +115,7 @@ def test_a_crash_before_the_first_message_is_reported(bare, step, function):
     bare.start_bus()
     bare.write_pid_file("77")
     bare.daemon = bare.launch(environment=meddled(f"{step}=gate"))
-    bare.wait("the daemon to come to the step", lambda: os.path.exists("/run/gate"))
+    bare.wait("the daemon to come to the step", lambda: os.path.exists("/run/stage/gate"))
     bare.daemon.send_signal(signal.SIGSEGV)
     assert_reported(bare, "segfault_handler", function, "main")
 
@@ -121,13 +125,13 @@ def test_the_report_is_complete_when_the_pid_file_goes(bare):
     bare.write_pid_file("77")
     bare.start_daemon(environment=meddled("unlink=gate"))
     bare.daemon.send_signal(signal.SIGSEGV)
-    bare.wait("the daemon to remove the pid file", lambda: os.path.exists("/run/gate"))
+    bare.wait("the daemon to remove the pid file", lambda: os.path.exists("/run/stage/gate"))
     reported = bare.log_text()
     line, names = report(bare)
     assert line.text == "Catch segfault signal."
     assert len(names) >= 3
     assert bare.pid_file() == "77"
-    os.unlink("/run/gate")
+    os.unlink("/run/stage/gate")
     assert_reported(bare)
     assert bare.log_text() == reported
 
@@ -135,7 +139,7 @@ def test_the_report_is_complete_when_the_pid_file_goes(bare):
 def test_a_crash_without_a_log_is_reported_on_standard_error(bare):
     bare.start_bus()
     bare.write_pid_file("77")
-    os.mkdir("/run/faults")
+    os.mkdir("/run/stage/faults")
     bare.fail("memory")  # for the record of the log
     bare.daemon = bare.launch(environment={"LD_PRELOAD": FAULTS})
     wait_service(bare)
@@ -150,7 +154,7 @@ def test_a_crash_without_a_log_is_reported_on_standard_error(bare):
     assert all(frames), errors
     assert sum("segfault_handler" in frame[1] for frame in frames) == 1
     assert len(frames) >= 3
-    assert os.listdir("/var/log") == []
+    assert bare.logs() == []
     assert bare.pid_file() is None
 
 
@@ -159,7 +163,7 @@ def test_a_crash_with_a_silent_log_still_takes_the_pid_file_and_ends_with_1(bare
     bare.write_pid_file("77")
     os.mkdir(LOG)
     daemon = bare.daemon = bare.launch(environment=meddled("request_name=gate"))
-    bare.wait("the daemon to ask for its name", lambda: os.path.exists("/run/gate"))
+    bare.wait("the daemon to ask for its name", lambda: os.path.exists("/run/stage/gate"))
     daemon.send_signal(signal.SIGSEGV)
     assert daemon.wait(3) == 1
     assert daemon.communicate() == ("", "")
@@ -189,7 +193,7 @@ def test_a_crash_while_another_thread_keeps_the_log_locked_ends_with_1_all_the_s
     bare.start_daemon(environment=meddled("fflush=hold"))
     # Not asked, but sent: the reply may never come, because the main thread may need the log for it.
     bare.caller().send(plugin_call("DisplayManager", "Start", "sss", ":1", "init-station", "COMMON"))
-    bare.wait("a thread to hold the log's lock", lambda: os.path.exists("/run/held"))
+    bare.wait("a thread to hold the log's lock", lambda: os.path.exists("/run/stage/held"))
     bare.daemon.send_signal(signal.SIGSEGV)
     assert bare.daemon.wait(3) == 1
     assert bare.pid_file() is None
@@ -215,4 +219,4 @@ def test_only_a_report_that_came_to_its_end_is_followed_by_an_orderly_exit(bare,
     bare.start_daemon(environment=meddled(f"symbols={trouble} exit=told"))
     bare.daemon.send_signal(signal.SIGSEGV)
     assert bare.daemon.wait(3) == 1
-    assert os.path.exists("/run/exit") == orderly
+    assert os.path.exists("/run/stage/exit") == orderly

@@ -9,7 +9,10 @@ import signal
 import time
 
 import pytest
-from machine import FAULTS, LOG, CallFailed, meddled, not_under_a_sanitizer, plugin_call
+
+from support.callers import CallFailed, plugin_call
+from support.machine import FAULTS, meddled, not_under_a_sanitizer
+from support.place import LOG
 from stress import report, size, start_call, stop_call
 from test_crash import FRAME, crash_thread, threads
 
@@ -22,7 +25,7 @@ def doomed(bare):
     """A machine with a bus, a pid file, and a place for faults; its daemon is still to be started."""
     bare.start_bus()
     bare.write_pid_file("77")
-    os.mkdir("/run/faults")
+    os.mkdir("/run/stage/faults")
     return bare
 
 
@@ -47,8 +50,8 @@ def forget(machine):
 
     machine.wait("the name to be gone", nobody_is_there)
     os.unlink(LOG)
-    for name in os.listdir("/run/actors/records"):
-        os.unlink(f"/run/actors/records/{name}")
+    for name in os.listdir("/run/stage/actors/records"):
+        os.unlink(f"/run/stage/actors/records/{name}")
 
 
 def find_threads(machine):

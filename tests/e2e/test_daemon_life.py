@@ -12,7 +12,11 @@ import subprocess
 import time
 
 import pytest
-from machine import DAEMON, LOG, PID_FILE, meddled, not_under_a_sanitizer, process_state, texts_of
+
+from support.log import texts_of
+from support.machine import DAEMON, meddled, not_under_a_sanitizer
+from support.place import LOG, PID_FILE
+from support.processes import process_state
 
 PR_SET_CHILD_SUBREAPER = 36
 NO_PROCESS = 999999  # six digits, and far beyond the numbers of a machine that has just been started
@@ -48,7 +52,7 @@ def daemon(bare):
 def ask(machine, *options):
     """Runs options that read the pid file; asserts that it takes the 2 seconds and not many more."""
     begin = time.monotonic()
-    answer = machine.run(*options, cwd="/run")  # for the core of one that aborts
+    answer = machine.run(*options, cwd="/run/stage")  # for the core of one that aborts
     assert 2 <= time.monotonic() - begin < 8
     return answer
 
@@ -75,14 +79,14 @@ def mode(path):
 
 def test_start_leaves_a_daemon_of_its_own_behind(bare):
     bare.start_bus()
-    os.makedirs("/run/elsewhere")
-    assert bare.daemonise("--start", cwd="/run/elsewhere", umask=0o077).returncode == 0
+    os.makedirs("/run/stage/elsewhere")
+    assert bare.daemonise("--start", cwd="/run/stage/elsewhere", umask=0o077).returncode == 0
     bare.wait_log(r"Start mainloop")
     assert re.fullmatch(r"[1-9]\d*", bare.pid_file())
     pid = int(bare.pid_file())
     assert bare.caller().hello() == "How are you?"
     # The process between may take its time to end.
-    bare.wait("the daemon to be the first process's child", lambda: status_of(pid)["PPid"].strip() == "1")
+    bare.wait("the daemon to be the runner's child", lambda: int(status_of(pid)["PPid"]) == os.getpid())
     status = status_of(pid)
     assert os.getsid(pid) not in (os.getsid(0), pid)
     assert os.getpgid(pid) == os.getsid(pid)
@@ -90,18 +94,18 @@ def test_start_leaves_a_daemon_of_its_own_behind(bare):
     assert status["Umask"] == "0000"
     assert (mode(LOG), mode(PID_FILE)) == (0o666, 0o666)
     kept = [os.readlink(f"/proc/{pid}/fd/{descriptor}") for descriptor in range(3)]
-    assert kept == ["/dev/null", "/run/terminal", "/run/terminal"]
+    assert kept == ["/dev/null", "/run/stage/terminal", "/run/stage/terminal"]
     assert bare.terminal() == ""
 
 
 def test_a_daemon_in_the_foreground_stays_where_it_was_started_and_leaves_the_pid_file_alone(bare):
     bare.start_bus()
-    os.makedirs("/run/elsewhere")
+    os.makedirs("/run/stage/elsewhere")
     bare.write_pid_file("77")
-    pid = bare.start_daemon(cwd="/run/elsewhere", umask=0o027).pid
+    pid = bare.start_daemon(cwd="/run/stage/elsewhere", umask=0o027).pid
     assert bare.caller().hello() == "How are you?"
     assert os.getsid(pid) == os.getsid(0)
-    assert os.readlink(f"/proc/{pid}/cwd") == "/run/elsewhere"
+    assert os.readlink(f"/proc/{pid}/cwd") == "/run/stage/elsewhere"
     assert mode(LOG) == 0o640
     assert bare.pid_file() == "77"
 
@@ -135,7 +139,7 @@ def test_a_start_that_cannot_write_its_pid_file_ends_with_1_while_its_shell_sees
     assert bare.daemonise("--start").returncode == 0
     assert sorted([adopted(), adopted()]) == [0, 1]
     assert texts_of(bare.terminal()) == ["unable to open pid file: /var/run/corvane/corvane-cs.pid for writing"]
-    assert os.listdir("/var/log") == []
+    assert bare.logs() == []
 
 
 @pytest.mark.parametrize("options", [["--start", "--verbose"], ["--verbose", "--start"], ["--start", "-v"]])
@@ -157,14 +161,14 @@ def test_a_start_has_already_acted_when_a_later_argument_is_refused(bare, adopte
     assert sorted([adopted(), adopted()]) == [0, 1]
     assert bare.terminal().startswith(f"{complaint}\ncorvane-cs: Corvane Control Server\n")
     assert bare.pid_file()
-    assert os.listdir("/var/log") == []
+    assert bare.logs() == []
 
 
 def test_start_and_pid_in_one_command_print_the_pid_of_the_new_process(bare, adopted):
     assert bare.daemonise("--start", "--pid").returncode == 0
     assert [adopted(), adopted()] == [0, 0]
     assert bare.terminal() == f"{bare.pid_file()}\n"
-    assert os.listdir("/var/log") == []
+    assert bare.logs() == []
 
 
 def test_start_and_stop_in_one_command_leave_no_process(bare, adopted):
@@ -173,7 +177,7 @@ def test_start_and_stop_in_one_command_leave_no_process(bare, adopted):
     assert sorted([adopted(), adopted()]) == [-signal.SIGTERM, 0]
     assert 2 <= time.monotonic() - begin < 8
     assert bare.terminal() == ""
-    assert os.listdir("/var/log") == []
+    assert bare.logs() == []
 
 
 def test_two_starts_in_one_command_leave_no_process_and_the_first_ones_pid_file(bare, adopted):
@@ -184,7 +188,7 @@ def test_two_starts_in_one_command_leave_no_process_and_the_first_ones_pid_file(
     assert ended.pop(int(bare.pid_file())) == 0  # the first daemon's, that the second start left
     assert sorted(map(os.waitstatus_to_exitcode, ended.values())) == [0, 0, 1]
     assert texts_of(bare.terminal()) == ["already running"]
-    assert os.listdir("/var/log") == []
+    assert bare.logs() == []
 
 
 def test_a_start_that_cannot_fork_goes_on_in_the_process_that_the_shell_waits_for(bare):

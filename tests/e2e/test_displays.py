@@ -3,14 +3,11 @@
 #
 # The stations, their displays and the main story are those of the demonstration.
 import os
-import sys
-from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent.parent / "demo"))
-from displays import Stations  # noqa: E402
-from story import Story  # noqa: E402
+from support.displays import BUNDLE, Stations
+from support.story import Story
 
 
 @pytest.fixture
@@ -61,8 +58,7 @@ def test_a_login_started_before_its_display_is_shown_as_soon_as_there_is_one(sta
 
 def test_actors_of_one_group_take_turns_on_the_screen(stations):
     stations.serve()
-    bundle = "/usr/share/corvane/images/kva-images.bundle"
-    image = "Image disabled", f"corvane-x11-put-image :1 {bundle} disabled"
+    image = "Image disabled", f"corvane-x11-put-image :1 {BUNDLE} disabled"
     stations.start(1, "local-login", "PCI")
     stations.expect(1, login(1))
     stations.start(1, "disable-station", "PCI")

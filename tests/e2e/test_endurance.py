@@ -11,7 +11,9 @@ import statistics
 import time
 
 import pytest
-from machine import LOG, not_under_a_sanitizer
+
+from support.machine import not_under_a_sanitizer
+from support.place import LOG
 from stress import make_stations, report, size, time_limit
 
 pytestmark = time_limit
@@ -94,7 +96,7 @@ KINDS = {
 def young_daemon(machine):
     """One more daemon, on a bus of its own. The old one goes on writing to its log."""
     os.rename(LOG, f"{LOG}.of-the-old")
-    machine.start_bus(path="/run/bus-of-the-young")
+    machine.start_bus(path="/run/stage/bus-of-the-young")
     machine.start_daemon()
     return Daemon(machine)
 

@@ -14,7 +14,10 @@ import time
 
 import pytest
 from jeepney import HeaderFields
-from machine import FAULTS, LOG, SANITIZER, CallFailed, meddled, not_under_a_sanitizer, plugin_call
+
+from support.callers import CallFailed, plugin_call
+from support.machine import FAULTS, SANITIZER, meddled, not_under_a_sanitizer
+from support.place import LOG
 from stress import is_32_bit, report, size, start_call, stop_call
 
 PLACES = size((1, 2, 3, 4, 5, 7, 10, 15, 25, 50, 100), range(1, 101))
@@ -51,13 +54,13 @@ IN_COMMANDS = {
 
 
 def put_faults(machine):
-    os.mkdir("/run/faults")
-    with open("/run/faults/short_pauses", "w"):
+    os.mkdir("/run/stage/faults")
+    with open("/run/stage/faults/short_pauses", "w"):
         pass
 
 
 def is_pending(call):
-    return os.path.exists(f"/run/faults/{call}")
+    return os.path.exists(f"/run/stage/faults/{call}")
 
 
 def round_of_calls(machine, caller, display):
@@ -95,7 +98,7 @@ def check_service(machine, caller, display):
     record = machine.wait_records(known + 1, "corvane-xh")[-1]
     assert caller.stop(f":{display}", "xhotkey") is True  # finds the child of the start before it
     machine.wait_gone(record.pid)
-    os.unlink(f"/run/actors/records/{record.pid}.json")
+    os.unlink(f"/run/stage/actors/records/{record.pid}.json")
 
 
 # ---- while it serves ----
@@ -175,7 +178,7 @@ def test_whatever_fails_during_set_up_it_serves_or_ends_with_a_message(bare, cal
         status = wait_outcome(bare, caller)
         came = not is_pending(call)
         if not came:
-            os.unlink(f"/run/faults/{call}")
+            os.unlink(f"/run/stage/faults/{call}")
         if status is None:
             served += 1
             check_service(bare, caller, 5)
@@ -190,7 +193,7 @@ def test_whatever_fails_during_set_up_it_serves_or_ends_with_a_message(bare, cal
         if call == "rename" and came:
             assert "of the run before\n" in said
             assert f"Cannot move old log file from {LOG} to {LOG}.old\n" in said
-        for stale in glob.glob("/run/actors/records/*"):
+        for stale in glob.glob("/run/stage/actors/records/*"):
             os.unlink(stale)
         if not came:
             break
@@ -272,7 +275,7 @@ def test_whatever_fails_in_a_command_it_ends_and_leaves_nothing_that_hangs(bare,
         said += terminal.said + bare.log_text()
         os.close(terminal.ours)
         if is_pending(call):
-            os.unlink(f"/run/faults/{call}")
+            os.unlink(f"/run/stage/faults/{call}")
             break
         if IN_COMMANDS[call]:
             assert re.search(IN_COMMANDS[call], said, re.MULTILINE), f"the {nth}th {call} failed; said:\n{said}"
@@ -293,7 +296,7 @@ def test_a_call_that_memory_is_too_short_to_read_is_read_as_soon_as_there_is_mem
         bare.fail("library_memory", f"{nth} 8")
         assert caller.stop(length * "x", "xhotkey") is False
         if is_pending("library_memory"):
-            os.unlink("/run/faults/library_memory")
+            os.unlink("/run/stage/faults/library_memory")
 
 
 def test_while_memory_stays_too_short_the_daemon_waits_for_it_or_gives_up_with_a_message(bare):
@@ -312,14 +315,14 @@ def test_while_memory_stays_too_short_the_daemon_waits_for_it_or_gives_up_with_a
         def outcome():
             if bare.daemon.poll() is not None:
                 return "gone"
-            with open("/run/faults/library_memory") as file:
+            with open("/run/stage/faults/library_memory") as file:
                 place, left = map(int, file.read().split() or (0, 10**9))
             if place == 1 and left < 10**9 - 60_000:  # far more than 10,000 pauses take
                 return "waits"
             return "unanswered" if "{EE} Unable to reply to Stop" in bare.log_text() else None
 
         outcomes.append(bare.wait("the daemon to be gone or to wait", outcome, 60))
-        os.unlink("/run/faults/library_memory")
+        os.unlink("/run/stage/faults/library_memory")
         if outcomes[-1] == "gone":
             assert bare.daemon.returncode == 1
             assert bare.told()[-1] == "cs/bus.cpp ccs_dispatch_and_flush: {EE} No memory for the next message"

@@ -4,7 +4,8 @@ import os
 import signal
 
 import pytest
-from machine import plugin_call
+
+from support.callers import plugin_call
 from transcript import START, STOP, begun, launch, now, transcript
 
 
@@ -381,7 +382,7 @@ def test_the_thread_of_a_stopped_actor_ends_behind_a_start_that_came_to_nothing(
     faulty.behave("corvane-xh", "ignore-term")
     assert caller.start(":1", "xhotkey") is True
     (record,) = faulty.wait_records(1)
-    faulty.wait("a deaf actor", lambda: os.path.exists(f"/run/actors/records/{record.pid}.deaf"))
+    faulty.wait("a deaf actor", lambda: os.path.exists(f"/run/stage/actors/records/{record.pid}.deaf"))
     faulty.wait_log("child=")
     assert caller.stop(":1", "xhotkey") is True
     faulty.wait_log("proc_method_stop: child_pid")

@@ -18,11 +18,13 @@ import pytest
 from jeepney import (DBusAddress, Endianness, Header, HeaderFields, Message, MessageFlag, MessageType, new_method_call,
                      new_signal)
 from jeepney.io.blocking import open_dbus_connection
-from machine import LOG, NAME, PATH, SANITIZER
+
+from support.machine import SANITIZER
+from support.place import LOG, NAME, PATH
 from stress import chance, report, size
 
 # A bus that lets everything through, as large as a message may be.
-BUS = """<busconfig><type>session</type><listen>unix:path=/run/bus</listen><auth>EXTERNAL</auth>
+BUS = """<busconfig><type>session</type><listen>unix:path=/run/stage/bus</listen><auth>EXTERNAL</auth>
 <policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*"/>
 <allow send_requested_reply="false"/><allow receive_requested_reply="false"/></policy>
 <limit name="max_incoming_bytes">1000000000</limit><limit name="max_outgoing_bytes">1000000000</limit>
@@ -145,9 +147,9 @@ class Ground:
 
     def __init__(self, machine, limit="", **launch):
         self.machine = machine
-        with open("/run/bus.conf", "w") as file:
+        with open("/run/stage/bus.conf", "w") as file:
             file.write(BUS % limit)
-        machine.start_bus("--config-file=/run/bus.conf")
+        machine.start_bus("--config-file=/run/stage/bus.conf")
         machine.start_daemon(**launch)
         self.clients = []
         self.slowest = 0
@@ -330,7 +332,7 @@ def descriptors_that_want_no_reply(ground, client):
 @case
 def a_descriptor_of_the_bus_itself(ground, client):
     with socket.socket(socket.AF_UNIX) as other:
-        other.connect("/run/bus")
+        other.connect("/run/stage/bus")
         client.send(call("Start", "h", (other,)))
 
 

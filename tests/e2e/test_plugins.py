@@ -2,7 +2,10 @@
 # test_plugins.py: which messages reach a plugin, what it says of them, and who answers them.
 import pytest
 from jeepney import DBusAddress, Endianness, Header, HeaderFields, Message, MessageType, new_method_call
-from machine import NAME, PATH, CallFailed, meddled
+
+from support.callers import CallFailed
+from support.machine import meddled
+from support.place import NAME, PATH
 
 DUMMY = f"{PATH}/Dummy"
 DISPLAY_MANAGER = f"{PATH}/DisplayManager"

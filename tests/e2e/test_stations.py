@@ -3,7 +3,9 @@
 import os
 
 import pytest
-from machine import plugin_call, process_state
+
+from support.callers import plugin_call
+from support.processes import process_state
 from transcript import START, STOP, begun, launch, now, transcript
 
 

@@ -5,19 +5,19 @@ import os
 import re
 import subprocess
 
-from machine import PROGRAMS
+from support.place import PROGRAMS
 from stress import report, size, time_limit
 
 pytestmark = time_limit
-LAUNCH_STRESS = os.environ["LAUNCH_STRESS"]
+LAUNCH_STRESS = os.environ["CORVANE_LAUNCH_STRESS"]
 
 
 def test_each_launch_beside_eight_threads_that_log_without_pause_reaches_its_program(bare):
     for program in PROGRAMS:
         bare.remove(program)
-        os.symlink(LAUNCH_STRESS, f"/run/actors/bin/{program}")
+        os.symlink(LAUNCH_STRESS, f"/run/stage/actors/bin/{program}")
     launches = size(480, 5040)
-    with open("/run/figures", "w+") as output:  # not a pipe: a launch that is stuck would hold it open
+    with open("/run/stage/figures", "w+") as output:  # not a pipe: a launch that is stuck would hold it open
         run = subprocess.run([LAUNCH_STRESS, str(launches)], env=bare.environment(), stdin=subprocess.DEVNULL,
                              stdout=output, stderr=subprocess.STDOUT, timeout=600)
         output.seek(0)

@@ -3,7 +3,8 @@
 import re
 from itertools import cycle
 
-from machine import LOG, plugin_call
+from support.callers import plugin_call
+from support.place import LOG
 from stress import GROUPS, chance, make_stations, report, size, start_call, stop_call, time_limit
 
 pytestmark = time_limit

@@ -2,7 +2,7 @@
 # test_stress_order.py: what was accepted takes effect, in the order of acceptance, whatever fails on the way.
 import os
 
-from machine import LOG
+from support.place import LOG
 from stress import (GROUPS, chance, is_32_bit, make_stations, report, size, start_call, start_in_storm, stop_call,
                     time_limit, wait_count)
 

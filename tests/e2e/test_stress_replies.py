@@ -4,6 +4,7 @@
 #
 # Four callers start and stop without pause, four stations each, and time every reply. In turn with each call they
 # ask the bus itself, which has nothing to do with actors: what its replies take is what the machine adds.
+import contextlib
 import os
 import pickle
 import random
@@ -12,7 +13,11 @@ import statistics
 import time
 
 from jeepney import DBusAddress, new_method_call
-from machine import PROGRAMS, STAND_IN, Caller
+
+from support.callers import Caller
+from support.machine import STAND_IN
+from support.place import PROGRAMS
+from support.processes import descendants
 from stress import GROUPS, SEED, chance, make_stations, report, size, start_call, stop_call, time_limit
 
 pytestmark = time_limit
@@ -72,7 +77,7 @@ class Helper:
 
 
 def misbehave(machine, program, behaviour):
-    path = f"/run/actors/bin/{program}"
+    path = f"/run/stage/actors/bin/{program}"
     if behaviour == "missing":
         if os.path.lexists(path):
             machine.remove(program)
@@ -84,12 +89,10 @@ def misbehave(machine, program, behaviour):
 
 def end_actors():
     """Ends all actors and their offspring: those that nothing else ends would fill the machine."""
-    for entry in os.listdir("/proc"):
-        try:
-            if entry.isdigit() and os.readlink(f"/proc/{entry}/exe") == STAND_IN:
-                os.kill(int(entry), signal.SIGKILL)
-        except OSError:
-            pass
+    for pid in descendants():
+        with contextlib.suppress(OSError):
+            if os.readlink(f"/proc/{pid}/exe") == STAND_IN:
+                os.kill(pid, signal.SIGKILL)
 
 
 def figures(times):

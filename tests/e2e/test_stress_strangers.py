@@ -5,7 +5,7 @@ import re
 import signal
 import time
 
-from machine import LOG
+from support.place import LOG
 from stress import GROUPS, chance, make_stations, report, size, start_call, start_in_storm, stop_call, time_limit
 
 pytestmark = time_limit
@@ -17,7 +17,7 @@ ACTOR_OF_CODE = {"2": "local-login", "4": "press-fkey", "7": "xhotkey"}
 def judged(verdict):
     """The signals of the daemon's that hit a "child" or a "stranger", as (pid, signal)."""
     try:
-        with open("/run/storm/kills") as file:
+        with open("/run/stage/storm/kills") as file:
             kills = [line.split() for line in file]
     except FileNotFoundError:
         return []
@@ -92,17 +92,17 @@ def test_a_relaunch_without_a_process_leaves_nothing_that_a_stop_could_signal(ba
         assert caller.burst([start_call(*group) for group in groups]) == len(groups) * [(True,)]
         bare.wait_log(", child=", turn * len(groups))
         signalled = len(judged("child"))
-        with open("/run/storm/no-forks", "w"):
+        with open("/run/stage/storm/no-forks", "w"):
             pass
         for pid in bare.children():
             end(pid)
-        bare.wait("a fork that fails", lambda: os.path.exists("/run/storm/failed-forks"))
-        while os.path.getsize("/run/storm/failed-forks") < len(groups):
+        bare.wait("a fork that fails", lambda: os.path.exists("/run/stage/storm/failed-forks"))
+        while os.path.getsize("/run/stage/storm/failed-forks") < len(groups):
             caller.burst([stop_call(*group) for group in groups])
         bare.wait_log("Unable to create child process.", turn * len(groups))
         caller.burst([stop_call(*group) for group in groups])
-        os.unlink("/run/storm/no-forks")
-        os.unlink("/run/storm/failed-forks")
+        os.unlink("/run/stage/storm/no-forks")
+        os.unlink("/run/stage/storm/failed-forks")
         strangers += len(judged("stranger"))
         assert len(judged("child")) == signalled
     report("relaunches without a process", groups=turn * len(groups), strangers_signalled=strangers)

@@ -4,7 +4,9 @@ import os
 import signal
 
 import pytest
-from machine import plugin_call, process_state
+
+from support.callers import plugin_call
+from support.processes import process_state
 from transcript import launch, now, transcript
 
 PAUSE = 2.0
@@ -80,7 +82,7 @@ def test_a_start_behind_a_stop_waits_for_no_death_and_its_actor_stays_supervised
     caller = machine.caller()
     assert caller.start(":1", "xhotkey") is True
     (first,) = machine.wait_records(1)
-    machine.wait("a deaf actor", lambda: os.path.exists(f"/run/actors/records/{first.pid}.deaf"))
+    machine.wait("a deaf actor", lambda: os.path.exists(f"/run/stage/actors/records/{first.pid}.deaf"))
     assert caller.burst([plugin_call("DisplayManager", "Stop", "ss", ":1", "xhotkey"),
                          plugin_call("DisplayManager", "Start", "sss", ":1", "xhotkey", "COMMON")]) == 2 * [(True,)]
     second = machine.wait_records(2)[1]
@@ -112,7 +114,7 @@ def test_the_supervision_of_an_actor_that_was_stopped_ends_with_it_and_nothing_c
     machine.behave("corvane-xh", "ignore-term")
     assert caller.start(":1", "xhotkey") is True
     (record,) = machine.wait_records(1)
-    machine.wait("a deaf actor", lambda: os.path.exists(f"/run/actors/records/{record.pid}.deaf"))
+    machine.wait("a deaf actor", lambda: os.path.exists(f"/run/stage/actors/records/{record.pid}.deaf"))
     machine.wait_log("child=")
     assert caller.stop(":1", "xhotkey") is True
     machine.wait_log("proc_method_stop: child_pid")

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # transcript.py: what the daemon said since a moment, as (function, text), with the file of each function checked.
-from machine import PATH
+from support.place import PATH
 
 DISPLAY_MANAGER = "plugins/display-manager/display-manager.cpp"
 FILES = {

@@ -8,16 +8,12 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 from pathlib import Path
 
 import pytest
 
-TESTS = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(TESTS / "e2e"))
-os.environ.setdefault("STAND_IN", "/bin/true")  # for tests in which it does not matter what an actor does
-
-import machine as machines  # noqa: E402: it reads the environment
+from support import machine as machines
+from support.fixtures import bare, machine  # noqa: F401: pytest finds them here
 
 BUS_SOCKET = "/run/dbus/system_bus_socket"
 BUS_CONFIGURATION = Path("/usr/share/dbus-1/system.conf")
@@ -27,23 +23,7 @@ BUS_ERRORS = Path("/run/dbus/errors")
 @pytest.fixture
 def installed():
     """The directory that stands for / of a machine on which the daemon is installed."""
-    return Path(os.environ["INSTALLED"])
-
-
-@pytest.fixture
-def bare():
-    """A clean machine on which nothing runs yet."""
-    machine = machines.Machine()
-    yield machine
-    machine.clean()
-
-
-@pytest.fixture
-def machine(bare):
-    """A machine with a session bus and a daemon that serves it."""
-    bare.start_bus()
-    bare.start_daemon()
-    return bare
+    return Path(os.environ["CORVANE_INSTALLED"])
 
 
 @pytest.fixture
@@ -75,7 +55,7 @@ def start_system_bus(machine, policies):
 @pytest.fixture
 def policies(bare, installed):
     """A copy of the installed policies where the bus's own user can read them: he may not reach the sources."""
-    return Path(shutil.copytree(installed / "usr/share/dbus-1/system.d", "/run/policies"))
+    return Path(shutil.copytree(installed / "usr/share/dbus-1/system.d", "/run/stage/policies"))
 
 
 @pytest.fixture

@@ -32,11 +32,11 @@ compadd() {
   local -a matches
   if [[ ${@[1,(i)(-|--)]} != *-(O|A|D)\\ * ]]; then
     builtin compadd -A matches "$@"
-    print -lr -- $matches >>/run/matches
+    print -lr -- $matches >>/run/stage/matches
   fi
   builtin compadd "$@"
 }
-complete_and_tell() { _main_complete; print done >>/run/matches }
+complete_and_tell() { _main_complete; print done >>/run/stage/matches }
 zle -C tell complete-word complete_and_tell
 bindkey '^I' tell
 """
@@ -80,11 +80,11 @@ class Terminal:
 @pytest.fixture
 def zsh(laid_over):
     """Asks zsh what it offers for a command line that ends where the tabulator is pressed."""
-    Path("/run/setup").write_text(ASK_ZSH)
+    Path("/run/stage/setup").write_text(ASK_ZSH)
     terminal = Terminal()
 
     def ask(line):
-        matches = Path("/run/matches")
+        matches = Path("/run/stage/matches")
         matches.write_text("")
         terminal.type(f"\x15{line}\t")  # behind what deletes the line before
         try:
@@ -93,8 +93,8 @@ def zsh(laid_over):
             raise AssertionError(terminal.shown) from error
         return sorted(matches.read_text().split()[:-1])
 
-    terminal.type("source /run/setup; print ready >/run/ready\n")
-    laid_over.wait("zsh to be ready", lambda: os.path.exists("/run/ready"), seconds=60)
+    terminal.type("source /run/stage/setup; print ready >/run/stage/ready\n")
+    laid_over.wait("zsh to be ready", lambda: os.path.exists("/run/stage/ready"), seconds=60)
     yield ask
     terminal.close()
 

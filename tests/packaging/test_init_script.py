@@ -12,7 +12,8 @@ from pathlib import Path
 import pytest
 from jeepney import DBusAddress, new_method_call
 
-from machine import NAME, process_state
+from support.place import NAME
+from support.processes import process_state
 
 
 class Script:
@@ -163,10 +164,10 @@ def test_a_start_without_a_place_for_the_pid_file_fails(script):
 def test_a_daemon_that_its_pid_file_does_not_name_is_found_on_the_bus(script, replaced):
     machine = script.machine
     if replaced:  # by an upgrade: the executable that runs is none any more
-        os.mkdir("/run/upper")
-        os.mkdir("/run/work")
+        os.mkdir("/run/stage/upper")
+        os.mkdir("/run/stage/work")
         machine.mount("-t", "overlay", "overlay", "-o",
-                      "lowerdir=/usr/sbin,upperdir=/run/upper,workdir=/run/work", "/usr/sbin")
+                      "lowerdir=/usr/sbin,upperdir=/run/stage/upper,workdir=/run/stage/work", "/usr/sbin")
         assert script("start")[0] == 0
         pid = owner(machine)
         shutil.copy("/usr/sbin/corvane-cs", "/usr/sbin/new")

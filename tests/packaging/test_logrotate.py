@@ -14,7 +14,9 @@ from pathlib import Path
 import pytest
 from jeepney import MessageFlag
 
-from machine import LOG, plugin_call, process_state
+from support.callers import plugin_call
+from support.place import LOG
+from support.processes import process_state
 
 ROTATIONS = 10
 NUMBER = re.compile(r"(?:dbus_dm_start\(\): display=|Invalid DISPLAY value : )n(\d+)")
@@ -22,7 +24,7 @@ NUMBER = re.compile(r"(?:dbus_dm_start\(\): display=|Invalid DISPLAY value : )n(
 # Between the copy and the truncation is a moment in which logrotate alone would lose what is written. It is
 # made long enough to be hit each time, and each time is noted. The second name is that of 64-bit sizes on
 # 32-bit machines.
-SLOW_TRUNCATIONS = Path("/run/slow-truncations")
+SLOW_TRUNCATIONS = Path("/run/stage/slow-truncations")
 SLOW_TRUNCATION = """
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -30,7 +32,7 @@ SLOW_TRUNCATION = """
 #include <unistd.h>
 static void wait_and_note(void) {
   usleep(20000);
-  int notes = open("/run/slow-truncations", O_WRONLY | O_CREAT | O_APPEND, 0600);
+  int notes = open("/run/stage/slow-truncations", O_WRONLY | O_CREAT | O_APPEND, 0600);
   if (write(notes, ".", 1) != 1) _exit(99);
   close(notes);
 }
@@ -64,7 +66,7 @@ def slow_truncation(tmp_path):
 
 def logrotate(installed, *options, environment=None):
     """Runs logrotate with the installed snippet alone; a completed process."""
-    return subprocess.run(["logrotate", "--state", "/run/logrotate.state", *options,
+    return subprocess.run(["logrotate", "--state", "/run/stage/logrotate.state", *options,
                            str(installed / "etc/logrotate.d/corvane-cs")],
                           env=environment, capture_output=True, text=True, timeout=60)
 

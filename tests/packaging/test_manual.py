@@ -15,12 +15,12 @@ from pathlib import Path
 import pytest
 from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
 
-from machine import NAME, PATH, PROGRAMS
+from support.place import NAME, PATH, PROGRAMS
 
 SOURCES = Path(__file__).resolve().parent.parent.parent
 MANAGER = "com.corvane.ControlServer.DisplayManager"
 DUMMY = "com.corvane.ControlServer.Dummy"
-INSTALLED = Path(os.environ["INSTALLED"])
+INSTALLED = Path(os.environ["CORVANE_INSTALLED"])
 MANUAL = INSTALLED / "usr/share/man"
 PAGES = sorted(str(page.relative_to(MANUAL)) for page in MANUAL.glob("man*/*"))
 OBJECTS = sorted(page.stem for page in MANUAL.glob("man5/*"))
@@ -188,8 +188,8 @@ def test_each_way_in_which_something_is_said_is_found(page, folders, some):
 def test_the_actors_of_the_page_run_as_it_says(bare, manual):
     for program in PROGRAMS:  # that stay, so that none is launched twice
         bare.remove(program)
-        Path(f"/run/actors/bin/{program}").write_text("#!/bin/sh\nexec sleep infinity\n")
-        os.chmod(f"/run/actors/bin/{program}", 0o755)
+        Path(f"/run/stage/actors/bin/{program}").write_text("#!/bin/sh\nexec sleep infinity\n")
+        os.chmod(f"/run/stage/actors/bin/{program}", 0o755)
     bare.start_bus()
     bare.start_daemon()
     names = []

@@ -14,8 +14,8 @@ import xml.etree.ElementTree as ElementTree
 import pytest
 from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call, new_signal
 
+from support.callers import Caller
 from conftest import BUS_ERRORS, start_system_bus
-from machine import Caller
 
 ROOT, STRANGER = 0, 65534
 NAME = "com.corvane.ControlServer"

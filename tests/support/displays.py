@@ -2,13 +2,12 @@
 # displays.py: three stations with X servers of their own, for the demonstration and for the end-to-end tests.
 #
 # What happens there is looked at from outside: the windows of each display, the pixels of its screen and the
-# table of processes; what is not as expected raises AssertionError. It works in private-displays only. The
+# table of processes; what is not as expected raises AssertionError. It needs private-machine --displays. The
 # environment names the daemon's executable, CORVANE_BIN, and the directory of the actors, CORVANE_ACTORS.
 import io
 import os
 import re
 import subprocess
-import sys
 from pathlib import Path
 from typing import NamedTuple
 
@@ -16,11 +15,12 @@ from PIL import Image, ImageDraw, ImageFont
 from Xlib import X, XK, Xatom, display, error
 from Xlib.ext import xtest
 
-os.environ.setdefault("STAND_IN", "")  # the actors are real
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests/e2e"))
-from machine import PROGRAMS, Line, Machine, process_state  # noqa: E402
+from support.log import Line
+from support.machine import Machine
+from support.place import IMAGES, PROGRAMS, STAGE
+from support.processes import descendants
 
-BUNDLE = "/usr/share/corvane/images/kva-images.bundle"
+BUNDLE = f"{IMAGES}/images/kva-images.bundle"
 UNITS = (640, 360)  # what the actors divide a screen into, whatever its size is
 BLACK, RED, GREEN, INK, PALE = (0, 0, 0), (176, 24, 32), (0, 153, 51), (34, 42, 56), (230, 232, 240)
 BACKGROUNDS = {0: (13, 107, 107), 1: (40, 80, 140), 2: (107, 58, 128)}  # of logins, by display modulo 3
@@ -39,6 +39,9 @@ def make_bundle():
     draw.rectangle((540, 196, 740, 244), RED)
     draw.text((640, 480), "Station disabled", "white", font(100, "-Bold"), "mm")
     draw.text((640, 600), "Please ask the attendant", "white", font(60), "mm")
+    assert not os.path.lexists(IMAGES), f"the images of the stations would take the place of {IMAGES}"
+    os.makedirs(f"{STAGE}/share/images")
+    os.symlink(f"{STAGE}/share", IMAGES)
     with open(BUNDLE, "wb") as bundle:
         for name, image in (("blank", Image.new("RGB", (8, 8), "white")), ("disabled", disabled)):
             png = io.BytesIO()
@@ -139,7 +142,7 @@ class Stations(Machine):
         self.screens = {number: Screen(number, self.server(number, session)) for number in numbers}
 
     def install(self, program):
-        os.symlink(Path(os.environ["CORVANE_ACTORS"]).resolve() / program, f"/run/actors/bin/{program}")
+        os.symlink(Path(os.environ["CORVANE_ACTORS"]).resolve() / program, f"/run/stage/actors/bin/{program}")
 
     @staticmethod
     def server(number, session):
@@ -182,14 +185,13 @@ class Stations(Machine):
     def actors(self):
         """The actors that run: pid -> command line."""
         running = {}
-        for entry in os.listdir("/proc"):
-            if entry.isdigit() and process_state(entry):
-                try:
-                    words = Path(f"/proc/{entry}/cmdline").read_text().split("\0")[:-1]
-                except (FileNotFoundError, ProcessLookupError):
-                    continue
-                if words and words[0] in PROGRAMS:
-                    running[int(entry)] = " ".join(words)
+        for pid in descendants():
+            try:
+                words = Path(f"/proc/{pid}/cmdline").read_text().split("\0")[:-1]
+            except (FileNotFoundError, ProcessLookupError):
+                continue
+            if words and words[0] in PROGRAMS:
+                running[pid] = " ".join(words)
         return running
 
     def expect(self, number, *commands):
@@ -231,3 +233,11 @@ class Stations(Machine):
         self.logged = end
         calls, self.calls = self.calls, []
         return Stage(title, text, calls, pictures, [f"{line.time[11:]}  {line.text}" for line in log])
+
+    # ---- the end ----
+
+    def clean(self):
+        """As in every story; the X servers first, which remove their sockets and locks when they are asked to end."""
+        for screen in self.screens.values():
+            screen.close()
+        super().clean()

@@ -8,7 +8,8 @@ import signal
 import time
 from pathlib import Path
 
-from displays import BUNDLE, PATIENCE, process_state
+from support.displays import BUNDLE, PATIENCE
+from support.processes import process_state
 
 RESTART_PAUSE = 2.0  # seconds
 

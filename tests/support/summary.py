@@ -1,0 +1,35 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: MIT
+# summary.py: counts the stories of all files: how many passed, failed and were skipped, and why.
+#
+# A file of stories is one test for CTest, which cannot say that some of it were skipped. Each file leaves a report
+# in pytest's JUnit form; files that left none have failed before their end, and CTest says so.
+#
+# usage: summary.py DIRECTORY    of the reports
+import sys
+import xml.etree.ElementTree as ElementTree
+from collections import defaultdict
+from pathlib import Path
+
+
+def main(directory):
+    passed = failed = 0
+    skipped = defaultdict(list)  # reason -> names
+    for report in sorted(Path(directory).glob("*.xml")):
+        for case in ElementTree.parse(report).iter("testcase"):
+            skip = case.find("skipped")
+            if skip is not None:
+                skipped[skip.get("message")].append(case.get("name"))
+            elif case.find("failure") is not None or case.find("error") is not None:
+                failed += 1
+            else:
+                passed += 1
+    for reason, names in skipped.items():
+        print(f"\nSkipped: {reason}")
+        for name in names:
+            print(f"  {name}")
+    if passed + failed:
+        print(f"\nstories: {passed} passed, {failed} failed, {sum(map(len, skipped.values()))} skipped")
+
+
+main(*sys.argv[1:])
