@@ -115,7 +115,7 @@ bench-smoke: short = --short
 bench bench-smoke: stories
 	@tools/install-packages build bench
 	@cmake --preset release -B build/bench/release --log-level=WARNING \
-	  -DCORVANE_BENCH=ON -DCORVANE_TESTS=OFF -DCORVANE_DEMO=OFF
+	  -DCORVANE_BENCH=ON -DBUILD_TESTING=OFF -DCORVANE_DEMO=OFF
 	cmake --build build/bench/release
 	tools/private-machine /usr/bin/python3 bench/bench.py build/bench/release/cs/corvane-cs \
 	  build/bench/release/bench build/bench $(short)

@@ -11,7 +11,7 @@ target_compile_definitions(corvane-build INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS
 # stay, for the crash report. Log lines name files from the root of the repository.
 target_compile_options(
   corvane-build
-  INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wconversion $<$<BOOL:${CORVANE_WERROR}>:-Werror>
+  INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wconversion
             $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
             -fasynchronous-unwind-tables -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
