@@ -15,10 +15,16 @@ target_compile_options(
             $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
             -fasynchronous-unwind-tables -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
-# A release is hardened: position-independent, no writable relocations, guarded stacks and buffers.
+# A release is hardened: position-independent, no writable relocations, guarded stacks and buffers. Marks for
+# jumps are for x86 alone, and not every compiler can probe a stack as it grows.
+include(CheckCXXCompilerFlag)
+check_cxx_compiler_flag(-fcf-protection CORVANE_HAS_CF_PROTECTION)
+check_cxx_compiler_flag(-fstack-clash-protection CORVANE_HAS_STACK_CLASH_PROTECTION)
 set(release $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
 target_compile_options(
-  corvane-build INTERFACE -fPIE $<${release}:-fstack-protector-strong -fstack-clash-protection -fcf-protection
+  corvane-build INTERFACE -fPIE $<${release}:-fstack-protector-strong
+                          $<$<BOOL:${CORVANE_HAS_STACK_CLASH_PROTECTION}>:-fstack-clash-protection>
+                          $<$<BOOL:${CORVANE_HAS_CF_PROTECTION}>:-fcf-protection>
                           -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -ffunction-sections -fdata-sections>)
 target_link_options(corvane-build INTERFACE -pie -Wl,-z,relro,-z,now -Wl,--as-needed
                     $<${release}:-Wl,--gc-sections>)

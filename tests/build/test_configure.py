@@ -83,3 +83,24 @@ def test_the_presets_make_warnings_errors(tmp_path):
     succeed("cmake", "-S", SOURCES, "--preset", "release", "-B", tmp_path, NO_GTEST, "-DCORVANE_DEMO=OFF")
     assert re.search(r"^  FLAGS = .* -Werror$", (tmp_path / "build.ninja").read_text(), re.MULTILINE)
     assert "CMAKE_COMPILE_WARNING_AS_ERROR" in (tmp_path / "CMakeCache.txt").read_text()
+
+
+def test_a_compiler_that_has_no_option_of_x86_builds_the_code(tmp_path):
+    compiler = tmp_path / "compiler"
+    real = os.environ.get("CXX", "c++")
+    compiler.write_text(
+        "#!/bin/sh\n"
+        "for word; do\n"
+        '  case $word in -fcf-protection*) echo "$word: not for this machine" >&2; exit 1 ;; esac\n'
+        "done\n"
+        f'exec {real} "$@"\n')
+    compiler.chmod(0o755)
+    configure(tmp_path, NO_GTEST, f"-DCMAKE_CXX_COMPILER={compiler}")
+    done = build(tmp_path, "common/CMakeFiles/corvane-common.dir/text.cpp.o")
+    assert done.returncode == 0, done.stdout
+
+
+def test_on_x86_a_release_marks_where_a_jump_may_land(plain):
+    if os.uname().machine not in ("x86_64", "i686"):
+        pytest.skip("another architecture")
+    assert " -fcf-protection " in (plain.directory / "build.ninja").read_text()
