@@ -155,7 +155,7 @@ def explained(page):
 
 def part_of(page):
     """A plugin's page lies beside what it speaks of."""
-    beside = (SOURCES / "plugins").glob(f"*/{Path(page).name}")
+    beside = (SOURCES / "plugins").glob(f"*/{Path(page).name}.in")
     return [str(file.parent.relative_to(SOURCES)) for file in beside] or ["cs", "common"]
 
 
