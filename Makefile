@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: MIT
 # Makefile: the commands of every day. The ways to build are in CMakePresets.json, the packages in
 # tools/install-packages; each command installs what is missing first.
+built = build/daemon
+prefix = /usr/local
 presets = release clang debug asan tsan coverage fuzz
 daemon = build/release/cs/corvane-cs
 lints = lint-tidy lint-cppcheck lint-format lint-shell
@@ -11,11 +13,26 @@ git = git -c safe.directory='*'
 SHELL = /bin/bash
 .SHELLFLAGS = -o pipefail -c
 
-.PHONY: help stories whole-machine demo demo-live check check-i386 check-asan-i386 soak soak-i386 fuzz coverage lint clean \
-        bench bench-smoke deb deb-i386 check-installed check-packaging check-packaging-i386 \
+.PHONY: all install help stories whole-machine demo demo-live check check-i386 check-asan-i386 soak soak-i386 fuzz coverage lint \
+        clean bench bench-smoke deb deb-i386 check-installed check-packaging check-packaging-i386 \
         $(lints) $(addprefix build-,$(presets)) $(addprefix check-,$(presets))
 
+# Plain CMake without a preset: the user's compiler, and its warnings are no errors.
+all:
+	@tools/install-packages build
+	@cmake -S . -B $(built) -G Ninja --log-level=WARNING
+	cmake --build $(built) --target corvane-cs
+	@echo 'The daemon is built: $(built)/cs/corvane-cs'
+	@echo 'Next: make demo (see it work), make check (test it), make install (as root), make help (all the rest)'
+
+# Installs what `make` built, so that root compiles nothing. The umask lets every user enter the directories.
+install:
+	@[ -x $(built)/cs/corvane-cs ] || { echo 'make install: nothing is built yet: run make first' >&2; exit 1; }
+	umask 022 && DESTDIR='$(DESTDIR)' cmake --install $(built) --prefix '$(prefix)'
+
 help:
+	@echo 'make             builds the daemon'
+	@echo 'make install     installs it (as root), with prefix=/usr/local and DESTDIR= unless you give others'
 	@echo 'make demo        shows the daemon at its work, with pictures of three displays'
 	@echo 'make demo-live   shows it in windows on your screen'
 	@echo 'make check       runs all tests'
