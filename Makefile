@@ -111,7 +111,7 @@ deb-i386:
 	@rm -rf build/deb/i386 && mkdir -p build/deb && cp -r build/bare-i386/deb/i386 build/deb/
 
 # The files as installed, then the packages.
-check-packaging: check-installed deb
+check-packaging: whole-machine check-installed deb
 	tests/packaging/check-package $(architecture)
 
 check-packaging-i386: deb-i386
@@ -119,8 +119,7 @@ check-packaging-i386: deb-i386
 	tests/packaging/check-package i386
 
 # With the umask of a new machine, as a package is: everyone can enter the directories.
-check-packaging check-installed: whole-machine
-check-installed: build-release
+check-installed: whole-machine build-release
 	@tools/install-packages packaging
 	@rm -rf build/installed
 	umask 022 && DESTDIR=$(CURDIR)/build/installed cmake --install build/release --prefix /usr

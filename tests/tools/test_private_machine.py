@@ -1,0 +1,92 @@
+# SPDX-License-Identifier: MIT
+# test_private_machine.py: what a story finds on its machine, whatever the caller brings, and what it leaves.
+import os
+import resource
+import signal
+import subprocess
+
+import pytest
+from conftest import SOURCES, TOOLS, in_container, needs_namespaces, run
+
+PRIVATE = TOOLS / "private-machine"
+STORY = ("/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider", SOURCES / "tests/e2e/test_machine.py")
+
+
+@needs_namespaces
+def test_the_environment_is_the_same_whatever_the_callers_is():
+    odd = {"LC_ALL": "tr_TR.UTF-8", "LANGUAGE": "de", "TZ": "Pacific/Chatham", "PYTHONWARNINGS": "error",
+           "PYTHONSAFEPATH": "1", "PYTEST_ADDOPTS": "--nonsense", "DBUS_SESSION_BUS_ADDRESS": "unix:path=/nowhere",
+           "DISPLAY": ":77", "LD_PRELOAD": "", "MALLOC_PERTURB_": "7", "HOME": "/nonexistent", "TMPDIR": "/nonexistent"}
+    lines = run(PRIVATE, "env", env={"PATH": "/usr/bin:/bin", "CORVANE_BIN": "the daemon", **odd}).stdout.splitlines()
+    assert sorted(lines) == sorted([
+        "CORVANE_BIN=the daemon", "CORVANE_MACHINE=private", "HOME=/", "LANG=C.UTF-8", "TERM=dumb",
+        "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", f"PWD={SOURCES}",
+        f"PYTHONPATH={SOURCES}/tests", "PYTHONDONTWRITEBYTECODE=1"])
+
+
+@needs_namespaces
+def test_umask_limits_and_signals_are_the_same_whatever_the_callers_are():
+    def be_odd():
+        os.umask(0o077)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (256, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
+        resource.setrlimit(resource.RLIMIT_STACK, (1 << 20, resource.getrlimit(resource.RLIMIT_STACK)[1]))
+        resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, resource.getrlimit(resource.RLIMIT_FSIZE)[1]))
+        for number in (signal.SIGPIPE, signal.SIGHUP, signal.SIGTERM, signal.SIGCHLD):
+            signal.signal(number, signal.SIG_IGN)
+
+    seen = run(PRIVATE, "sh", "-c", "umask; ulimit -n; ulimit -s; ulimit -f; grep SigIgn /proc/self/status",
+               preexec_fn=be_odd).stdout.split()
+    assert seen[:1] == ["0022"]
+    assert seen[1] == str(resource.getrlimit(resource.RLIMIT_NOFILE)[1])
+    assert seen[2:4] == ["8192", "unlimited"]
+    assert seen[-1] == "0" * 16
+
+
+@needs_namespaces
+def test_a_closed_standard_input_is_replaced():
+    assert run(PRIVATE, "readlink", "/proc/self/fd/0", stdin=None, preexec_fn=lambda: os.close(0)).stdout == "/dev/null\n"
+
+
+@needs_namespaces
+def test_stories_in_a_container_leave_its_files_and_other_processes_alone():
+    script = """
+        mkdir /var/log/apt; echo kept >/var/log/apt/history; echo kept >/run/other
+        sleep 600 & other=$!
+        "$@" || exit 3
+        kill -0 $other && cat /var/log/apt/history /run/other && ls /run /var/log"""
+    done = in_container("sh", "-c", script, "sh", PRIVATE, *STORY)
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert done.stdout.split()[-7:] == ["kept", "kept", "/run:", "corvane-turn", "other", "/var/log:", "apt"]
+
+
+@needs_namespaces
+def test_a_story_in_a_container_waits_for_the_one_before_it():
+    script = '"$0" sh -c "touch /run/first; sleep 1; touch /run/done" & ' \
+             'until [ -e /run/first ]; do :; done; "$0" ls /run/done; wait'
+    done = in_container("sh", "-c", script, PRIVATE)
+    assert done.stdout == "/run/done\n", done.stderr
+
+
+@needs_namespaces
+def test_the_daemon_that_a_killed_story_left_is_not_met_by_the_next():
+    """The runner is killed with its daemon running: on a private machine nothing is left."""
+    with subprocess.Popen([PRIVATE, "sh", "-c", "sleep 4321 & echo started; wait"], stdout=subprocess.PIPE,
+                          text=True) as machine:
+        assert machine.stdout.readline() == "started\n"
+        machine.kill()
+        assert machine.stdout.read() == ""  # the end of the pipe: every process that held it is gone
+
+
+def test_a_wrong_option_is_answered_with_the_usage():
+    done = run(PRIVATE, "--nonsense", "true")
+    assert done.returncode == 2 and done.stderr.startswith("usage: private-machine ")
+
+
+@pytest.mark.parametrize("display, reason", [
+    (None, "there is no graphical session to show anything in: DISPLAY is not set"),
+    ("elsewhere:0", "DISPLAY=elsewhere:0 is no display of this machine"),
+    (":4321", "DISPLAY=:4321 has no X server: there is no /tmp/.X11-unix/X4321")])
+def test_a_session_that_cannot_be_shown_in_is_named(display, reason):
+    environment = {"PATH": "/usr/bin:/bin", **({"DISPLAY": display} if display else {})}
+    done = run(PRIVATE, "--displays", ".", "--session", "true", env=environment)
+    assert (done.returncode, done.stderr) == (1, f"private-machine: {reason}\n")
