@@ -13,8 +13,9 @@ git = git -c safe.directory='*'
 SHELL = /bin/bash
 .SHELLFLAGS = -o pipefail -c
 
-.PHONY: all install help stories whole-machine demo demo-live check check-i386 check-asan-i386 soak soak-i386 fuzz coverage lint \
-        clean bench bench-smoke deb deb-i386 check-installed check-packaging check-packaging-i386 \
+.PHONY: all install help stories whole-machine demo demo-live check check-i386 check-asan-i386 soak \
+        soak-i386 fuzz coverage lint clean bench bench-smoke deb deb-i386 \
+        check-installed check-packaging check-packaging-i386 \
         $(lints) $(addprefix build-,$(presets)) $(addprefix check-,$(presets))
 
 # Plain CMake without a preset: the user's compiler, and its warnings are no errors.
@@ -63,7 +64,8 @@ demo demo-live: stories
 	@cmake --preset release --log-level=WARNING
 	cmake --build --preset release --target corvane-cs demo-actors
 	@CORVANE_BIN=$(daemon) CORVANE_ACTORS=build/release/demo \
-	  tools/private-machine --displays . $(session) /usr/bin/python3 demo/demo.py $(pictures) $(if $(session),$$DISPLAY)
+	  tools/private-machine --displays . $(session) \
+	  /usr/bin/python3 demo/demo.py $(pictures) $(if $(session),$$DISPLAY)
 
 check: check-release
 

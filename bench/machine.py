@@ -3,7 +3,8 @@
 #
 # What is compared runs on one processor with the bus and the load: with more than one, the figures jump
 # between what a wake-up on the same and on another processor costs. Everything is started with a higher
-# priority where that is allowed, so that other work on the machine falls into as few measurements as possible.
+# priority where that is allowed, so that other work on the machine falls into as few measurements as
+# possible.
 import contextlib
 import glob
 import os
@@ -95,7 +96,8 @@ class Machine:
 
     def __enter__(self):
         # It says on standard error what it would like to have and can do without, as more descriptors.
-        self.bus, os.environ["DBUS_SESSION_BUS_ADDRESS"] = start_bus(preexec_fn=self.pin, stderr=subprocess.DEVNULL)
+        self.bus, address = start_bus(preexec_fn=self.pin, stderr=subprocess.DEVNULL)
+        os.environ["DBUS_SESSION_BUS_ADDRESS"] = address
         self.children.append(self.bus)
         self.load = self.start([f"{self.programs}/bench-load"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                text=True)

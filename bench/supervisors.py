@@ -79,7 +79,8 @@ class Supervisor:
                        "supervisor.rpcinterface_factory=supervisor.rpcinterface:make_main_rpcinterface\n")
             for number in range(services):
                 file.write(f"[program:a{number}]\ncommand={ACTOR}\nautostart=false\nstartsecs=0\n")
-        self.process = machine.start(["supervisord", "-c", f"{STAGE}/supervisor.conf"], stdout=subprocess.DEVNULL)
+        self.process = machine.start(["supervisord", "-c", f"{STAGE}/supervisor.conf"],
+                                     stdout=subprocess.DEVNULL)
         self.server = xmlrpc.client.ServerProxy("http://localhost", transport=UnixTransport())
         wait_for("supervisor", self.answers)
         self.idle = private_kib(self.process.pid)

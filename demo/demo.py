@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: MIT
 # demo.py: shows the main job of the daemon to a newcomer: on the terminal, in pictures and on a page.
 #
-# It tells the story of story.py. Run it through private-machine --displays; it writes the picture of each stage, all
-# of them in one (stations.png) and a page that lays pictures and log beside each other (index.html).
+# It tells the story of story.py. Run it through private-machine --displays; it writes the picture of each
+# stage, all of them in one (stations.png) and a page that lays pictures and log beside each other
+# (index.html).
 #
 # usage: demo.py DIRECTORY [SESSION]    SESSION: the display on which the stations are windows, for watching
 import html

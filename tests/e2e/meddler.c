@@ -9,12 +9,9 @@
 //   select=other              the first wait ends with something ready that was not asked for
 //   select=late               when the first wait is over, there is one more readable watch, of a
 //                             connection of its own
-//                             With any of them each new kind of wait is written into /run/stage/waits, /run/stage/wait.N
-//                             is made at the N-th wait, up to the third, and /run/stage/handled when a watch is
-//                             handled.
-//   connect=narrow            sockets hold a few messages only until the other side reads
-//   get=nothing               there is no connection and no error
-//   get=prepared              there is none unless the bus library was prepared for threads before
+//                             With any of them each new kind of wait is written into /run/stage/waits,
+//                             /run/stage/wait.N is made at the N-th wait, up to the third, and
+//                             /run/stage/handled when a watch is handled.
 //   get=gate                  /run/stage/gate is made before, and waited for until it is gone
 //   set_watch_functions=fail
 //   set_watch_functions=none  they are taken, and no watch is ever added
@@ -23,10 +20,11 @@
 //   register_object_path=try  the functions given are written into /run/stage/functions, and that for the end
 //                             is called
 //   send=N                    the first N messages cannot be sent
-//   fflush=hold               /run/stage/held is made by the first thread but the main one that flushes a stream,
-//                             and the stream stays locked by it
+//   fflush=hold               /run/stage/held is made by the first thread but the main one that flushes a
+//                             stream, and the stream stays locked by it
 //   usleep=short              short pauses take no time to speak of
-//   unlink=gate               /run/stage/gate is made before a file is removed, and waited for until it is gone
+//   unlink=gate               /run/stage/gate is made before a file is removed, and waited for until it is
+//                             gone
 //   symbols=abort             what writes the frames of a crash report aborts
 //   symbols=crash             it writes through a null pointer
 //   symbols=hang              it never comes back

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // stand-in.c: stands in for every actor program and writes down how it was started.
 //
-// Writes /run/stage/actors/records/PID.json (complete from the moment it exists): argv, parent, session, working
-// directory, environment, open descriptors, blocked, ignored and caught signals. Then it does what
-// /run/stage/actors/behaviour/PROGRAM says, or stays until it is killed. It is C and not a script, because a shell
-// changes the signals, descriptors and environment that it would report.
+// Writes /run/stage/actors/records/PID.json (complete from the moment it exists): argv, parent, session,
+// working directory, environment, open descriptors, blocked, ignored and caught signals. Then it does what
+// /run/stage/actors/behaviour/PROGRAM says, or stays until it is killed. It is C and not a script, because a
+// shell changes the signals, descriptors and environment that it would report.
 #include <dirent.h>
 #include <errno.h>
 #include <signal.h>

@@ -4,11 +4,12 @@
 //
 // STORM_SEED starts the random numbers, STORM_DELAYS says how many calls in a thousand come late (by up to 2
 // ms) and STORM_FAULTS how many fail. The main thread is never late: it is to meet the others where they are.
-// While /run/stage/storm/no-forks exists every fork fails; the thread's next line of the log then comes 50 ms late,
-// and /run/stage/storm/failed-forks grows by a byte before.
+// While /run/stage/storm/no-forks exists every fork fails; the thread's next line of the log then comes 50 ms
+// late, and /run/stage/storm/failed-forks grows by a byte before.
 //
-// /run/stage/storm/kills gets one line for each kill(2): pid, signal, and whether the pid was a child that had not
-// been reaped ("child") or anybody else ("stranger"), who is spared. The actors know nothing of all this.
+// /run/stage/storm/kills gets one line for each kill(2): pid, signal, and whether the pid was a child that
+// had not been reaped ("child") or anybody else ("stranger"), who is spared. The actors know nothing of all
+// this.
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>

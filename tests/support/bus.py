@@ -10,8 +10,8 @@ BUS_SOCKET = f"{STAGE}/bus"
 def start_bus(*options, path=BUS_SOCKET, **popen):
     """Starts a bus (with --session, unless options say otherwise) that listens at `path`.
 
-    Returns its process and its address. It prints the address when it listens, so that a caller can connect as
-    soon as this returns.
+    Returns its process and its address. It prints the address when it listens, so that a caller can connect
+    as soon as this returns.
     """
     bus = subprocess.Popen(["dbus-daemon", *(options or ("--session",)), "--nofork", "--print-address=1",
                             f"--address=unix:path={path}"],

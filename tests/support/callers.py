@@ -44,7 +44,7 @@ class Caller:
         return list(bodies.values())
 
     def burst(self, calls):
-        """Sends all calls before it reads the first reply; returns the replies' arguments in the calls' order."""
+        """Sends all calls before it reads the first reply; returns their arguments in that order."""
         return self.replies(self.send_all(calls))
 
     def call(self, plugin, member, signature="", *arguments):

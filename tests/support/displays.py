@@ -237,7 +237,7 @@ class Stations(Machine):
     # ---- the end ----
 
     def clean(self):
-        """As in every story; the X servers first, which remove their sockets and locks when they are asked to end."""
+        """As in every story; the X servers first, which remove their sockets when they are asked to end."""
         for screen in self.screens.values():
             screen.close()
         super().clean()

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 # machine.py: a machine with a bus, the daemon and stand-in actors, for one story at a time.
 #
-# What a story waits for it waits for with a deadline, and a deadline that passes prints the log. place.py says
-# where the story's files are, processes.py what happens to its processes.
+# What a story waits for it waits for with a deadline, and a deadline that passes prints the log. place.py
+# says where the story's files are, processes.py what happens to its processes.
 import glob
 import json
 import os
@@ -197,8 +197,8 @@ class Machine:
         def true_or_too_late():
             result = condition()
             if not result and self.daemon and self.daemon.poll() is not None and "gone" not in what:
-                raise AssertionError(f"waited in vain for {what} (the daemon ended with {self.daemon.returncode})"
-                                     f"; the log:\n{self.log_text()}")
+                raise AssertionError(f"waited in vain for {what} (the daemon ended with "
+                                     f"{self.daemon.returncode}); the log:\n{self.log_text()}")
             return result
 
         return wait_for(what, true_or_too_late, seconds, explain=lambda: f"; the log:\n{self.log_text()}")
@@ -235,7 +235,9 @@ class Machine:
     def threads(self):
         """The daemon's threads, without the thread sanitizer's own: that one alone blocks signals."""
         threads = {int(entry) for entry in os.listdir(f"/proc/{self.daemon.pid}/task")}
-        return {thread for thread in threads if not self.blocks_signals(thread)} if SANITIZER == "thread" else threads
+        if SANITIZER != "thread":
+            return threads
+        return {thread for thread in threads if not self.blocks_signals(thread)}
 
     def blocks_signals(self, thread):
         try:

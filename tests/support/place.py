@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: MIT
-# place.py: where stories happen: the daemon's fixed paths, the stage for everything else, and what they leave.
+# place.py: where stories happen: the daemon's fixed paths, the stage for everything else, and what they
+# leave.
 #
-# tools/private-machine says in CORVANE_MACHINE of what kind this machine is. On a private one everything in /run
-# and /var/log is the story's. In a container only the daemon's own files and the stage are.
+# tools/private-machine says in CORVANE_MACHINE of what kind this machine is. On a private one everything in
+# /run and /var/log is the story's. In a container only the daemon's own files and the stage are.
 import glob
 import os
 import shutil

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: MIT
 # processes.py: the processes of a story: who they are, how long to wait for one, and how all of them end.
 #
-# The runner (pytest, the demonstration, the benchmark) adopts every process that its descendants leave behind,
-# so all that a story started stays below the runner in the process table. Cleaning up terminates the runner's
-# descendants and nothing else, on a private machine as in a container that others use, too.
+# The runner (pytest, the demonstration, the benchmark) adopts every process that its descendants leave
+# behind, so all that a story started stays below the runner in the process table. Cleaning up terminates the
+# runner's descendants and nothing else, on a private machine as in a container that others use, too.
 import ctypes
 import os
 import signal
@@ -21,7 +21,7 @@ def adopt_orphans():
 
 
 def stat_of(pid):
-    """State, parent and the fields that follow them in /proc/PID/stat (proc(5)); None when there is no process."""
+    """State, parent and the fields that follow them in /proc/PID/stat (proc(5)); None without one."""
     try:
         with open(f"/proc/{pid}/stat") as file:
             return file.read().rpartition(")")[2].split()
@@ -79,7 +79,7 @@ def reap_orphans():
 
 
 def wait_for(what, condition, seconds=20, pause=0.005, explain=lambda: ""):
-    """Waits until condition() is true and returns its result; after the deadline it fails with what explain() adds."""
+    """Waits until condition() is true and returns its result; fails after the deadline, as explain() says."""
     deadline = time.monotonic() + seconds
     while True:
         result = condition()

@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: MIT
 # summary.py: counts the stories of all files: how many passed, failed and were skipped, and why.
 #
-# A file of stories is one test for CTest, which cannot say that some of it were skipped. Each file leaves a report
-# in pytest's JUnit form; files that left none have failed before their end, and CTest says so.
+# A file of stories is one test for CTest, which cannot say that some of it were skipped. Each file leaves a
+# report in pytest's JUnit form; files that left none have failed before their end, and CTest says so.
 #
 # usage: summary.py DIRECTORY    of the reports
 import sys

@@ -9,15 +9,17 @@ import pytest
 from conftest import SOURCES, TOOLS, in_container, needs_namespaces, run
 
 PRIVATE = TOOLS / "private-machine"
-STORY = ("/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider", SOURCES / "tests/e2e/test_machine.py")
+STORY = ("/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider",
+         SOURCES / "tests/e2e/test_machine.py")
 
 
 @needs_namespaces
 def test_the_environment_is_the_same_whatever_the_callers_is():
     odd = {"LC_ALL": "tr_TR.UTF-8", "LANGUAGE": "de", "TZ": "Pacific/Chatham", "PYTHONWARNINGS": "error",
-           "PYTHONSAFEPATH": "1", "PYTEST_ADDOPTS": "--nonsense", "DBUS_SESSION_BUS_ADDRESS": "unix:path=/nowhere",
-           "DISPLAY": ":77", "LD_PRELOAD": "", "MALLOC_PERTURB_": "7", "HOME": "/nonexistent", "TMPDIR": "/nonexistent"}
-    lines = run(PRIVATE, "env", env={"PATH": "/usr/bin:/bin", "CORVANE_BIN": "the daemon", **odd}).stdout.splitlines()
+           "PYTHONSAFEPATH": "1", "PYTEST_ADDOPTS": "--nonsense", "TMPDIR": "/nonexistent", "DISPLAY": ":77",
+           "DBUS_SESSION_BUS_ADDRESS": "unix:path=/nowhere", "MALLOC_PERTURB_": "7", "HOME": "/nonexistent"}
+    given = {"PATH": "/usr/bin:/bin", "CORVANE_BIN": "the daemon"}
+    lines = run(PRIVATE, "env", env={**given, **odd}).stdout.splitlines()
     assert sorted(lines) == sorted([
         "CORVANE_BIN=the daemon", "CORVANE_MACHINE=private", "HOME=/", "LANG=C.UTF-8", "TERM=dumb",
         "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", f"PWD={SOURCES}",
@@ -44,7 +46,8 @@ def test_umask_limits_and_signals_are_the_same_whatever_the_callers_are():
 
 @needs_namespaces
 def test_a_closed_standard_input_is_replaced():
-    assert run(PRIVATE, "readlink", "/proc/self/fd/0", stdin=None, preexec_fn=lambda: os.close(0)).stdout == "/dev/null\n"
+    done = run(PRIVATE, "readlink", "/proc/self/fd/0", stdin=None, preexec_fn=lambda: os.close(0))
+    assert done.stdout == "/dev/null\n"
 
 
 @needs_namespaces
