@@ -116,7 +116,7 @@ bool CapturedLog::wait_for(const std::string& line) {
     return false;
   };
   std::unique_lock hold(mutex_);
-  if (grown_.wait_until(hold, std::chrono::system_clock::now() + deadline, has_come)) return true;
+  if (grown_.wait_for(hold, deadline, has_come)) return true;
   ADD_FAILURE() << "no line \"" << line << "\" in the log:\n" << text_;
   return false;
 }

@@ -3,10 +3,16 @@
 //
 // Some of the product's functions end the process, and with status 0: called by mistake outside a death test,
 // they would end the tests in the middle with the status of success.
+//
+// What the tests inherit is made what a login shell hands on: signals that are not ignored or blocked, and
+// three open streams. The tests that abort leave no core file.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -27,7 +33,30 @@ static void refuse_to_end_within_a_test() {
   _exit(3);
 }
 
+/** The parent's choices would change what the tests see: with SIGCHLD ignored, no child can be waited for. */
+static void forget_what_the_parent_chose() {
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  close(fd);
+  for (int number = 1; number < NSIG; ++number) {
+    struct sigaction action;
+    if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) signal(number, SIG_DFL);
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  rlimit largest_file;
+  getrlimit(RLIMIT_FSIZE, &largest_file);
+  largest_file.rlim_cur = largest_file.rlim_max;
+  setrlimit(RLIMIT_FSIZE, &largest_file);
+  const rlimit no_core = {};
+  setrlimit(RLIMIT_CORE, &no_core);
+}
+
 int main(int argc, char** argv) {
+  forget_what_the_parent_chose();
   testing::InitGoogleTest(&argc, argv);
   testing::UnitTest::GetInstance()->listeners().Append(new RunningTest);  // which frees it
   atexit(refuse_to_end_within_a_test);
