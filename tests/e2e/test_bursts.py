@@ -4,6 +4,7 @@ import contextlib
 import os
 import signal
 import time
+from pathlib import Path
 
 import pytest
 
@@ -75,8 +76,8 @@ def test_a_stop_signals_the_child_alone_and_not_its_own_children(machine):
     caller = machine.caller()
     assert caller.start(":1", "xhotkey") is True
     (record,) = machine.wait_records(1)
-    children = f"/proc/{record.pid}/task/{record.pid}/children"
-    grandchild = int(machine.wait("a grandchild", lambda: open(children).read()))
+    children = Path(f"/proc/{record.pid}/task/{record.pid}/children")
+    grandchild = int(machine.wait("a grandchild", children.read_text))
     assert caller.stop(":1", "xhotkey") is True
     machine.wait_log("keep_alive field is FALSE")
     machine.wait_gone(record.pid)

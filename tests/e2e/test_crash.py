@@ -5,6 +5,7 @@ import os
 import re
 import signal
 import time
+from pathlib import Path
 
 import pytest
 
@@ -106,7 +107,7 @@ def test_a_daemon_that_crashed_can_be_started_again_at_once(bare):
     assert time.monotonic() - begin < 2
     bare.wait("the old log to be moved aside", lambda: os.path.exists(LOG + ".old"))
     bare.wait_log(r"Start mainloop")
-    assert "Catch segfault signal." in open(LOG + ".old").read()
+    assert "Catch segfault signal." in Path(LOG + ".old").read_text()
 
 
 @pytest.mark.parametrize("step, function", [("get", "ccs_get_system_conn"),

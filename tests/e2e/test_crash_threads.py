@@ -49,6 +49,8 @@ def forget(machine):
         return failure.value.args[0] == "org.freedesktop.DBus.Error.ServiceUnknown"
 
     machine.wait("the name to be gone", nobody_is_there)
+    machine.daemon.stdout.close()
+    machine.daemon.stderr.close()
     os.unlink(LOG)
     for name in os.listdir("/run/stage/actors/records"):
         os.unlink(f"/run/stage/actors/records/{name}")

@@ -180,6 +180,10 @@ class Ground:
             client.close()
         del self.clients[1:]
 
+    def close(self):
+        self.clean()
+        self.bystander.close()
+
     def serves_at_once(self):
         """A caller that is there already and a new one are both served."""
         for client in (self.bystander, self.client()):
@@ -211,10 +215,8 @@ def own_limit():
 
 @pytest.fixture
 def ground(bare):
-    ground = Ground(bare)
-    yield ground
-    ground.clean()
-    ground.bystander.close()
+    with contextlib.closing(Ground(bare)) as ground:
+        yield ground
 
 
 # ---- the cases ----
@@ -749,13 +751,13 @@ def test_a_hostile_caller_harms_nobody(ground, name):
 
 @many_descriptors
 def test_a_message_of_as_many_descriptors_as_the_kernel_carries_ends_nobody(bare):
-    ground = Ground(bare, '<limit name="max_message_unix_fds">250</limit>')
-    client = ground.client()
-    with tempfile.TemporaryFile(dir="/run") as file:
-        for count in (17, 250):
-            client.send(call("Start", count * "h", count * [file]))
-    client.settle()
-    ground.serves_at_once()
+    with contextlib.closing(Ground(bare, '<limit name="max_message_unix_fds">250</limit>')) as ground:
+        client = ground.client()
+        with tempfile.TemporaryFile(dir="/run") as file:
+            for count in (17, 250):
+                client.send(call("Start", count * "h", count * [file]))
+        client.settle()
+        ground.serves_at_once()
 
 
 def full_of_descriptors(client, file, count, is_told_in_the_body):
@@ -773,21 +775,25 @@ def full_of_descriptors(client, file, count, is_told_in_the_body):
 @pytest.mark.parametrize("is_told_in_the_body", [True, False])
 def test_more_descriptors_at_once_than_the_daemon_may_open_end_nobody(bare, is_told_in_the_body):
     few = 300  # one message of 253, and what the daemon has open itself; two such messages are too many
-    ground = Ground(bare, '<limit name="max_message_unix_fds">253</limit>',
-                    preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (few, few)))
-    descriptors = ground.descriptors()
-    client = ground.client()
     messages, at_once = 40, IN_FLIGHT // 253
-    with tempfile.TemporaryFile(dir="/run") as file:
-        for sent in range(0, messages, at_once):
-            bare.daemon.send_signal(signal.SIGSTOP)
-            for _ in range(min(at_once, messages - sent)):
-                full_of_descriptors(client, file, 253, is_told_in_the_body)
-            ground.ask_bus(client, "GetId")  # the bus has read them all
-            bare.daemon.send_signal(signal.SIGCONT)
-            client.settle()
-    ground.serves_at_once()
-    assert ground.descriptors() == descriptors
+
+    def restrict():
+        resource.setrlimit(resource.RLIMIT_NOFILE, (few, few))
+
+    many = '<limit name="max_message_unix_fds">253</limit>'
+    with contextlib.closing(Ground(bare, many, preexec_fn=restrict)) as ground:
+        descriptors = ground.descriptors()
+        client = ground.client()
+        with tempfile.TemporaryFile(dir="/run") as file:
+            for sent in range(0, messages, at_once):
+                bare.daemon.send_signal(signal.SIGSTOP)
+                for _ in range(min(at_once, messages - sent)):
+                    full_of_descriptors(client, file, 253, is_told_in_the_body)
+                ground.ask_bus(client, "GetId")  # the bus has read them all
+                bare.daemon.send_signal(signal.SIGCONT)
+                client.settle()
+        ground.serves_at_once()
+        assert ground.descriptors() == descriptors
 
 
 # ---- chance ----

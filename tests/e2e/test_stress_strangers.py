@@ -28,12 +28,15 @@ class Children:
     """The last child of each group, read off the log as it grows."""
 
     def __init__(self):
-        self.log = open(LOG)
+        self.read = 0
         self.rest = ""
         self.last = {}
 
     def __getitem__(self, group):
-        self.rest += self.log.read()
+        with open(LOG) as log:
+            log.seek(self.read)
+            self.rest += log.read()
+            self.read = log.tell()
         whole = self.rest.rfind("\n") + 1
         for display, code, pid in LAUNCH.findall(self.rest[:whole]):
             self.last[int(display), ACTOR_OF_CODE[code]] = int(pid)
