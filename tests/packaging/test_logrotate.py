@@ -66,7 +66,7 @@ def slow_truncation(tmp_path):
 
 def logrotate(installed, *options, environment=None):
     """Runs logrotate with the installed snippet alone; a completed process."""
-    return subprocess.run(["logrotate", "--state", "/run/stage/logrotate.state", *options,
+    return subprocess.run(["/usr/sbin/logrotate", "--state", "/run/stage/logrotate.state", *options,
                            str(installed / "etc/logrotate.d/corvane-cs")],
                           env=environment, capture_output=True, text=True, timeout=60)
 

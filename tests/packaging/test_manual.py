@@ -77,7 +77,8 @@ def test_the_pages_are_those_of_the_daemon_and_of_each_of_its_objects(machine, m
 @pytest.mark.parametrize("command", [["man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z"],
                                      ["mandoc", "-Tlint", "-W", "warning"]], ids=lambda command: command[0])
 def test_the_formatters_have_no_complaint(manual, page, command):
-    done = subprocess.run([*command, manual / page], capture_output=True, text=True)
+    done = subprocess.run([*command, manual / page], capture_output=True, text=True,
+                          env={**os.environ, "MANWIDTH": "80"})
     assert (done.returncode, done.stderr) == (0, "")
     if command[0] == "mandoc":
         assert done.stdout == ""
