@@ -3,7 +3,8 @@
 //
 // An ignored signal stays ignored across exec (execve(2)), so what the daemon or a library of it ignores
 // would silently change every actor. A caught signal is reset by exec, but until then a crash of the child
-// would be reported as the daemon's, and take away its pid file.
+// would be reported as the daemon's, and take away its pid file. SIGTERM is the exception: a stop is a
+// SIGTERM, so every actor gets it at its default and unblocked, however the daemon was started.
 #include "common/signals.h"
 
 #include <csignal>
@@ -13,7 +14,7 @@ struct Disposition {
   struct sigaction at_start;
 };
 
-static sigset_t mask_at_start;
+static sigset_t actor_mask;  // that of the start, without SIGTERM
 static Disposition dispositions[] = {
     {SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}, {SIGABRT, {}}};
 
@@ -23,11 +24,13 @@ void signals_take_over() {
   sigset_t crash;
   sigemptyset(&crash);
   sigaddset(&crash, SIGSEGV);
-  pthread_sigmask(SIG_UNBLOCK, &crash, &mask_at_start);
+  pthread_sigmask(SIG_UNBLOCK, &crash, &actor_mask);
+  sigdelset(&actor_mask, SIGTERM);
 }
 
 void signals_give_back() {
   for (const Disposition& disposition : dispositions)
     sigaction(disposition.signal, &disposition.at_start, nullptr);
-  pthread_sigmask(SIG_SETMASK, &mask_at_start, nullptr);
+  signal(SIGTERM, SIG_DFL);
+  pthread_sigmask(SIG_SETMASK, &actor_mask, nullptr);
 }

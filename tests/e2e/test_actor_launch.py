@@ -152,6 +152,24 @@ def test_a_daemon_started_with_one_of_its_own_signals_ignored_hands_on_that_one_
     assert {signal.SIGPIPE, signal.SIGCHLD} & set(record.ignored) == {number}
 
 
+@pytest.mark.parametrize("how", ["ignored", "blocked"])
+def test_a_stop_reaches_the_actor_of_a_daemon_that_was_started_with_sigterm_kept_away(bare, how):
+    def keep_sigterm_away():
+        if how == "ignored":
+            signal.signal(signal.SIGTERM, signal.SIG_IGN)
+        else:
+            signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM])
+
+    bare.start_bus()
+    bare.start_daemon(preexec_fn=keep_sigterm_away)
+    caller = bare.caller()
+    assert caller.start(":1", "xhotkey") is True
+    (record,) = bare.wait_records(1)
+    assert signal.SIGTERM not in record.ignored and signal.SIGTERM not in record.blocked
+    assert caller.stop(":1", "xhotkey") is True
+    bare.wait_gone(record.pid)
+
+
 # ---- programs ----
 
 

@@ -40,7 +40,8 @@ class Signals : public testing::Test {
     int number;
     struct sigaction action;
   };
-  Before before_[5] = {{SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}, {SIGABRT, {}}};
+  Before before_[6] = {{SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}},
+                       {SIGALRM, {}}, {SIGABRT, {}}, {SIGTERM, {}}};
 };
 
 void handle(int) {}
@@ -99,6 +100,14 @@ TEST_F(Signals, what_ends_a_crash_report_is_not_the_childrens) {
   }
 }
 
+TEST_F(Signals, sigterm_reaches_children_of_a_daemon_that_was_started_with_it_ignored) {
+  signal(SIGTERM, SIG_IGN);
+  signals_take_over();
+  EXPECT_EQ(handler_of(SIGTERM), SIG_IGN) << "the daemon's own is left as it is";
+  signals_give_back();
+  EXPECT_EQ(handler_of(SIGTERM), SIG_DFL);
+}
+
 TEST_F(Signals, a_crash_is_reported_although_its_signal_was_blocked_and_no_other_signal_is_touched) {
   sigset_t before;
   sigset_t none;
@@ -125,6 +134,8 @@ TEST_F(Signals, a_crash_is_reported_although_its_signal_was_blocked_and_no_other
     const std::set<int> given_back = blocked();
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     EXPECT_EQ(taken_over, expected);
-    EXPECT_EQ(given_back, at_start) << "an actor gets the mask that the daemon got";
+    std::set<int> for_actors = at_start;
+    for_actors.erase(SIGTERM);
+    EXPECT_EQ(given_back, for_actors) << "an actor gets the mask that the daemon got, without SIGTERM";
   }
 }
