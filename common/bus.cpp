@@ -12,10 +12,13 @@
 static constexpr int most_attempts = 1000;
 static constexpr useconds_t pause_microseconds = 1000;
 
+// Sends, flushes and then releases the reply; false, with nothing sent, when memory is short.
 static bool try_to_reply(DBusConnection* connection, DBusMessage* call, int type, const void* value) {
   const MessageOwner reply(dbus_message_new_method_return(call));
-  return reply && dbus_message_append_args(reply.get(), type, value, DBUS_TYPE_INVALID) &&
-         dbus_connection_send(connection, reply.get(), nullptr);
+  const bool is_sent = reply && dbus_message_append_args(reply.get(), type, value, DBUS_TYPE_INVALID) &&
+                       dbus_connection_send(connection, reply.get(), nullptr);
+  if (is_sent) dbus_connection_flush(connection);
+  return is_sent;
 }
 
 void bus_reply(DBusConnection* connection, DBusMessage* call, int type, const void* value) {
@@ -26,7 +29,6 @@ void bus_reply(DBusConnection* connection, DBusMessage* call, int type, const vo
     }
     usleep(pause_microseconds);
   }
-  dbus_connection_flush(connection);
 }
 
 void bus_dispatch_one(DBusConnection* connection) {

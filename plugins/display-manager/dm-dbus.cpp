@@ -91,6 +91,7 @@ DBusHandlerResult dbus_dm_start(DBusConnection* connection, DBusMessage* message
   event->proc = proc_method_start;
   if (add_station_event(event, display_num) != 0) {
     log_debug("{DM} Unable to add event\n");
+    event.reset();
     return answer(connection, message, FALSE);
   }
   return answer(connection, message, TRUE);
@@ -126,6 +127,7 @@ DBusHandlerResult dbus_dm_stop(DBusConnection* connection, DBusMessage* message,
   event->proc = proc_method_stop;
   if (add_station_event(event, display_num) != 0) {
     log_debug("{DM} Unable to add event\n");
+    event.reset();
     return answer(connection, message, FALSE);
   }
   return answer(connection, message, TRUE);

@@ -329,6 +329,25 @@ TEST_F(Start, an_event_that_cannot_be_queued_is_freed_and_answered_false) {
   EXPECT_EQ(memory.sizes_left(), (std::vector<size_t>{sizeof(Station)})) << "the event is freed";
 }
 
+TEST_F(Start, an_event_that_cannot_be_queued_is_freed_before_the_caller_is_answered) {
+  Station* station = nullptr;
+  MemoryBook memory;
+  const auto real_malloc = fakes.malloc;
+  fakes.malloc = [&](size_t size) {
+    if (size == sizeof(StationEvent)) station = context.stations.exchange(nullptr);
+    return real_malloc(size);
+  };
+  std::vector<size_t> left_at_the_answer;
+  const auto send = fakes.dbus_connection_send;
+  fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
+    left_at_the_answer = memory.sizes_left();
+    return send(on, reply, serial);
+  };
+  start({":1", "xhotkey", "PCI"});
+  EXPECT_EQ(left_at_the_answer, (std::vector<size_t>{sizeof(Station)}));
+  EXPECT_EQ(sent, answered_false);
+}
+
 TEST_F(Start, the_event_is_queued_before_the_caller_is_answered) {
   const auto send = fakes.dbus_connection_send;
   bool was_queued = false;
@@ -393,6 +412,19 @@ TEST_F(Stop, a_display_without_a_station_is_answered_false_and_gets_none) {
                    in_stop("{DM} Unable to add event")}));
   EXPECT_EQ(context.stations, nullptr);
   EXPECT_EQ(memory.blocks_left(), 0U) << "the event is freed";
+}
+
+TEST_F(Stop, an_event_that_cannot_be_queued_is_freed_before_the_caller_is_answered) {
+  MemoryBook memory;
+  size_t left_at_the_answer = 99;
+  const auto send = fakes.dbus_connection_send;
+  fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
+    left_at_the_answer = memory.blocks_left();
+    return send(on, reply, serial);
+  };
+  stop({":1", "xhotkey"});
+  EXPECT_EQ(left_at_the_answer, 0U);
+  EXPECT_EQ(sent, answered_false);
 }
 
 TEST_F(Stop, too_few_arguments_are_left_unhandled_without_a_reply) {

@@ -70,6 +70,20 @@ TEST_F(BusReply, the_reply_is_released_and_the_call_stays_the_callers) {
   EXPECT_STREQ(dbus_message_get_member(call.get()), "Member");
 }
 
+TEST_F(BusReply, the_reply_is_released_when_it_has_been_sent_and_flushed) {
+  fakes.dbus_message_new_method_return = [&](DBusMessage* of) {
+    MessageOwner message(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN));
+    dbus_message_set_reply_serial(message.get(), dbus_message_get_serial(of));
+    static dbus_int32_t slot = -1;
+    dbus_message_allocate_data_slot(&slot);
+    dbus_message_set_data(message.get(), slot, &sent,
+                          [](void* calls) { static_cast<Sent*>(calls)->push_back("release"); });
+    return message.release();
+  };
+  reply_true();
+  EXPECT_EQ(sent, (Sent{"send b true to 7", "flush", "release"}));
+}
+
 TEST_F(BusReply, a_reply_that_cannot_be_made_is_tried_a_thousand_times) {
   fakes.dbus_message_new_method_return = [this](DBusMessage*) -> DBusMessage* {
     ++attempts;
