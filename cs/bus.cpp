@@ -75,10 +75,13 @@ void ccs_set_watch_functions(BusState* bus) {
     const BusError error;  // never set by the call below, and its message is then null
     installed = dbus_connection_set_watch_functions(bus->connection, ccs_add_watch, ccs_toggle_watch,
                                                     ccs_remove_watch, bus, nullptr) != 0;
-    if (!installed) log_debug("dbus_connection_set_watch_functions(): %s\n", error.message());
+    if (installed) {
+      bus_dispatch_one(bus->connection);
+    } else {
+      log_debug("dbus_connection_set_watch_functions(): %s\n", error.message());
+    }
   }
   if (!installed) ccs_fatal_exit();
-  bus_dispatch_one(bus->connection);
 }
 
 void ccs_request_service_name(BusState* bus) {
@@ -88,10 +91,13 @@ void ccs_request_service_name(BusState* bus) {
     log_debug("Request service name: %s\n", service_name);
     result =
         dbus_bus_request_name(bus->connection, service_name, DBUS_NAME_FLAG_REPLACE_EXISTING, error.get());
-    if (result == -1) log_debug("{EE} dbus_bus_request_name(): %s\n", error.message());
+    if (result == -1) {
+      log_debug("{EE} dbus_bus_request_name(): %s\n", error.message());
+    } else {
+      bus_dispatch_one(bus->connection);
+    }
   }
   if (result == -1) ccs_fatal_exit();
-  bus_dispatch_one(bus->connection);
 }
 
 void ccs_build_read_set(const BusState* bus, fd_set* readable) {

@@ -36,10 +36,13 @@ void ccs_register_objects(DBusConnection* connection, const DBusObjectPathVTable
       log_debug("path=%s\n", plugin->path);
       registered =
           dbus_connection_register_object_path(connection, plugin->path, object_functions, plugin) != 0;
-      if (!registered) log_debug("{EE}dbus_connection_register_object_path(): %s\n", error.message());
+      if (registered) {
+        bus_dispatch_one(connection);
+      } else {
+        log_debug("{EE}dbus_connection_register_object_path(): %s\n", error.message());
+      }
     }
     if (!registered) ccs_fatal_exit();
-    bus_dispatch_one(connection);
   }
 }
 

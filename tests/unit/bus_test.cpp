@@ -312,6 +312,19 @@ TEST_F(Bus, the_functions_for_removing_and_toggling_are_crossed) {
   EXPECT_EQ(log.text(), "");
 }
 
+TEST_F(Bus, the_error_of_a_step_is_freed_when_the_step_has_dispatched) {
+  fakes.dbus_error_free = [this](DBusError*) { calls.push_back("free"); };
+  fakes.dbus_connection_set_watch_functions = [](DBusConnection*, DBusAddWatchFunction,
+                                                 DBusRemoveWatchFunction, DBusWatchToggledFunction, void*,
+                                                 DBusFreeFunction) { return dbus_bool_t{TRUE}; };
+  ccs_set_watch_functions(&bus);
+  EXPECT_EQ(calls, (Calls{"dispatch", "free"}));
+  calls.clear();
+  fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError*) { return 1; };
+  ccs_request_service_name(&bus);
+  EXPECT_EQ(calls, (Calls{"dispatch", "free"}));
+}
+
 TEST_F(BusDeathTest, watch_functions_that_cannot_be_set_are_fatal) {
   EXPECT_EXIT(
       {

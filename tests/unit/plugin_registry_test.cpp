@@ -118,6 +118,14 @@ TEST_F(PluginRegistry, each_plugin_is_initialised_just_before_its_own_path_is_re
                    line("ccs_register_objects", "path=/third")}));
 }
 
+TEST_F(PluginRegistry, the_error_of_a_registration_is_freed_when_it_has_dispatched) {
+  fakes.dbus_error_free = [this](DBusError*) { calls_.push_back("free"); };
+  register_objects();
+  EXPECT_EQ(calls_, (Calls{"init First", "register /first for First", "dispatch", "free",     //
+                           "init Second", "register /second for Second", "dispatch", "free",  //
+                           "init Third", "register /third for Third", "dispatch", "free"}));
+}
+
 TEST_F(PluginRegistry, a_call_stays_in_the_queue_until_all_objects_are_there) {
   first_in_queue_.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
   register_objects();
