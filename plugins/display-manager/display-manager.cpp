@@ -128,16 +128,17 @@ static Station* find_station(const PluginContext* context, int display_num) {
 
 // Null when memory is short.
 static Station* new_station(const char* display, int display_num, int station_type) {
-  TextOwner display_copy(strdup(display));
   void* memory = malloc(sizeof(Station));
-  if (!display_copy || !memory) {
+  if (!memory) return nullptr;
+  char* display_copy = strdup(display);
+  if (!display_copy) {
     free(memory);
     return nullptr;
   }
   auto* station = new (memory) Station{};
   sem_init(&station->launched, 0, 0);
   station->display_num = display_num;
-  station->display = display_copy.release();
+  station->display = display_copy;
   station->station_type = station_type;
   return station;
 }
@@ -321,15 +322,15 @@ static pid_t fork_from(void* stack) {
   return child;
 }
 
-// Forks and records the child. Returns its pid, -1 when there is none (the group is then idle), or 0 when
-// the group belongs to a thread newer than `number`, whose child must stay the only one.
+// Forks and records the child; called with the group's mutex held. Returns its pid, -1 when there is none
+// (the caller then marks the group idle), or 0 when the group belongs to a thread newer than `number`, whose
+// child must stay the only one.
 static pid_t launch(ActorGroup& group, unsigned number, void* stack, char* const* argv) {
-  const MutexHold hold(group.child_mutex);
   if (group.newest != number) return 0;
   const pid_t child = fork_from(stack);
   group.child_pid = child;
   if (child == 0) run_actor(argv);
-  group.is_running = child > 0 ? 1 : 0;
+  if (child > 0) group.is_running = 1;
   group.child_reaped = false;
   return child;
 }
@@ -394,13 +395,17 @@ void* method_start_thread(void* thread_start) {
     for (char** argument = argv; *argument; ++argument) {
       log_debug("{DM} method_start_thread(): %s\n", *argument);
     }
-    const pid_t child = launch(group, number, stack, argv);
-    if (child < 0) {
-      log_debug("{DM} Unable to create child process. Login thread for display %d\n", display_num);
-      dm_free_argv(argv);
-      return nullptr;
+    pid_t child = 0;
+    {
+      const MutexHold hold(group.child_mutex);
+      child = launch(group, number, stack, argv);
+      if (child < 0) {
+        log_debug("{DM} Unable to create child process. Login thread for display %d\n", display_num);
+        group.is_running = 0;
+      }
     }
     dm_free_argv(argv);
+    if (child < 0) return nullptr;
     if (child > 0) {
       log_debug("DISPLAY=:%d, actor_code=%d, child=%d\n", display_num, actor_code, child);
       notice.give();

@@ -156,6 +156,24 @@ TEST_F(StartStationThread, without_memory_for_the_record_nothing_is_left) {
                                   {"Start a new station thread for :5", "{DM} Unable to allocate memory."}));
 }
 
+TEST_F(StartStationThread, the_record_is_allocated_before_the_display_is_copied) {
+  MemoryBook memory;
+  std::vector<size_t> taken_at_copy;
+  int copies = 0;
+  const auto book_strdup = fakes.strdup;
+  fakes.strdup = [&](const char* text) {
+    taken_at_copy = memory.sizes_taken();
+    ++copies;
+    return book_strdup(text);
+  };
+  start(5);
+  EXPECT_EQ(taken_at_copy, (std::vector<size_t>{sizeof(Station)}));
+  memory.fail_malloc(1);
+  EXPECT_EQ(start(6), -1);
+  EXPECT_EQ(copies, 1) << "nothing is copied for a record that is missing";
+  context.stations = nullptr;  // the book frees it
+}
+
 TEST_F(StartStationThread, without_memory_for_the_display_nothing_is_left) {
   MemoryBook memory;
   memory.fail_strdup(1);

@@ -208,6 +208,32 @@ TEST_F(MethodStartThread, a_failed_fork_behind_the_pause_makes_the_group_idle) {
   EXPECT_EQ(calls.back(), "fork");
 }
 
+TEST_F(MethodStartThread, a_failed_fork_is_logged_and_then_makes_the_group_idle_in_one_hold_of_its_mutex) {
+  claim();
+  on_sleep = [&] { fork_fails = true; };
+  bool has_failed = false;
+  on_fork = [&] { has_failed = fork_fails; };
+  int running_at_the_line = -1;
+  bool held_at_the_line = false;
+  fakes.time = [&] {  // taken for each line
+    running_at_the_line = entry().is_running;
+    held_at_the_line = is_held(child_mutex());
+    return time_t{1};
+  };
+  std::vector<int> running_at_unlock;
+  fakes.seen_unlock = [&](pthread_mutex_t* mutex) {
+    if (mutex == &child_mutex() && has_failed) running_at_unlock.push_back(entry().is_running);
+  };
+  supervise(2);
+  fakes.seen_unlock = nullptr;
+  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
+                                        "{DM} Unable to create child process. "
+                                        "Login thread for display 3"));
+  EXPECT_EQ(running_at_the_line, 1);
+  EXPECT_TRUE(held_at_the_line);
+  EXPECT_EQ(running_at_unlock, (std::vector<int>{0}));
+}
+
 // ---- method_start_thread: launches --------------------------------------------------------------------
 
 TEST_F(MethodStartThread, a_child_is_launched_waited_for_and_not_launched_again_after_a_stop) {
