@@ -31,9 +31,16 @@ void bus_reply(DBusConnection* connection, DBusMessage* call, int type, const vo
   }
 }
 
-void bus_dispatch_one(DBusConnection* connection) {
+MessageOwner bus_first_message(DBusConnection* connection) {
   DBusMessage* first = dbus_connection_borrow_message(connection);
-  const bool is_call = first && dbus_message_get_type(first) == DBUS_MESSAGE_TYPE_METHOD_CALL;
-  if (first) dbus_connection_return_message(connection, first);
+  if (!first) return nullptr;
+  MessageOwner kept(dbus_message_ref(first));
+  dbus_connection_return_message(connection, first);
+  return kept;
+}
+
+void bus_dispatch_one(DBusConnection* connection) {
+  const MessageOwner first = bus_first_message(connection);
+  const bool is_call = first && dbus_message_get_type(first.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL;
   if (!is_call) dbus_connection_dispatch(connection);
 }

@@ -38,6 +38,12 @@ class BusError {
 void bus_reply(DBusConnection* connection, DBusMessage* call, int type, const void* value);
 
 /**
+ * The message that is dispatched next, which stays in the queue of `connection`; null when there is none. The
+ * owner holds a reference of its own. Main thread.
+ */
+MessageOwner bus_first_message(DBusConnection* connection);
+
+/**
  * Dispatches one message of `connection`, but for a call, which stays first in the queue: while objects are
  * being registered it could be refused for one that is there a moment later. Main thread, during set-up.
  */

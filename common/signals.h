@@ -11,7 +11,7 @@
 void signals_take_over();
 
 /**
- * Gives all of this back as it stood at signals_take_over, and sets SIGTERM to its default, unblocked, so that
- * a stop reaches the actor. Between fork and exec: it makes nothing but async-signal-safe calls.
+ * Gives all of this back as it stood at signals_take_over, and sets SIGTERM to its default, unblocked, so
+ * that a stop reaches the actor. Between fork and exec: it makes nothing but async-signal-safe calls.
  */
 void signals_give_back();

@@ -9,16 +9,20 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
+#include <algorithm>
+#include <utility>
 
 #include "common/bus.h"
 #include "common/logger.h"
 #include "cs/plugin-registry.h"
 
-static constexpr useconds_t memory_pause_microseconds = 1000;
-static constexpr int most_memory_pauses = 10000;
+static constexpr useconds_t first_memory_pause_microseconds = 1000;
+static constexpr useconds_t longest_memory_pause_microseconds = 1000 * 1000;
 static constexpr long most_descriptors = 253;  // SCM_MAX_FD of unix(7): no message carries more
 static constexpr const char* service_name = "com.corvane.ControlServer";
+
+static useconds_t memory_pause =
+    0;  // the last one of a shortage of memory, 0 while there is none; main thread
 
 static const char* watch_kind(unsigned flags) {
   const bool readable = (flags & DBUS_WATCH_READABLE) != 0;
@@ -109,24 +113,35 @@ void ccs_build_read_set(const BusState* bus, fd_set* readable) {
   FD_SET(bus->fd, readable);
 }
 
+// A message that the library had no memory to dispatch stays first in the queue, and the library then says
+// only that data remains.
 DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection) {
   dbus_connection_ref(connection);
   DBusDispatchStatus status = DBUS_DISPATCH_DATA_REMAINS;
-  while (status == DBUS_DISPATCH_DATA_REMAINS) status = dbus_connection_dispatch(connection);
+  MessageOwner first;
+  while (status == DBUS_DISPATCH_DATA_REMAINS) {
+    status = dbus_connection_dispatch(connection);
+    if (status != DBUS_DISPATCH_DATA_REMAINS) break;
+    MessageOwner next = bus_first_message(connection);
+    if (next && next == first) status = DBUS_DISPATCH_NEED_MEMORY;
+    first = std::move(next);
+  }
   dbus_connection_unref(connection);
   return status;
 }
 
+// Lets other processes free memory. There is no way out of serving, so a shortage may last: it is logged when
+// it begins, and each pause is twice as long as the one before, up to a second.
+static void pause_for_memory() {
+  if (memory_pause == 0) log_debug("{EE} No memory for the next message\n");
+  memory_pause = memory_pause == 0 ? first_memory_pause_microseconds
+                                   : std::min(2 * memory_pause, longest_memory_pause_microseconds);
+  usleep(memory_pause);
+}
+
 void ccs_dispatch_and_flush(DBusConnection* connection) {
   do {
-    int pauses = 0;
-    while (ccs_dispatch_all(connection) == DBUS_DISPATCH_NEED_MEMORY) {
-      if (++pauses == most_memory_pauses) {
-        log_debug("{EE} No memory for the next message\n");
-        exit(1);
-      }
-      usleep(memory_pause_microseconds);
-    }
+    while (ccs_dispatch_all(connection) == DBUS_DISPATCH_NEED_MEMORY) pause_for_memory();
     dbus_connection_flush(connection);  // reads, too, while it waits for room
     // The library may say only now that memory was short for a call that it holds.
   } while (dbus_connection_get_dispatch_status(connection) != DBUS_DISPATCH_COMPLETE);
@@ -136,7 +151,14 @@ bool ccs_is_ready(const BusState* bus, const fd_set* ready) {
   return bus->fd >= 0 && bus->fd < FD_SETSIZE && FD_ISSET(bus->fd, ready);
 }
 
+// A watch that cannot be handled is dispatched all the same: what came before may be served. Its data is
+// still there, and select(2) returns at once, so that only the pause keeps the loop from being a busy one.
 void ccs_serve_watch(const BusState* bus) {
-  dbus_watch_handle(bus->watch, DBUS_WATCH_READABLE);
+  const bool is_handled = dbus_watch_handle(bus->watch, DBUS_WATCH_READABLE) != 0;
   ccs_dispatch_and_flush(bus->connection);
+  if (is_handled) {
+    memory_pause = 0;
+  } else {
+    pause_for_memory();
+  }
 }

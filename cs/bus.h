@@ -43,20 +43,21 @@ void ccs_request_service_name(BusState* bus);
 void ccs_build_read_set(const BusState* bus, fd_set* readable);
 
 /**
- * Dispatches what the bus library holds until nothing remains or memory is short.
- * Returns DBUS_DISPATCH_COMPLETE or DBUS_DISPATCH_NEED_MEMORY.
+ * Dispatches what the bus library holds until nothing remains or memory is short, also where the library does
+ * not say so: then its first message does not change. Returns DBUS_DISPATCH_COMPLETE or
+ * DBUS_DISPATCH_NEED_MEMORY.
  */
 DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection);
 
 /**
  * Leaves nothing with the bus library that the next wait could delay: dispatches, again after a pause while
- * memory is short, and flushes the answers that the library gave itself. A shortage that the library reports
- * for ten seconds ends the process with status 1.
+ * memory is short, and flushes the answers that the library gave itself. Returns only when all is done: a
+ * shortage of memory is waited for, however long it lasts, and logged once.
  */
 void ccs_dispatch_and_flush(DBusConnection* connection);
 
 /** Whether the watch's descriptor is in `ready`; a descriptor that no set can hold is in none. */
 bool ccs_is_ready(const BusState* bus, const fd_set* ready);
 
-/** Reads from the ready watch and dispatches what came. */
+/** Reads from the ready watch and dispatches what came. Pauses when memory was too short to read. */
 void ccs_serve_watch(const BusState* bus);

@@ -3,9 +3,8 @@
 //
 // The main thread sets everything up, step by step, and then serves the bus for ever: it alone touches the
 // connection, and every plugin's handler runs on it and never waits for an actor. There is no orderly end:
-// the process is ended by a signal, by the bus library when the bus is gone, with status 1 by
-// ccs_dispatch_and_flush when memory stays short, by abort(3) at a limit of the system, or by a crash, which
-// is reported.
+// the process is ended by a signal, by the bus library when the bus is gone, by abort(3) at a limit of the
+// system, or by a crash, which is reported.
 #include <dbus/dbus.h>
 #include <execinfo.h>
 #include <malloc.h>

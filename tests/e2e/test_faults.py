@@ -1,11 +1,13 @@
 # SPDX-License-Identifier: MIT
 # test_faults.py: what the display manager says and keeps when a thread, a process or memory cannot be had.
 import os
+import re
+import resource
 import signal
+import time
 
 import pytest
-
-from support.callers import plugin_call
+from machine import not_under_a_sanitizer, plugin_call
 from transcript import START, STOP, begun, launch, now, transcript
 
 
@@ -19,6 +21,46 @@ def faulty(bare):
 
 def row(position, display, code=1):
     return ("dm_start_station_thread", f"#{position} station: display_num={display}, type={code}")
+
+
+# ---- memory for messages ----
+
+
+def memory_of(machine, field):
+    with open(f"/proc/{machine.daemon.pid}/status") as file:
+        return int(re.search(rf"{field}:\s*(\d+)", file.read())[1])
+
+
+def processor_seconds(machine):
+    with open(f"/proc/{machine.daemon.pid}/stat") as file:
+        times = file.read().rpartition(")")[2].split()[11:13]
+    return sum(map(int, times)) / os.sysconf("SC_CLK_TCK")
+
+
+@not_under_a_sanitizer("its own memory is beyond every limit")
+def test_at_its_memory_limit_the_daemon_waits_without_being_busy_and_then_serves_every_call(machine):
+    caller, other = machine.caller(), machine.caller()
+    no_limit = resource.prlimit(machine.daemon.pid, resource.RLIMIT_AS)
+    limit = memory_of(machine, "VmSize") * 1024 + 2**20
+    resource.prlimit(machine.daemon.pid, resource.RLIMIT_AS, (limit, no_limit[1]))
+    large = caller.send_all([plugin_call("Dummy", "HelloWorld", "ay", bytes(30_000_000))])
+    machine.wait_log(r"\{EE\} No memory for the next message$")
+    behind = other.send_all([plugin_call("Dummy", "HelloWorld"),
+                             plugin_call("DisplayManager", "Start", "sss", ":1", "xhotkey", "PCI")])
+
+    # Each pause is a wait; a busy loop has none.
+    waits = memory_of(machine, "voluntary_ctxt_switches")
+    begin, busy = time.monotonic(), processor_seconds(machine)
+    machine.wait("ten pauses", lambda: memory_of(machine, "voluntary_ctxt_switches") >= waits + 10, 20)
+    assert processor_seconds(machine) - busy < 0.5 * (time.monotonic() - begin)
+    assert machine.records() == []
+
+    resource.prlimit(machine.daemon.pid, resource.RLIMIT_AS, no_limit)
+    assert caller.replies(large) == [("How are you?",)]
+    assert other.replies(behind) == [("How are you?",), (True,)]
+    machine.wait_records(1)
+    assert caller.hello() == "How are you?"
+    assert machine.texts().count("{EE} No memory for the next message") == 1
 
 
 # ---- threads ----
