@@ -5,9 +5,17 @@
 #include <time.h>
 #include <unistd.h>
 
-pid_t fork(void) {
+static pid_t slow_fork(const char* name) {
   const struct timespec tenth = {.tv_sec = 0, .tv_nsec = 100 * 1000 * 1000};
   clock_nanosleep(CLOCK_MONOTONIC, 0, &tenth, NULL);
-  pid_t (*const real)(void) = (pid_t(*)(void))dlsym(RTLD_NEXT, "fork");
+  pid_t (*const real)(void) = (pid_t(*)(void))dlsym(RTLD_NEXT, name);
   return real();
+}
+
+pid_t fork(void) {
+  return slow_fork("fork");
+}
+
+pid_t _Fork(void) {
+  return slow_fork("_Fork");
 }

@@ -1,21 +1,31 @@
 // SPDX-License-Identifier: MIT
 // stack-pool.cpp: why fork stays as fast after ten thousand threads as after one.
 //
-// fork copies the page tables of every mapping, and the C library's fork visits, in the child, every thread
-// whose stack the library made itself; a visit copies the page. With stacks that stay behind for ever both
-// would grow without end: by 40 ms a fork after 20,000 threads, measured. So the stacks come from blocks of
-// our own, of which the library's fork visits the forking thread's neighbours only, and which the kernel's
-// fork leaves empty in the child but for the one stack that forks. Empty, not absent: the library unlinks the
-// forking thread from its list of threads, and the neighbours' links must be there to be written. A block is
-// one mapping, so that keeping a part of it for a while leaves no trace; without guard pages it stays one.
+// A fork copies the page tables of every mapping that its child gets. The child of a launch needs one stack,
+// that of the thread that forked, so every other stack is left out of children (madvise(2), MADV_DONTFORK):
+// workers leave out their own, and the stacks of the threads that launch come from blocks that are left out
+// as a whole. stack_fork takes the forking thread's stack in again for the time of the fork. A block is one
+// mapping, so that this leaves no trace in the table of mappings; without guard pages it stays one.
+//
+// That is only possible because nobody looks at other stacks in the child: _Fork(3) copies the process as
+// fork(2) does, but runs no handlers, takes no lock of the allocator, and does not visit the threads that are
+// gone. fork(2) does, so where it is used, every stack stays in the child as it is, and forks get slower with
+// each thread. It is used where the C library has no _Fork, and under the thread sanitizer, which follows
+// fork(2) only: in the child of a _Fork its own locks could be held for ever.
 #include "common/stack-pool.h"
 
 #include <pthread.h>
 #include <sys/mman.h>
-
-#include <cerrno>
+#include <unistd.h>
 
 namespace {
+
+pid_t make_child() {
+#ifdef CORVANE_HAS__FORK
+  if (stacks_stay_out_of_children) return _Fork();
+#endif
+  return fork();
+}
 
 constexpr size_t block_size = 256 * pool_stack_size;
 
@@ -32,7 +42,7 @@ bool map_block() {
   void* block = mmap(nullptr, block_size, PROT_READ | PROT_WRITE,
                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
   if (block == MAP_FAILED) return false;
-  madvise(block, block_size, MADV_WIPEONFORK);
+  if (stacks_stay_out_of_children) madvise(block, block_size, MADV_DONTFORK);
   madvise(block, block_size,
           MADV_NOHUGEPAGE);  // a huge page would make 32 whole stacks of it at the first touch
   block_rest = static_cast<char*>(block);
@@ -69,15 +79,22 @@ void stack_return(void* stack) {
   pthread_mutex_unlock(&pool_mutex);
 }
 
-static int advise(void* stack, int advice) {
-  const bool taken = madvise(stack, pool_stack_size, advice) == 0;
-  return taken || errno == EINVAL ? 0 : -1;
+void stack_leave_out_of_children() {
+  if (!stacks_stay_out_of_children) return;
+  pthread_attr_t attributes;
+  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
+  void* stack = nullptr;
+  size_t stack_size = 0;
+  size_t guard_size = 0;
+  pthread_attr_getstack(&attributes, &stack, &stack_size);
+  pthread_attr_getguardsize(&attributes, &guard_size);
+  pthread_attr_destroy(&attributes);
+  madvise(static_cast<char*>(stack) - guard_size, guard_size + stack_size, MADV_DONTFORK);
 }
 
-int stack_keep_for_child(void* stack) {
-  return advise(stack, MADV_KEEPONFORK);
-}
-
-int stack_keep_for_parent_only(void* stack) {
-  return advise(stack, MADV_WIPEONFORK);
+pid_t stack_fork(void* stack) {
+  if (stacks_stay_out_of_children && madvise(stack, pool_stack_size, MADV_DOFORK) != 0) return -1;
+  const pid_t child = make_child();
+  if (stacks_stay_out_of_children && child != 0) madvise(stack, pool_stack_size, MADV_DONTFORK);
+  return child;
 }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
-// stack-pool: stacks for threads that are never joined, kept out of the way of fork.
+// stack-pool: stacks for threads that are never joined, and the fork that leaves them out of its child.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstddef>
 
@@ -8,6 +10,13 @@
 inline constexpr size_t pool_stack_size = size_t{1024} * 1024;  // the sanitizer keeps its state on the stack
 #else
 inline constexpr size_t pool_stack_size = size_t{64} * 1024;
+#endif
+
+/** Whether stacks stay out of children: not where fork(2) visits them there; see stack-pool.cpp. */
+#if defined(CORVANE_HAS__FORK) && !defined(__SANITIZE_THREAD__)
+inline constexpr bool stacks_stay_out_of_children = true;
+#else
+inline constexpr bool stacks_stay_out_of_children = false;
 #endif
 
 /**
@@ -21,10 +30,14 @@ void* stack_take();
 void stack_return(void* stack);
 
 /**
- * Says whether a child process finds what is on this stack (madvise(2), MADV_KEEPONFORK) or an empty one,
- * which is the default: a thread that forks keeps its own stack for the child before, and no longer after.
- * Returns 0, or -1 with errno when the kernel refuses, e.g. for want of memory (ENOMEM, EAGAIN). EINVAL is
- * no failure: where the kernel does not know of this (before 4.14), every child finds everything. Any thread.
+ * Leaves the calling thread's own stack out of children, with its guard. For a thread on a stack that the C
+ * library made and that never forks. Where memory is short for it, children get the stack: no failure.
  */
-int stack_keep_for_child(void* stack);
-int stack_keep_for_parent_only(void* stack);
+void stack_leave_out_of_children();
+
+/**
+ * fork(2) for a thread on `stack`, from the pool: the child has that stack and no other, and makes nothing
+ * but async-signal-safe calls. No fork handlers run (pthread_atfork(3)). Returns as fork does; -1 also when
+ * memory is short for taking the stack into the child.
+ */
+pid_t stack_fork(void* stack);

@@ -29,10 +29,31 @@ static BusState bus = {.connection = nullptr, .watch = nullptr, .fd = -1};
 
 static constexpr unsigned most_seconds_of_a_crash_report = 2;
 
+static pid_t daemon_pid;  // set before the handlers are installed
+
+// By a crash: a pid file that is there afterwards is another daemon's.
+static std::atomic<bool> is_pid_file_removed{false};
+
+// A child has the daemon's handlers until it gives the signals back. It is not the daemon, and what it shares
+// with it is not its own to remove: it ends as it would without a handler, when the handler returns.
+static bool ends_as_a_child(int sig) {
+  if (getpid() == daemon_pid) return false;
+  signal(sig, SIG_DFL);
+  raise(sig);
+  return true;
+}
+
+static void remove_pid_file() {
+  if (is_pid_file_removed) return;
+  daemon_stop(pid_file_path, 0, plogger);
+  is_pid_file_removed = true;
+}
+
 // A crash may have left locks behind that its own report needs, or the report may crash. The process must end
 // all the same, as if it had been reported.
-static void give_up_crash_report(int) {
-  unlink(pid_file_path);
+static void give_up_crash_report(int sig) {
+  if (ends_as_a_child(sig)) return;
+  remove_pid_file();
   _exit(1);
 }
 
@@ -50,17 +71,18 @@ static void limit_crash_report() {
   if (!is_limited.test_and_set()) alarm(most_seconds_of_a_crash_report);
 }
 
-// Reports a crash in whichever thread it happened, then ends the process. Calls stdio and exit from a signal
-// handler, knowingly: the process is lost already, and what it leaves behind is worth the try. Not static, so
-// that the report can name it.
+// Reports a crash of the daemon in whichever thread it happened, then ends the process. Calls stdio and exit
+// from a signal handler, knowingly: the process is lost already, and what it leaves behind is worth the try.
+// Not static, so that the report can name it.
 void segfault_handler(int sig) {
+  if (ends_as_a_child(sig)) return;
   static thread_local bool is_reporting = false;
   if (is_reporting) give_up_crash_report(sig);
   is_reporting = true;
   limit_crash_report();
   log_error("Catch segfault signal.\n");
   log_backtrace(plogger);
-  daemon_stop(pid_file_path, 0, plogger);
+  remove_pid_file();
   exit(1);
 }
 
@@ -68,6 +90,7 @@ void segfault_handler(int sig) {
 static void install_segfault_handler() {
   void* frame = nullptr;
   backtrace(&frame, 1);
+  daemon_pid = getpid();
   signal(SIGSEGV, segfault_handler);
 }
 

@@ -242,6 +242,7 @@ int add_station_event(EventOwner& event, int display_num) {
 
 void* process_station_events(void* worker_station) {
   auto* station = static_cast<Station*>(worker_station);
+  stack_leave_out_of_children();
   log_debug("Thread for Display %d started...\n", station->display_num);
   const MutexHold hold(station->mutex);
   for (;;) {
@@ -314,20 +315,12 @@ void dm_free_argv(char** argv) {
   _exit(0);
 }
 
-// fork(2) from a thread on `stack`, which the child must find.
-static pid_t fork_from(void* stack) {
-  if (stack_keep_for_child(stack) != 0) return -1;
-  const pid_t child = fork();
-  if (child != 0) stack_keep_for_parent_only(stack);
-  return child;
-}
-
 // Forks and records the child; called with the group's mutex held. Returns its pid, -1 when there is none
 // (the caller then marks the group idle), or 0 when the group belongs to a thread newer than `number`, whose
 // child must stay the only one.
 static pid_t launch(ActorGroup& group, unsigned number, void* stack, char* const* argv) {
   if (group.newest != number) return 0;
-  const pid_t child = fork_from(stack);
+  const pid_t child = stack_fork(stack);
   group.child_pid = child;
   if (child == 0) run_actor(argv);
   if (child > 0) group.is_running = 1;

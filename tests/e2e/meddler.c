@@ -4,6 +4,7 @@
 // The environment's MEDDLE holds words "function=how"; a function without a word does what it always does.
 //   time=N                    it is N seconds after 1970-01-01
 //   fork=fail                 no process can be made
+//   fork=crash                each child writes through a null pointer before its first step
 //   select=interrupt          the first wait is interrupted
 //   select=nothing            the first wait ends with nothing ready
 //   select=other              the first wait ends with something ready that was not asked for
@@ -29,6 +30,7 @@
 //   symbols=crash             it writes through a null pointer
 //   symbols=hang              it never comes back
 //   exit=told                 /run/stage/exit is made when the handlers of an orderly exit run
+//   exit=hang                 and they never come back
 #include <dbus/dbus.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -88,8 +90,21 @@ seconds TIME(seconds* result) {
   return now ? (seconds)atoll(now) : REAL(seconds(*)(seconds*), TIME)(result);
 }
 
+static pid_t meddled_fork(pid_t (*real)(void)) {
+  const char* word = how("fork");
+  volatile int* volatile nowhere = NULL;
+  if (word && *word == 'f') return -1;
+  pid_t child = real();
+  if (word && child == 0) *nowhere = 1;
+  return child;
+}
+
 pid_t fork(void) {
-  return how("fork") ? -1 : REAL(pid_t(*)(void), fork)();
+  return meddled_fork(REAL(pid_t(*)(void), fork));
+}
+
+pid_t _Fork(void) {
+  return meddled_fork(REAL(pid_t(*)(void), _Fork));
 }
 
 static DBusAddWatchFunction add_watch;
@@ -236,5 +251,7 @@ void backtrace_symbols_fd(void* const* frames, int count, int file) {
 }
 
 __attribute__((destructor)) static void at_exit(void) {
-  if (how("exit")) make("/run/stage/exit");
+  const char* word = how("exit");
+  if (word) make("/run/stage/exit");
+  while (word && *word == 'h') pause();
 }

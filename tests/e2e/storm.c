@@ -94,14 +94,22 @@ int kill(pid_t pid, int sig) {
   return is_child ? REAL(kill)(pid, sig) : 0;
 }
 
-pid_t fork(void) {
+static pid_t stormy_fork(pid_t (*real)(void)) {
   if (access("/run/stage/storm/no-forks", F_OK) == 0) {
     note("/run/stage/storm/failed-forks", ".");
     next_line_is_late = 1;
     errno = EAGAIN;
     return -1;
   }
-  return fails(EAGAIN) ? -1 : REAL(fork)();
+  return fails(EAGAIN) ? -1 : real();
+}
+
+pid_t fork(void) {
+  return stormy_fork(REAL(fork));
+}
+
+pid_t _Fork(void) {
+  return stormy_fork(REAL(_Fork));
 }
 
 // The logger asks for the time at the begin of each line.

@@ -214,6 +214,30 @@ def test_a_crash_while_the_heap_is_locked_ends_with_1_all_the_same(bare):
     assert len(names) >= 3
 
 
+def test_a_crash_of_a_child_is_neither_reported_nor_takes_the_pid_file_along(bare):
+    bare.start_bus()
+    bare.write_pid_file("77")
+    bare.start_daemon(environment=meddled("fork=crash"))
+    caller = bare.caller()
+    assert caller.start(":1", "xhotkey") is True
+    bare.wait_log("Child process died", count=2)
+    assert "Catch segfault signal." not in bare.log_text()
+    assert bare.pid_file() == "77"
+    assert caller.hello() == "How are you?"
+
+
+def test_a_pid_file_that_is_written_after_the_report_removed_one_is_left_alone(bare):
+    bare.start_bus()
+    bare.write_pid_file("77")
+    bare.start_daemon(environment=meddled("exit=hang"))
+    bare.daemon.send_signal(signal.SIGSEGV)
+    bare.wait("the handlers of an orderly exit", lambda: os.path.exists("/run/exit"))
+    assert bare.pid_file() is None
+    bare.write_pid_file("88")  # as the next daemon does
+    assert bare.daemon.wait(4) == 1
+    assert bare.pid_file() == "88"
+
+
 @pytest.mark.parametrize("trouble, orderly", [("none", True), ("crash", False)])
 def test_only_a_report_that_came_to_its_end_is_followed_by_an_orderly_exit(bare, trouble, orderly):
     bare.start_bus()

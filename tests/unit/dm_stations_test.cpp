@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 // dm_stations_test.cpp: making stations, queueing events, and the workers that run them.
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "common/stack-pool.h"
 #include "common/verbose.h"
 #include "tests/unit/dm_support.h"
 
@@ -469,6 +471,26 @@ TEST_F(Worker, it_becomes_ready_and_says_so_once) {
   EXPECT_EQ(station_of(1)->ready, 1);
   EXPECT_EQ(log.lines(), (Lines{dm_line("dm_start_station_thread", "Start a new station thread for :1"),
                                 dm_line("process_station_events", "Thread for Display 1 started...")}));
+}
+
+TEST_F(Worker, it_leaves_its_own_stack_out_of_children_before_it_says_that_it_starts) {
+  std::vector<std::pair<pthread_t, int>> advices;
+  Lines lines_at_advice;
+  fakes.madvise = [&](void* where, size_t size, int advice) {
+    advices.push_back({pthread_self(), advice});
+    lines_at_advice = log.lines();
+    return __real_madvise(where, size, advice);
+  };
+  make_station(1);
+  let_workers_rest();
+  if (!stacks_stay_out_of_children) {
+    EXPECT_EQ(advices.size(), 0U);
+    return;
+  }
+  ASSERT_EQ(advices.size(), 1U);
+  EXPECT_TRUE(pthread_equal(advices[0].first, station_of(1)->thread));
+  EXPECT_EQ(advices[0].second, MADV_DONTFORK);
+  EXPECT_EQ(lines_at_advice, dm_lines("dm_start_station_thread", {"Start a new station thread for :1"}));
 }
 
 TEST_F(Worker, the_first_event_of_a_brand_new_station_runs) {

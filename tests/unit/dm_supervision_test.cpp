@@ -286,31 +286,22 @@ TEST_F(MethodStartThread, the_worker_is_let_go_on_behind_the_line_of_the_launch)
   EXPECT_EQ(value_of(station.launched), 1);
 }
 
-TEST_F(MethodStartThread, its_stack_is_kept_for_the_child_during_the_fork_only) {
+TEST_F(MethodStartThread, it_forks_on_its_own_stack) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "no stack is told from the others";
   claim();
   fakes.madvise = [&](void* where, size_t size, int advice) {
     EXPECT_EQ(where, stack);
     EXPECT_EQ(size, pool_stack_size);
-    calls.push_back(advice == MADV_KEEPONFORK ? "keep" : advice == MADV_WIPEONFORK ? "wipe" : "?");
+    calls.push_back(advice == MADV_DOFORK ? "take in" : advice == MADV_DONTFORK ? "leave out" : "?");
     return 0;
   };
   on_wait = [&] { entry().keep_alive = 0; };
   supervise(2);
-  EXPECT_EQ(calls, (Calls{"keep", "fork", "wipe", "wait 4711", "reap 4711"}));
+  EXPECT_EQ(calls, (Calls{"take in", "fork", "leave out", "wait 4711", "reap 4711"}));
 }
 
-TEST_F(MethodStartThread, its_stack_is_kept_no_longer_behind_a_failed_fork) {
-  claim();
-  fork_fails = true;
-  fakes.madvise = [&](void*, size_t, int advice) {
-    calls.push_back(advice == MADV_KEEPONFORK ? "keep" : "wipe");
-    return 0;
-  };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"keep", "fork", "wipe"}));
-}
-
-TEST_F(MethodStartThread, a_stack_that_cannot_be_kept_is_a_failed_fork) {
+TEST_F(MethodStartThread, a_stack_that_the_child_cannot_get_is_a_failed_fork) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "it gets every stack";
   claim();
   fakes.madvise = [](void*, size_t, int) {
     errno = ENOMEM;

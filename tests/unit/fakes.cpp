@@ -134,6 +134,13 @@ FAKED(int, usleep, (useconds_t microseconds), (microseconds))
 FAKED(ssize_t, readlink, (const char* path, char* buffer, size_t size), (path, buffer, size))
 FAKED(int, chdir, (const char* path), (path))
 FAKED(pid_t, fork, (), ())
+#ifdef CORVANE_HAS__FORK
+pid_t __real__Fork();
+pid_t __wrap__Fork();
+pid_t __wrap__Fork() {
+  return fakes.fork ? fakes.fork() : __real__Fork();
+}
+#endif
 FAKED(pid_t, setsid, (), ())
 FAKED(mode_t, umask, (mode_t mask), (mask))
 FAKED(int, waitid, (idtype_t type, id_t id, siginfo_t* info, int options), (type, id, info, options))

@@ -37,7 +37,7 @@ struct Fakes {
   std::function<ssize_t(const char*, char*, size_t)> readlink;
   std::function<int(const char*)> chdir;
 
-  std::function<pid_t()> fork;
+  std::function<pid_t()> fork;  // of _Fork, too
   std::function<pid_t()> setsid;
   std::function<mode_t(mode_t)> umask;
   std::function<int(const char*, char* const*)> execvp;

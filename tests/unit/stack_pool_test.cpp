@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// stack_pool_test.cpp: stacks in blocks that a child process finds empty, but for the one that is kept.
+// stack_pool_test.cpp: stacks in blocks that no child gets, and the fork whose child gets one of them.
 //
 // The pool lasts as long as the process, so each test first takes what earlier ones left in it.
 #include "common/stack-pool.h"
@@ -126,69 +126,141 @@ TEST_F(StackPool, taking_and_giving_back_hold_the_pools_mutex) {
   EXPECT_EQ(std::set<pthread_mutex_t*>(locks.begin(), locks.end()).size(), 1U);
 }
 
-TEST_F(StackPool, a_whole_block_is_left_empty_in_children_and_gets_no_huge_pages) {
-  std::vector<std::pair<size_t, int>> advices;
+TEST_F(StackPool, a_whole_block_stays_out_of_children_and_gets_no_huge_pages) {
+  using Advices = std::vector<std::pair<size_t, int>>;
+  Advices advices;
   fakes.madvise = [&](void* where, size_t size, int advice) {
     advices.push_back({size, advice});
     return __real_madvise(where, size, advice);
   };
   first_of_a_new_block();
-  EXPECT_EQ(advices, (std::vector<std::pair<size_t, int>>{{256 * pool_stack_size, MADV_WIPEONFORK},
-                                                          {256 * pool_stack_size, MADV_NOHUGEPAGE}}));
+  Advices expected;
+  if (stacks_stay_out_of_children) expected.push_back({256 * pool_stack_size, MADV_DONTFORK});
+  expected.push_back({256 * pool_stack_size, MADV_NOHUGEPAGE});
+  EXPECT_EQ(advices, expected);
 }
 
-TEST_F(StackPool, keeping_says_when_memory_is_short) {
-  void* const stack = first_of_a_new_block();
-  EXPECT_EQ(stack_keep_for_child(stack), 0);
-  EXPECT_EQ(stack_keep_for_parent_only(stack), 0);
-  for (const int error : {ENOMEM, EAGAIN}) {
-    fakes.madvise = [error](void*, size_t, int) {
-      errno = error;
-      return -1;
+// ---- forks --------------------------------------------------------------------------------------------
+
+namespace {
+
+using Calls = std::vector<std::string>;
+
+class StackFork : public StackPool {
+ protected:
+  StackFork() : stack(first_of_a_new_block()) {}
+
+  void note_calls() {
+    fakes.madvise = [this](void* where, size_t size, int advice) {
+      EXPECT_EQ(where, stack);
+      EXPECT_EQ(size, pool_stack_size);
+      calls.push_back(advice == MADV_DOFORK ? "take in" : advice == MADV_DONTFORK ? "leave out" : "?");
+      if (advice_fails) errno = ENOMEM;
+      return advice_fails ? -1 : 0;
     };
-    EXPECT_EQ(stack_keep_for_child(stack), -1) << error;
-    EXPECT_EQ(stack_keep_for_parent_only(stack), -1) << error;
+    fakes.fork = [this] {
+      calls.push_back("fork");
+      return result;
+    };
+  }
+
+  /** Runs `body` on a thread of its own on a pool stack and waits for its end. */
+  static void run_on(void* on, void* (*body)(void*), void* data) {
+    pthread_t thread;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, on, pool_stack_size);
+    ASSERT_EQ(pthread_create(&thread, &attributes, body, data), 0);
+    pthread_attr_destroy(&attributes);
+    pthread_join(thread, nullptr);
+  }
+
+  char* stack;
+  Calls calls;
+  pid_t result = 4711;
+  bool advice_fails = false;
+};
+
+/** Whether the memory is mapped; for a child, which may not be interrupted by a signal of its own. */
+bool is_there(const void* memory) {
+  int ends[2];
+  if (pipe(ends) != 0) _exit(99);
+  const bool is_read = write(ends[1], memory, 1) == 1;
+  close(ends[0]);
+  close(ends[1]);
+  return is_read;
+}
+
+int handlers_run;
+
+}  // namespace
+
+TEST_F(StackFork, the_stack_is_taken_into_the_child_for_the_time_of_the_fork_only) {
+  note_calls();
+  for (const pid_t outcome : {4711, -1}) {
+    calls.clear();
+    result = outcome;
+    EXPECT_EQ(stack_fork(stack), outcome);
+    EXPECT_EQ(calls, stacks_stay_out_of_children ? (Calls{"take in", "fork", "leave out"}) : (Calls{"fork"}));
   }
 }
 
-TEST_F(StackPool, a_kernel_that_knows_none_of_the_advice_is_no_failure) {
-  fakes.madvise = [](void*, size_t, int) {
-    errno = EINVAL;
-    return -1;
+TEST_F(StackFork, the_child_leaves_its_stack_as_it_is) {
+  note_calls();
+  result = 0;
+  EXPECT_EQ(stack_fork(stack), 0);
+  EXPECT_EQ(calls.back(), "fork");
+}
+
+TEST_F(StackFork, a_stack_that_cannot_be_taken_in_is_a_failed_fork) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "none needs to be";
+  note_calls();
+  advice_fails = true;
+  EXPECT_EQ(stack_fork(stack), -1);
+  EXPECT_EQ(calls, (Calls{"take in"}));
+}
+
+TEST_F(StackFork, a_child_has_the_stack_that_forks_and_no_other_of_the_pool) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "it has them all";
+  struct Family {
+    char* own;
+    char* other;
+    int status;
   };
-  void* const stack = first_of_a_new_block();
-  EXPECT_NE(stack, nullptr);
-  EXPECT_EQ(stack_keep_for_child(stack), 0);
-  EXPECT_EQ(stack_keep_for_parent_only(stack), 0);
+  Family family = {.own = stack, .other = static_cast<char*>(stack_take()), .status = -1};
+  family.other[0] = 1;
+  run_on(
+      stack,
+      [](void* data) -> void* {
+        auto* of = static_cast<Family*>(data);
+        const pid_t child = stack_fork(of->own);
+        if (child == 0) _exit((is_there(of->own) ? 1 : 0) + (is_there(of->other) ? 2 : 0));
+        waitpid(child, &of->status, 0);
+        return nullptr;
+      },
+      &family);
+  EXPECT_EQ(family.status, 1 << 8);
+  EXPECT_EQ(family.other[0], 1) << "the parent keeps it";
 }
 
-TEST_F(StackPool, an_older_error_is_not_taken_for_one_of_the_advice) {
-  void* const stack = first_of_a_new_block();
-  errno = ENOMEM;
-  EXPECT_EQ(stack_keep_for_child(stack), 0);
-  errno = ENOMEM;
-  EXPECT_EQ(stack_keep_for_parent_only(stack), 0);
+TEST_F(StackFork, no_fork_handlers_run) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "they do";
+  static const int registered = pthread_atfork([] { ++handlers_run; }, [] { ++handlers_run; }, nullptr);
+  ASSERT_EQ(registered, 0);
+  handlers_run = 0;
+  run_on(
+      stack,
+      [](void* on) -> void* {
+        const pid_t child = stack_fork(on);
+        if (child == 0) _exit(0);
+        waitpid(child, nullptr, 0);
+        return nullptr;
+      },
+      stack);
+  EXPECT_EQ(handlers_run, 0);
 }
 
-TEST_F(StackPool, a_child_finds_what_is_on_the_stack_that_is_kept_and_on_no_other) {
-  char* const kept = first_of_a_new_block();
-  char* const kept_no_longer = static_cast<char*>(stack_take());
-  char* const other = static_cast<char*>(stack_take());
-  ASSERT_EQ(stack_keep_for_child(kept), 0);
-  ASSERT_EQ(stack_keep_for_child(kept_no_longer), 0);
-  ASSERT_EQ(stack_keep_for_parent_only(kept_no_longer), 0);
-  kept[pool_stack_size - 1] = 1;
-  kept_no_longer[0] = 2;
-  other[0] = 4;
-  const pid_t child = fork();
-  if (child == 0) _exit(kept[pool_stack_size - 1] + kept_no_longer[0] + other[0]);
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 1 << 8) << "the child must end by itself, with the sum of what it found";
-}
-
-// The C library's fork writes, in the child, to the neighbours of the forking thread in its list of threads.
-TEST_F(StackPool, a_thread_among_others_can_fork) {
+TEST_F(StackFork, a_thread_among_others_can_fork) {
   struct Turn {
     void* stack;
     int status;
@@ -198,8 +270,7 @@ TEST_F(StackPool, a_thread_among_others_can_fork) {
     auto* turn = static_cast<Turn*>(data);
     while (sem_wait(&turn->go) != 0) {
     }
-    stack_keep_for_child(turn->stack);
-    const pid_t child = fork();
+    const pid_t child = stack_fork(turn->stack);
     if (child == 0) _exit(7);
     waitpid(child, &turn->status, 0);
     return nullptr;
@@ -220,6 +291,51 @@ TEST_F(StackPool, a_thread_among_others_can_fork) {
     pthread_join(threads[i], nullptr);
     EXPECT_EQ(turns[i].status, 7 << 8);
   }
+}
+
+TEST_F(StackFork, a_thread_on_a_stack_of_the_library_leaves_it_out_with_its_guard) {
+  struct Mapping {
+    char* begin;
+    size_t size;
+  };
+  static std::vector<std::pair<Mapping, int>> advices;
+  advices.clear();
+  fakes.madvise = [](void* where, size_t size, int advice) {
+    advices.push_back({{static_cast<char*>(where), size}, advice});
+    return 0;
+  };
+  pthread_t thread;
+  static char* local;
+  static Mapping usable;
+  ASSERT_EQ(pthread_create(
+                &thread, nullptr,
+                [](void*) -> void* {
+                  char here = 0;
+                  local = &here;
+                  pthread_attr_t attributes;
+                  pthread_getattr_np(pthread_self(), &attributes);
+                  void* begin = nullptr;
+                  pthread_attr_getstack(&attributes, &begin, &usable.size);
+                  usable.begin = static_cast<char*>(begin);
+                  pthread_attr_destroy(&attributes);
+                  stack_leave_out_of_children();
+                  return nullptr;
+                },
+                nullptr),
+            0);
+  pthread_join(thread, nullptr);
+  if (!stacks_stay_out_of_children) {
+    EXPECT_EQ(advices.size(), 0U);
+    return;
+  }
+  ASSERT_EQ(advices.size(), 1U);
+  const auto& [mapping, advice] = advices[0];
+  EXPECT_EQ(advice, MADV_DONTFORK);
+  EXPECT_GT(local, mapping.begin);
+  EXPECT_LT(local, mapping.begin + mapping.size);
+  EXPECT_EQ(mapping.begin + mapping.size, usable.begin + usable.size) << "to its end";
+  EXPECT_EQ(mapping.size, usable.size + static_cast<size_t>(sysconf(_SC_PAGESIZE)))
+      << "with one page of guard";
 }
 
 TEST_F(StackPool, a_stack_is_linked_while_the_pools_mutex_is_held) {
