@@ -136,6 +136,7 @@ static Station* new_station(const char* display, int display_num, int station_ty
     return nullptr;
   }
   auto* station = new (memory) Station{};
+  sem_init(&station->waiting, 0, 0);
   sem_init(&station->launched, 0, 0);
   station->display_num = display_num;
   station->display = display_copy;
@@ -222,14 +223,20 @@ static void let_worker_take(Station* station) {
   }
 }
 
+// The first look at `ready` of a brand-new station comes when its worker waits: one that came before would
+// cost the caller a pause.
+static void wait_for_worker(Station* station) {
+  while (!station->was_waiting) station->was_waiting = sem_wait(&station->waiting) == 0;
+  while (station->ready == 0) usleep(ready_poll_microseconds);
+}
+
 int add_station_event(EventOwner& event, int display_num) {
   Station* station = find_station(event->context, display_num);
   if (!station) {
     log_debug("{DM} Unable to find station entry for display %d\n", display_num);
     return -1;
   }
-  while (station->ready == 0) usleep(ready_poll_microseconds);
-
+  wait_for_worker(station);
   pthread_mutex_lock(&station->mutex);
   let_worker_take(station);
   StationEvent** end = &station->events;
@@ -245,8 +252,9 @@ void* process_station_events(void* worker_station) {
   stack_leave_out_of_children();
   log_debug("Thread for Display %d started...\n", station->display_num);
   const MutexHold hold(station->mutex);
-  for (;;) {
+  for (bool is_first_wait = true;; is_first_wait = false) {
     station->ready = 1;
+    if (is_first_wait) sem_post(&station->waiting);
     pthread_cond_wait(&station->cond,
                       &station->mutex);  // once and in any case: nothing can be queued before it
     while (station->events) {

@@ -85,7 +85,7 @@ struct Station {
 
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards `events`; given up by the worker only to wait
   pthread_cond_t cond = PTHREAD_COND_INITIALIZER;     // signalled for each event queued; one waiter
-  std::atomic<int> ready;                             // 1 once the worker waits; polled by whoever queues
+  std::atomic<int> ready;  // 1 once the worker waits; polled, after `waiting`, to queue
 
   ActorGroup groups[actor_group_count];
 
@@ -97,6 +97,9 @@ struct Station {
 
   Station* prev;               // used by the main thread only
   std::atomic<Station*> next;  // written by the main thread, read by every lookup
+
+  sem_t waiting;             // posted once by the worker, when it is about to wait for the first time
+  bool was_waiting = false;  // that has been waited for; used by the main thread only
 
   sem_t launched;  // posted once by each thread that proc_method_start made
 };

@@ -230,6 +230,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
   auto* station = static_cast<Station*>(data);
   if (station->display_num == threadless_display) return EAGAIN;
   station->ready = 1;
+  sem_post(&station->waiting);
   return 0;
 }
 }

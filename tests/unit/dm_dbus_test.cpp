@@ -27,7 +27,11 @@ class DisplayManagerCalls : public BusCallTest {
   DisplayManagerCalls() {
     fakes.pthread_create = [this](pthread_t*, const pthread_attr_t*, void* (*)(void*), void* data) {
       ++threads;
-      if (thread_result == 0) static_cast<Station*>(data)->ready = 1;
+      if (thread_result == 0) {
+        auto* station = static_cast<Station*>(data);
+        station->ready = 1;
+        sem_post(&station->waiting);
+      }
       return thread_result;
     };
   }

@@ -357,6 +357,33 @@ TEST_F(AddStationEvent, a_worker_that_is_not_ready_is_polled_every_500_microseco
   free(station.events);
 }
 
+TEST_F(AddStationEvent, the_first_look_at_a_worker_comes_when_it_waits) {
+  Calls waits;
+  fakes.sem_wait = [&](sem_t* semaphore) {
+    EXPECT_EQ(semaphore, &station.waiting);
+    EXPECT_FALSE(is_held(station.mutex)) << "the worker needs the mutex to wait";
+    waits.push_back("wait");
+    if (waits.size() == 1) {
+      errno = EINTR;
+      return -1;
+    }
+    station.ready = 1;
+    return __real_sem_wait(semaphore);
+  };
+  fakes.usleep = [&](useconds_t) {
+    waits.push_back("pause");
+    station.ready = 1;  // so that a test that fails ends
+    return 0;
+  };
+  for (int i = 0; i < 2; ++i) {
+    EventOwner event = dm_new_event(&context, 1);
+    EXPECT_EQ(add_station_event(event, 3), 0);
+    free(station.events);
+    station.events = nullptr;
+  }
+  EXPECT_EQ(waits, (Calls{"wait", "wait"})) << "an interrupted one, and one for both events";
+}
+
 TEST_F(AddStationEvent, a_ready_worker_is_not_waited_for) {
   station.ready = 1;
   fakes.usleep = [](useconds_t) {
@@ -408,6 +435,7 @@ TEST_F(AddStationEvent, the_station_is_found_among_others) {
   Station other = {};
   other.display_num = 4;
   other.ready = 1;
+  sem_init(&other.waiting, 0, 1);
   station.next = &other;
   EventOwner event = dm_new_event(&context, 1);
   EXPECT_EQ(add_station_event(event, 4), 0);
@@ -491,6 +519,30 @@ TEST_F(Worker, it_leaves_its_own_stack_out_of_children_before_it_says_that_it_st
   EXPECT_TRUE(pthread_equal(advices[0].first, station_of(1)->thread));
   EXPECT_EQ(advices[0].second, MADV_DONTFORK);
   EXPECT_EQ(lines_at_advice, dm_lines("dm_start_station_thread", {"Start a new station thread for :1"}));
+}
+
+TEST_F(Worker, the_first_event_of_a_brand_new_station_is_queued_without_a_pause) {
+  std::atomic<bool> may_start{false};
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    const Station* station = context.stations;
+    if (!station || mutex != &station->mutex || !pthread_equal(pthread_self(), station->thread)) return;
+    while (!may_start) sched_yield();  // the worker comes late
+  };
+  std::atomic<int> pauses{0};
+  fakes.usleep = [&](useconds_t) {
+    ++pauses;
+    may_start = true;  // so that a test that fails ends
+    return 0;
+  };
+  fakes.sem_wait = [&](sem_t* semaphore) {
+    may_start = true;
+    return __real_sem_wait(semaphore);
+  };
+  ASSERT_EQ(dm_start_station_thread(&context, ":1", 1, 1), 0);
+  queue(1, 7, note);
+  EXPECT_TRUE(log.wait_for(noted(7, 1)));
+  EXPECT_EQ(pauses, 0);
+  fakes.usleep = nullptr;
 }
 
 TEST_F(Worker, the_first_event_of_a_brand_new_station_runs) {

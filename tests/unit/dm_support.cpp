@@ -70,6 +70,7 @@ void WorkersTest::let_workers_rest() {
 }
 
 OneStationTest::OneStationTest() : stack(stack_take()) {
+  sem_init(&station.waiting, 0, 1);
   sem_init(&station.launched, 0, 0);
   station.display_num = 3;
   context.stations = &station;
