@@ -79,6 +79,16 @@ void stack_return(void* stack) {
   pthread_mutex_unlock(&pool_mutex);
 }
 
+void stack_set_default_size() {
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, default_stack_size);
+  pthread_setattr_default_np(&attributes);
+  pthread_attr_destroy(&attributes);
+#endif
+}
+
 void stack_leave_out_of_children() {
   if (!stacks_stay_out_of_children) return;
   pthread_attr_t attributes;

@@ -6,11 +6,23 @@
 
 #include <cstddef>
 
+// What runs on these stacks needs 8 KiB while it serves, 12 KiB in a child whose search path is as long as
+// execvp(3) takes it, and 12 KiB for the report of a crash, measured on painted stacks. What bounds it:
+// nothing recurses, and every buffer is of fixed size (texts of 64 bytes, the stdio of a line of the log, 4
+// KiB for a path, 255 frames).
 #ifdef __SANITIZE_THREAD__
 inline constexpr size_t pool_stack_size = size_t{1024} * 1024;  // the sanitizer keeps its state on the stack
 #else
 inline constexpr size_t pool_stack_size = size_t{64} * 1024;
 #endif
+inline constexpr size_t default_stack_size = size_t{64} * 1024;
+
+/**
+ * Makes default_stack_size the default of the process, for threads of default attributes: with the usual 8
+ * MiB the address space of 32 bits ends at a few hundred. Left as it is under a sanitizer, which needs more.
+ * Main thread, before other threads exist.
+ */
+void stack_set_default_size();
 
 /** Whether stacks stay out of children: not where fork(2) visits them there; see stack-pool.cpp. */
 #if defined(CORVANE_HAS__FORK) && !defined(__SANITIZE_THREAD__)

@@ -18,6 +18,7 @@
 #include "common/daemon.h"
 #include "common/logger.h"
 #include "common/signals.h"
+#include "common/stack-pool.h"
 #include "cs/bus.h"
 #include "cs/options.h"
 #include "cs/plugin-registry.h"
@@ -104,6 +105,7 @@ static void share_one_heap() {
 int main(int argc, char** argv) {
   signals_take_over();
   share_one_heap();
+  stack_set_default_size();
   ccs_parse_options(argc, argv);
   pthread_mutex_init(&station_table_mutex, nullptr);
   plogger = log_open(log_file_path);

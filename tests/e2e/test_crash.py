@@ -8,11 +8,7 @@ import time
 from pathlib import Path
 
 import pytest
-
-from support.callers import plugin_call
-from support.log import Line
-from support.machine import FAULTS, SANITIZER, meddled, not_under_a_sanitizer
-from support.place import LOG
+from machine import FAULTS, LOG, SANITIZER, STAND_IN, Line, meddled, not_under_a_sanitizer, plugin_call
 from test_bus_loss import wait_service
 
 # The thread sanitizer may do so until the wait ends.
@@ -236,6 +232,67 @@ def test_a_pid_file_that_is_written_after_the_report_removed_one_is_left_alone(b
     bare.write_pid_file("88")  # as the next daemon does
     assert bare.daemon.wait(4) == 1
     assert bare.pid_file() == "88"
+
+
+PAINT = b"\xa5"  # painter.c
+
+
+def depths(machine):
+    """Of each thread so far, in the order of their creation: id, size of its stack, how deep it has been."""
+    found = []
+    with open("/run/stacks") as stacks, open(f"/proc/{machine.daemon.pid}/mem", "rb", 0) as memory:
+        for thread, lowest, size in (map(int, line.split()) for line in stacks):
+            memory.seek(lowest)
+            used = memory.read(size).lstrip(PAINT)
+            found.append((thread, size, len(used)))
+    return found
+
+
+@not_under_a_sanitizer("it uses stacks itself")
+@pytest.mark.parametrize("place", ["worker", "group"])
+def test_no_thread_needs_more_than_half_of_its_stack_even_for_a_crash_report(bare, place):
+    directory = os.path.dirname(STAND_IN)
+    bare.start_bus()
+    bare.write_pid_file("77")
+    bare.start_daemon("--verbose", environment={"LD_PRELOAD": f"{directory}/libpainter.so:{directory}/libmeddler.so",
+                                                "MEDDLE": "unlink=gate", "TZ": "America/New_York"})
+    caller = bare.caller()
+    for actor in ("disable-station", "local-login"):
+        assert caller.start(":2147483647", actor) is True
+        (record,) = bare.wait_records(1, {"disable-station": "corvane-x11-put-image", "local-login": "corvane-ls"}[actor])
+        bare.wait_log(f"child={record.pid}$")
+        assert caller.stop(":2147483647", actor) is True
+        bare.wait_log("keep_alive field is FALSE", 1 if actor == "disable-station" else 2)
+    assert caller.start(":2147483647", "click-mouse") is True
+    bare.wait_records(1, "corvane-pfk")
+    bare.wait_log("actor_code=5, child=")
+    served = depths(bare)
+    threads = {"worker": served[0][0], "group": served[-1][0]}
+    crash_thread(bare, threads[place])
+    bare.wait("the report to be complete", lambda: os.path.exists("/run/gate"))
+    crashed = {thread: (size, depth) for thread, size, depth in depths(bare)}
+    size, depth = crashed[threads[place]]
+    serving = next(deep for thread, _, deep in served if thread == threads[place])
+    print(f"\n  {place}: {serving} bytes while it serves, {depth} with a crash report, of {size}", flush=True)
+    assert len(served) == 4 and size == 65536
+    assert 1000 < serving < depth <= size // 2
+    os.unlink("/run/gate")
+    assert bare.daemon.wait(3) == 1
+
+
+@not_under_a_sanitizer("it uses stacks itself")
+def test_no_child_needs_more_than_half_of_the_stack_that_it_has(bare):
+    """Nothing on a search path that is about as long as execvp takes it can be run."""
+    path = ":".join(f"/run/{number:0>200}" for number in range(19))
+    bare.start_bus()
+    bare.start_daemon(environment={"LD_PRELOAD": f"{os.path.dirname(STAND_IN)}/libpainter.so", "PATH": path})
+    assert bare.caller().start(":2147483647", "xhotkey") is True
+    bare.wait_log("Child process died")
+    with open("/run/stacks-of-children") as stacks:
+        _, _, size, depth = map(int, stacks.readline().split())
+    print(f"\n  child: {depth} bytes of {size}", flush=True)
+    assert size == 65536
+    assert len(path) < depth <= size // 2
 
 
 @pytest.mark.parametrize("trouble, orderly", [("none", True), ("crash", False)])

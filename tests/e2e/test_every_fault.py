@@ -113,7 +113,7 @@ def test_whatever_fails_while_it_serves_no_caller_goes_without_an_answer(bare, c
     bare.start_bus()
     bare.start_daemon(environment={"LD_PRELOAD": FAULTS})
     caller = bare.caller()
-    # A new station each so many rounds: its worker takes 8 MiB of addresses.
+    # A new station each so many rounds: under a sanitizer its worker takes 8 MiB of address space.
     displays = (number for number in itertools.count(10) for _ in range(25 if is_32_bit() else 5))
     rounds = 0
     for nth in PLACES_OF.get(call, PLACES):

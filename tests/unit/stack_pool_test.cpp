@@ -75,6 +75,30 @@ TEST_F(StackPool, stacks_have_64_kilobytes) {
 #endif
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(StackPool, threads_of_default_attributes_get_stacks_of_64_kilobytes) {
+  pthread_attr_t before;
+  ASSERT_EQ(pthread_getattr_default_np(&before), 0);
+  stack_set_default_size();
+  size_t size = 0;
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(
+                &thread, nullptr,
+                [](void* result) -> void* {
+                  pthread_attr_t attributes;
+                  pthread_getattr_np(pthread_self(), &attributes);
+                  pthread_attr_getstacksize(&attributes, static_cast<size_t*>(result));
+                  pthread_attr_destroy(&attributes);
+                  return nullptr;
+                },
+                &size),
+            0);
+  pthread_join(thread, nullptr);
+  EXPECT_EQ(pthread_setattr_default_np(&before), 0);
+  EXPECT_EQ(size, 65536U);
+}
+#endif
+
 TEST_F(StackPool, stacks_that_were_given_back_are_taken_first) {
   char* const first = first_of_a_new_block();
   void* const second = stack_take();
