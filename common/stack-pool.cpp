@@ -20,6 +20,8 @@
 
 namespace {
 
+constexpr int guard_install = 102;  // MADV_GUARD_INSTALL, which older headers lack
+
 pid_t make_child() {
 #ifdef CORVANE_HAS__FORK
   if (stacks_stay_out_of_children) return _Fork();
@@ -79,18 +81,24 @@ void stack_return(void* stack) {
   pthread_mutex_unlock(&pool_mutex);
 }
 
-void stack_set_default_size() {
+void stack_set_defaults() {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, default_stack_size);
+  pthread_attr_setguardsize(&attributes, 0);
   pthread_setattr_default_np(&attributes);
   pthread_attr_destroy(&attributes);
 #endif
 }
 
-void stack_leave_out_of_children() {
-  if (!stacks_stay_out_of_children) return;
+// Makes the lowest page of a stack its guard: within the mapping where the kernel can do that (Linux 6.13).
+static void make_guard(void* stack) {
+  const auto page_size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  if (madvise(stack, page_size, guard_install) != 0) mprotect(stack, page_size, PROT_NONE);
+}
+
+void stack_prepare_own() {
   pthread_attr_t attributes;
   if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
   void* stack = nullptr;
@@ -99,7 +107,8 @@ void stack_leave_out_of_children() {
   pthread_attr_getstack(&attributes, &stack, &stack_size);
   pthread_attr_getguardsize(&attributes, &guard_size);
   pthread_attr_destroy(&attributes);
-  madvise(static_cast<char*>(stack) - guard_size, guard_size + stack_size, MADV_DONTFORK);
+  if (guard_size == 0) make_guard(stack);
+  if (stacks_stay_out_of_children) madvise(stack, stack_size, MADV_DONTFORK);
 }
 
 pid_t stack_fork(void* stack) {

@@ -19,10 +19,11 @@ inline constexpr size_t default_stack_size = size_t{64} * 1024;
 
 /**
  * Makes default_stack_size the default of the process, for threads of default attributes: with the usual 8
- * MiB the address space of 32 bits ends at a few hundred. Left as it is under a sanitizer, which needs more.
- * Main thread, before other threads exist.
+ * MiB the address space of 32 bits ends at a few hundred. Their guards are made by stack_prepare_own: one of
+ * the C library's is a mapping, and forks get slower with each. All is left as it is under a sanitizer, which
+ * needs more. Main thread, before other threads exist.
  */
-void stack_set_default_size();
+void stack_set_defaults();
 
 /** Whether stacks stay out of children: not where fork(2) visits them there; see stack-pool.cpp. */
 #if defined(CORVANE_HAS__FORK) && !defined(__SANITIZE_THREAD__)
@@ -42,10 +43,11 @@ void* stack_take();
 void stack_return(void* stack);
 
 /**
- * Leaves the calling thread's own stack out of children, with its guard. For a thread on a stack that the C
- * library made and that never forks. Where memory is short for it, children get the stack: no failure.
+ * Gives the calling thread's own stack a guard, unless it has one, and leaves it out of children. For a
+ * thread on a stack that the C library made and that never forks. Where memory is short for it, the stack
+ * stays as it is: no failure.
  */
-void stack_leave_out_of_children();
+void stack_prepare_own();
 
 /**
  * fork(2) for a thread on `stack`, from the pool: the child has that stack and no other, and makes nothing

@@ -105,7 +105,7 @@ static void share_one_heap() {
 int main(int argc, char** argv) {
   signals_take_over();
   share_one_heap();
-  stack_set_default_size();
+  stack_set_defaults();
   ccs_parse_options(argc, argv);
   pthread_mutex_init(&station_table_mutex, nullptr);
   plogger = log_open(log_file_path);

@@ -249,7 +249,7 @@ int add_station_event(EventOwner& event, int display_num) {
 
 void* process_station_events(void* worker_station) {
   auto* station = static_cast<Station*>(worker_station);
-  stack_leave_out_of_children();
+  stack_prepare_own();
   log_debug("Thread for Display %d started...\n", station->display_num);
   const MutexHold hold(station->mutex);
   for (bool is_first_wait = true;; is_first_wait = false) {

@@ -235,6 +235,7 @@ def test_a_pid_file_that_is_written_after_the_report_removed_one_is_left_alone(b
 
 
 PAINT = b"\xa5"  # painter.c
+PAGE = os.sysconf("SC_PAGE_SIZE")
 
 
 def depths(machine):
@@ -242,8 +243,8 @@ def depths(machine):
     found = []
     with open("/run/stacks") as stacks, open(f"/proc/{machine.daemon.pid}/mem", "rb", 0) as memory:
         for thread, lowest, size in (map(int, line.split()) for line in stacks):
-            memory.seek(lowest)
-            used = memory.read(size).lstrip(PAINT)
+            memory.seek(lowest + PAGE)  # the lowest page may be a guard
+            used = memory.read(size - PAGE).lstrip(PAINT)
             found.append((thread, size, len(used)))
     return found
 

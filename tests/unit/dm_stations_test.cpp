@@ -501,7 +501,7 @@ TEST_F(Worker, it_becomes_ready_and_says_so_once) {
                                 dm_line("process_station_events", "Thread for Display 1 started...")}));
 }
 
-TEST_F(Worker, it_leaves_its_own_stack_out_of_children_before_it_says_that_it_starts) {
+TEST_F(Worker, it_prepares_its_own_stack_before_it_says_that_it_starts) {
   std::vector<std::pair<pthread_t, int>> advices;
   Lines lines_at_advice;
   fakes.madvise = [&](void* where, size_t size, int advice) {

@@ -76,26 +76,28 @@ TEST_F(StackPool, stacks_have_64_kilobytes) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-TEST_F(StackPool, threads_of_default_attributes_get_stacks_of_64_kilobytes) {
+TEST_F(StackPool, threads_of_default_attributes_get_stacks_of_64_kilobytes_without_a_mapping_for_a_guard) {
   pthread_attr_t before;
   ASSERT_EQ(pthread_getattr_default_np(&before), 0);
-  stack_set_default_size();
-  size_t size = 0;
+  stack_set_defaults();
+  std::pair<size_t, size_t> size_and_guard;
   pthread_t thread;
   ASSERT_EQ(pthread_create(
                 &thread, nullptr,
                 [](void* result) -> void* {
+                  auto* of = static_cast<std::pair<size_t, size_t>*>(result);
                   pthread_attr_t attributes;
                   pthread_getattr_np(pthread_self(), &attributes);
-                  pthread_attr_getstacksize(&attributes, static_cast<size_t*>(result));
+                  pthread_attr_getstacksize(&attributes, &of->first);
+                  pthread_attr_getguardsize(&attributes, &of->second);
                   pthread_attr_destroy(&attributes);
                   return nullptr;
                 },
-                &size),
+                &size_and_guard),
             0);
   pthread_join(thread, nullptr);
   EXPECT_EQ(pthread_setattr_default_np(&before), 0);
-  EXPECT_EQ(size, 65536U);
+  EXPECT_EQ(size_and_guard, (std::pair<size_t, size_t>{65536, 0}));
 }
 #endif
 
@@ -317,49 +319,85 @@ TEST_F(StackFork, a_thread_among_others_can_fork) {
   }
 }
 
-TEST_F(StackFork, a_thread_on_a_stack_of_the_library_leaves_it_out_with_its_guard) {
-  struct Mapping {
-    char* begin;
-    size_t size;
-  };
-  static std::vector<std::pair<Mapping, int>> advices;
-  advices.clear();
-  fakes.madvise = [](void* where, size_t size, int advice) {
-    advices.push_back({{static_cast<char*>(where), size}, advice});
-    return 0;
-  };
-  pthread_t thread;
-  static char* local;
-  static Mapping usable;
-  ASSERT_EQ(pthread_create(
-                &thread, nullptr,
-                [](void*) -> void* {
-                  char here = 0;
-                  local = &here;
-                  pthread_attr_t attributes;
-                  pthread_getattr_np(pthread_self(), &attributes);
-                  void* begin = nullptr;
-                  pthread_attr_getstack(&attributes, &begin, &usable.size);
-                  usable.begin = static_cast<char*>(begin);
-                  pthread_attr_destroy(&attributes);
-                  stack_leave_out_of_children();
-                  return nullptr;
-                },
-                nullptr),
-            0);
-  pthread_join(thread, nullptr);
-  if (!stacks_stay_out_of_children) {
-    EXPECT_EQ(advices.size(), 0U);
-    return;
+namespace {
+
+constexpr int guard_install = 102;  // MADV_GUARD_INSTALL
+
+/** What stack_prepare_own does on a thread of default attributes with a guard of `guard_size` bytes. */
+class StackPrepareOwn : public StackPool {
+ protected:
+  void run_thread(size_t guard_size) {
+    fakes.madvise = [this](void* where, size_t size, int advice) {
+      advices.push_back({where, size, advice});
+      if (advice != guard_install || kernel_knows_guards) return __real_madvise(where, size, advice);
+      errno = EINVAL;
+      return -1;
+    };
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, size_t{1024} * 1024);
+    pthread_attr_setguardsize(&attributes, guard_size);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(
+                  &thread, &attributes,
+                  [](void* data) -> void* {
+                    auto* self = static_cast<StackPrepareOwn*>(data);
+                    pthread_attr_t own;
+                    pthread_getattr_np(pthread_self(), &own);
+                    void* lowest = nullptr;
+                    pthread_attr_getstack(&own, &lowest, &self->stack_size);
+                    pthread_attr_destroy(&own);
+                    self->stack = static_cast<char*>(lowest);
+                    stack_prepare_own();
+                    self->guard_is_there = is_there(lowest);
+                    self->next_page_is_there = is_there(self->stack + page_size);
+                    return nullptr;
+                  },
+                  this),
+              0);
+    pthread_attr_destroy(&attributes);
+    pthread_join(thread, nullptr);
   }
-  ASSERT_EQ(advices.size(), 1U);
-  const auto& [mapping, advice] = advices[0];
-  EXPECT_EQ(advice, MADV_DONTFORK);
-  EXPECT_GT(local, mapping.begin);
-  EXPECT_LT(local, mapping.begin + mapping.size);
-  EXPECT_EQ(mapping.begin + mapping.size, usable.begin + usable.size) << "to its end";
-  EXPECT_EQ(mapping.size, usable.size + static_cast<size_t>(sysconf(_SC_PAGESIZE)))
-      << "with one page of guard";
+
+  struct Advice {
+    void* where;
+    size_t size;
+    int advice;
+    bool operator==(const Advice&) const = default;
+  };
+  static inline const auto page_size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  std::vector<Advice> advices;
+  char* stack = nullptr;
+  size_t stack_size = 0;
+  bool kernel_knows_guards = true;
+  bool guard_is_there = true;
+  bool next_page_is_there = false;
+};
+
+}  // namespace
+
+TEST_F(StackPrepareOwn, a_stack_without_a_guard_gets_one_and_stays_out_of_children) {
+  run_thread(0);
+  std::vector<Advice> expected = {{stack, page_size, guard_install}};
+  if (stacks_stay_out_of_children) expected.push_back({stack, stack_size, MADV_DONTFORK});
+  EXPECT_EQ(advices, expected);
+  EXPECT_FALSE(guard_is_there);
+  EXPECT_TRUE(next_page_is_there);
+}
+
+TEST_F(StackPrepareOwn, a_kernel_without_guards_in_a_mapping_makes_the_page_unreachable) {
+  kernel_knows_guards = false;
+  run_thread(0);
+  EXPECT_FALSE(guard_is_there);
+  EXPECT_TRUE(next_page_is_there);
+}
+
+TEST_F(StackPrepareOwn, a_stack_with_a_guard_of_the_library_only_stays_out_of_children) {
+  run_thread(page_size);
+  std::vector<Advice> expected;
+  if (stacks_stay_out_of_children) expected.push_back({stack, stack_size, MADV_DONTFORK});
+  EXPECT_EQ(advices, expected);
+  EXPECT_TRUE(guard_is_there) << "its lowest page is usable";
 }
 
 TEST_F(StackPool, a_stack_is_linked_while_the_pools_mutex_is_held) {
