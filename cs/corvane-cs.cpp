@@ -7,7 +7,6 @@
 // system, or by a crash, which is reported.
 #include <dbus/dbus.h>
 #include <execinfo.h>
-#include <malloc.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 #include <cstdlib>
 
 #include "common/daemon.h"
+#include "common/heap.h"
 #include "common/logger.h"
 #include "common/signals.h"
 #include "common/stack-pool.h"
@@ -95,16 +95,9 @@ static void install_segfault_handler() {
   signal(SIGSEGV, segfault_handler);
 }
 
-// One heap for all threads. The main thread takes memory for every message, the others only a few times for
-// an event or a launch, so that they seldom meet: a heap of its own for each (mallopt(3)) would save hardly a
-// wait, but every fork would copy all of them.
-static void share_one_heap() {
-  mallopt(M_ARENA_MAX, 1);
-}
-
 int main(int argc, char** argv) {
   signals_take_over();
-  share_one_heap();
+  heap_set_up();
   stack_set_defaults();
   ccs_parse_options(argc, argv);
   pthread_mutex_init(&station_table_mutex, nullptr);

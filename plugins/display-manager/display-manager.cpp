@@ -21,6 +21,7 @@
 #include <cstring>
 #include <new>
 
+#include "common/heap.h"
 #include "common/logger.h"
 #include "common/signals.h"
 #include "common/stack-pool.h"
@@ -131,7 +132,8 @@ static Station* new_station(const char* display, int display_num, int station_ty
   void* memory = malloc(sizeof(Station));
   if (!memory) return nullptr;
   char* display_copy = strdup(display);
-  if (!display_copy) {
+  if (!display_copy || heap_keep_for_children(memory, sizeof(Station)) != 0) {
+    free(display_copy);
     free(memory);
     return nullptr;
   }
@@ -315,6 +317,21 @@ void dm_free_argv(char** argv) {
   for (; *argv; ++argv) free(*argv);
 }
 
+// A vector whose words are not on the heap: of that a child has only what was kept for it.
+struct WordsOfChild {
+  explicit WordsOfChild(char* const* argv) {
+    int count = 0;
+    for (; argv[count]; ++count) {
+      text_format(words[count], text_size, "%s", argv[count]);
+      vector[count] = words[count];
+    }
+    vector[count] = nullptr;
+  }
+
+  char words[most_arguments][text_size];
+  char* vector[most_arguments + 1];
+};
+
 // The child's side of a launch: async-signal-safe calls only, and nothing of the daemon's buffers, locks or
 // exit handlers if the program cannot be run.
 [[noreturn]] static void run_actor(char* const* argv) {
@@ -328,9 +345,11 @@ void dm_free_argv(char** argv) {
 // child must stay the only one.
 static pid_t launch(ActorGroup& group, unsigned number, void* stack, char* const* argv) {
   if (group.newest != number) return 0;
+  const WordsOfChild words(argv);
+  heap_leave_out_growth();
   const pid_t child = stack_fork(stack);
   group.child_pid = child;
-  if (child == 0) run_actor(argv);
+  if (child == 0) run_actor(words.vector);
   if (child > 0) group.is_running = 1;
   group.child_reaped = false;
   return child;

@@ -103,7 +103,7 @@ def assert_in_report(machine, *functions):
     ("kill", "proc_method_stop"),
     ("mmap", "proc_method_start"),
     ("pthread_create", "dm_start_station_thread"),
-    ("madvise", "stack_take"),
+    ("madvise", "stack_prepare_own"),
     ("fork", "method_start_thread"),
     ("wait", "method_start_thread"),
     ("sleep", "method_start_thread"),

@@ -1,0 +1,160 @@
+// SPDX-License-Identifier: MIT
+// heap_test.cpp: what of the heap a child gets.
+//
+// What is left out stays so as long as the process, so each test leaves it out in a process of its own. Under
+// a sanitizer nothing is: the heap is the sanitizer's.
+#include "common/heap.h"
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <vector>
+
+#include "common/stack-pool.h"
+#include "tests/unit/fakes.h"
+
+using testing::ExitedWithCode;
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+namespace {
+
+class HeapDeathTest : public FakedTest {
+ protected:
+  void SetUp() override {
+    if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
+  }
+
+  /** A small piece of the heap, far enough above the last one to be on pages of its own. */
+  static void* far_piece() {
+    void* piece = nullptr;
+    for (int i = 0; i < 40; ++i) piece = malloc(1000);
+    return piece;
+  }
+
+  /** Whether a child has the first byte of each piece, one bit for each. */
+  static int pieces_in_a_child(const std::vector<void*>& pieces) {
+    int ends[2];
+    if (pipe(ends) != 0) _exit(99);
+    void* const* first = pieces.data();  // the vector's own memory may be what is left out
+    void* on_stack[8] = {};
+    const size_t count = pieces.size();
+    for (size_t i = 0; i < count; ++i) on_stack[i] = first[i];
+    const pid_t child = fork_without_handlers();
+    if (child == 0) {
+      int there = 0;
+      for (size_t i = 0; i < count; ++i) {
+        if (write(ends[1], on_stack[i], 1) == 1) there |= 1 << i;
+      }
+      _exit(there);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 98;
+  }
+
+  static pid_t fork_without_handlers();
+};
+
+pid_t HeapDeathTest::fork_without_handlers() {
+#ifdef CORVANE_HAS__FORK
+  return _Fork();
+#else
+  return fork();
+#endif
+}
+
+}  // namespace
+
+TEST_F(HeapDeathTest, a_child_gets_what_was_kept_and_nothing_that_the_heap_grew_by_later) {
+  EXPECT_EXIT(
+      {
+        heap_set_up();
+        void* kept = far_piece();
+        heap_keep_for_children(kept, 1000);
+        void* later = far_piece();
+        heap_leave_out_growth();
+        _exit(pieces_in_a_child({kept, later}));
+      },
+      ExitedWithCode(1), "");
+}
+
+TEST_F(HeapDeathTest, a_piece_that_is_kept_later_is_in_a_child_again) {
+  EXPECT_EXIT(
+      {
+        heap_set_up();
+        void* kept = far_piece();
+        heap_keep_for_children(kept, 1000);
+        void* between = far_piece();
+        heap_leave_out_growth();
+        void* kept_later = far_piece();
+        if (heap_keep_for_children(kept_later, 1000) != 0) _exit(97);
+        heap_leave_out_growth();
+        _exit(pieces_in_a_child({kept, between, kept_later}));
+      },
+      ExitedWithCode(5), "");
+}
+
+TEST_F(HeapDeathTest, before_a_piece_is_kept_a_child_gets_everything) {
+  EXPECT_EXIT(
+      {
+        heap_set_up();
+        void* piece = far_piece();
+        heap_leave_out_growth();
+        _exit(pieces_in_a_child({piece}));
+      },
+      ExitedWithCode(1), "");
+}
+
+TEST_F(HeapDeathTest, a_heap_that_was_not_set_up_is_left_alone) {
+  EXPECT_EXIT(
+      {
+        fakes.madvise = [](void*, size_t, int) -> int { _exit(96); };
+        void* kept = far_piece();
+        if (heap_keep_for_children(kept, 1000) != 0) _exit(97);
+        void* later = far_piece();
+        heap_leave_out_growth();
+        _exit(pieces_in_a_child({kept, later}));
+      },
+      ExitedWithCode(3), "");
+}
+
+TEST_F(HeapDeathTest, a_piece_that_cannot_be_kept_is_told) {
+  EXPECT_EXIT(
+      {
+        heap_set_up();
+        heap_keep_for_children(far_piece(), 1000);
+        void* left_out = far_piece();
+        heap_leave_out_growth();
+        fakes.madvise = [](void*, size_t, int) {
+          errno = ENOMEM;
+          return -1;
+        };
+        _exit(heap_keep_for_children(left_out, 1000) == -1 ? 0 : 1);
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(HeapDeathTest, growth_that_cannot_be_left_out_is_left_out_at_the_next_fork) {
+  EXPECT_EXIT(
+      {
+        heap_set_up();
+        heap_keep_for_children(far_piece(), 1000);
+        void* later = far_piece();
+        fakes.madvise = [](void*, size_t, int) {
+          errno = ENOMEM;
+          return -1;
+        };
+        heap_leave_out_growth();
+        const int first = pieces_in_a_child({later});
+        fakes.madvise = nullptr;
+        heap_leave_out_growth();
+        _exit(first == 1 ? pieces_in_a_child({later}) : 97);
+      },
+      ExitedWithCode(0), "");
+}
+
+#endif
