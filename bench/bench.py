@@ -26,6 +26,8 @@ SECTIONS = {
     "starts": starts.starts,
     "peers": starts.peers,
     "new-station": starts.new_station,
+    "cycles": starts.cycles,
+    "stations": starts.stations,
     "launching": starts.reply_while_launching,
     "ready": starts.ready,
     "restart": starts.restart,
