@@ -35,10 +35,12 @@ struct FreeStack {
   FreeStack* next;
 };
 
-pthread_mutex_t pool_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the three below
+pthread_mutex_t pool_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the five below
 FreeStack* returned = nullptr;
 char* block_rest = nullptr;
 char* block_end = nullptr;
+char* workers_begin = nullptr;  // the last workers' stacks that lie side by side
+char* workers_end = nullptr;
 
 bool map_block() {
   void* block = mmap(nullptr, block_size, PROT_READ | PROT_WRITE,
@@ -98,6 +100,32 @@ static void make_guard(void* stack) {
   if (madvise(stack, page_size, guard_install) != 0) mprotect(stack, page_size, PROT_NONE);
 }
 
+// Called with the pool's mutex held.
+static void advise_workers(int advice) {
+  if (workers_begin) madvise(workers_begin, static_cast<size_t>(workers_end - workers_begin), advice);
+}
+
+// Called with the pool's mutex held: a stack beside the last ones joins them, and any other one begins anew.
+static void join_workers(char* stack, size_t size) {
+  if (stack + size == workers_begin) {
+    workers_begin = stack;
+  } else if (stack == workers_end) {
+    workers_end = stack + size;
+  } else {
+    advise_workers(MADV_DONTFORK);
+    workers_begin = stack;
+    workers_end = stack + size;
+  }
+  advise_workers(MADV_DONTFORK);
+}
+
+void stack_expect_worker() {
+  if (!stacks_stay_out_of_children) return;
+  pthread_mutex_lock(&pool_mutex);
+  advise_workers(MADV_DOFORK);
+  pthread_mutex_unlock(&pool_mutex);
+}
+
 void stack_prepare_own() {
   pthread_attr_t attributes;
   if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
@@ -108,7 +136,10 @@ void stack_prepare_own() {
   pthread_attr_getguardsize(&attributes, &guard_size);
   pthread_attr_destroy(&attributes);
   if (guard_size == 0) make_guard(stack);
-  if (stacks_stay_out_of_children) madvise(stack, stack_size, MADV_DONTFORK);
+  if (!stacks_stay_out_of_children) return;
+  pthread_mutex_lock(&pool_mutex);
+  join_workers(static_cast<char*>(stack), stack_size);
+  pthread_mutex_unlock(&pool_mutex);
 }
 
 pid_t stack_fork(void* stack) {

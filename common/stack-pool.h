@@ -43,6 +43,13 @@ void* stack_take();
 void stack_return(void* stack);
 
 /**
+ * Lets the stack of the next worker join the mapping of the last ones, if it comes to lie beside them: for
+ * that these are in children until stack_prepare_own has run on the new one. Before the worker is made; one
+ * at a time.
+ */
+void stack_expect_worker();
+
+/**
  * Gives the calling thread's own stack a guard, unless it has one, and leaves it out of children. For a
  * thread on a stack that the C library made and that never forks. Where memory is short for it, the stack
  * stays as it is: no failure.

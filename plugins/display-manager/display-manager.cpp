@@ -186,6 +186,7 @@ int dm_start_station_thread(PluginContext* context, const char* display, int dis
     return -1;
   }
   link_station(context, station);
+  stack_expect_worker();
   const int rc = pthread_create(&station->thread, nullptr, process_station_events, station);
   if (rc != 0) {
     log_debug("{DM} Unable to start thread for display=%d, rc=%d\n", display_num, rc);

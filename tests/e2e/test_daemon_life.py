@@ -344,3 +344,25 @@ def test_all_threads_share_one_heap(machine):
     # The C library reserves a mebibyte of addresses or more for each further heap, and opens a part of it.
     sizes = [int(end, 16) - int(begin, 16) for begin, end in unreachable]
     assert [size for size in sizes if size > 256 * 1024] == []
+
+
+def guards_need_no_mapping():
+    """Since Linux 6.13."""
+    return [int(number) for number in os.uname().release.split("-")[0].split(".")[:2]] >= [6, 13]
+
+
+@not_under_a_sanitizer("its threads keep the stacks that the C library gives them")
+@pytest.mark.skipif(not guards_need_no_mapping(), reason="each guard is a mapping")
+def test_the_stacks_of_many_workers_are_few_mappings(machine):
+    def mappings():
+        with open(f"/proc/{machine.daemon.pid}/maps") as file:
+            return len(file.readlines())
+
+    caller = machine.caller()
+    assert caller.start(":0", "init-station") is True
+    machine.wait_log("No action needed")
+    before = mappings()
+    for display in range(1, 101):
+        assert caller.start(f":{display}", "init-station") is True
+    machine.wait_log("No action needed", 101)
+    assert mappings() <= before + 10

@@ -502,11 +502,14 @@ TEST_F(Worker, it_becomes_ready_and_says_so_once) {
 }
 
 TEST_F(Worker, it_prepares_its_own_stack_before_it_says_that_it_starts) {
-  std::vector<std::pair<pthread_t, int>> advices;
+  std::vector<std::pair<pthread_t, int>> advices;  // of the worker; the main thread's come before
   Lines lines_at_advice;
+  const pthread_t main_thread = pthread_self();
   fakes.madvise = [&](void* where, size_t size, int advice) {
-    advices.push_back({pthread_self(), advice});
-    lines_at_advice = log.lines();
+    if (!pthread_equal(pthread_self(), main_thread)) {
+      advices.push_back({pthread_self(), advice});
+      lines_at_advice = log.lines();
+    }
     return __real_madvise(where, size, advice);
   };
   make_station(1);
@@ -515,9 +518,9 @@ TEST_F(Worker, it_prepares_its_own_stack_before_it_says_that_it_starts) {
     EXPECT_EQ(advices.size(), 0U);
     return;
   }
-  ASSERT_EQ(advices.size(), 1U);
-  EXPECT_TRUE(pthread_equal(advices[0].first, station_of(1)->thread));
-  EXPECT_EQ(advices[0].second, MADV_DONTFORK);
+  ASSERT_GE(advices.size(), 1U);
+  EXPECT_TRUE(pthread_equal(advices.back().first, station_of(1)->thread));
+  EXPECT_EQ(advices.back().second, MADV_DONTFORK);
   EXPECT_EQ(lines_at_advice, dm_lines("dm_start_station_thread", {"Start a new station thread for :1"}));
 }
 

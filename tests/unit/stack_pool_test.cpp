@@ -378,9 +378,9 @@ class StackPrepareOwn : public StackPool {
 
 TEST_F(StackPrepareOwn, a_stack_without_a_guard_gets_one_and_stays_out_of_children) {
   run_thread(0);
-  std::vector<Advice> expected = {{stack, page_size, guard_install}};
-  if (stacks_stay_out_of_children) expected.push_back({stack, stack_size, MADV_DONTFORK});
-  EXPECT_EQ(advices, expected);
+  ASSERT_GE(advices.size(), 1U);
+  EXPECT_EQ(advices.front(), (Advice{stack, page_size, guard_install}));
+  EXPECT_EQ(advices.back() == (Advice{stack, stack_size, MADV_DONTFORK}), stacks_stay_out_of_children);
   EXPECT_FALSE(guard_is_there);
   EXPECT_TRUE(next_page_is_there);
 }
@@ -394,9 +394,9 @@ TEST_F(StackPrepareOwn, a_kernel_without_guards_in_a_mapping_makes_the_page_unre
 
 TEST_F(StackPrepareOwn, a_stack_with_a_guard_of_the_library_only_stays_out_of_children) {
   run_thread(page_size);
-  std::vector<Advice> expected;
-  if (stacks_stay_out_of_children) expected.push_back({stack, stack_size, MADV_DONTFORK});
-  EXPECT_EQ(advices, expected);
+  for (const Advice& advice : advices) EXPECT_EQ(advice.advice, MADV_DONTFORK);
+  EXPECT_EQ(!advices.empty() && advices.back() == (Advice{stack, stack_size, MADV_DONTFORK}),
+            stacks_stay_out_of_children);
   EXPECT_TRUE(guard_is_there) << "its lowest page is usable";
 }
 
