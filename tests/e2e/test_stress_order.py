@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 # test_stress_order.py: what was accepted takes effect, in the order of acceptance, whatever fails on the way.
 import os
+import re
 
 from machine import LOG, SANITIZER
 from stress import (GROUPS, chance, is_32_bit, make_stations, report, size, start_call, start_in_storm, stop_call,
@@ -8,6 +9,7 @@ from stress import (GROUPS, chance, is_32_bit, make_stations, report, size, star
 
 pytestmark = time_limit
 NOT_RUNNING = "{DM} sub process is not running\n"
+STOPPED = re.compile(r"proc_method_stop: DEBUG: (proc_method_stop: child_pid \d+|\{DM\} sub process is not running)\n")
 THREAD_END = "Exit from the current thread\n"
 
 
@@ -78,6 +80,7 @@ def test_a_launch_that_fails_anywhere_lets_the_next_request_go_on(bare):
         calls += [start_call(display, actor), stop_call(display, actor)]
     assert caller.burst(calls) == len(calls) * [(True,)]
     wait_count(bare, "proc_method_stop: DEBUG: proc_method_stop\n", pairs)
+    bare.wait("the last stop's second line", lambda: len(STOPPED.findall(bare.log_text())) == pairs)
     log = bare.log_text()
     launched = log.count(", child=")
     no_thread = "{DM} Unable to start thread for event:"
