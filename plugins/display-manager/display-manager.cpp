@@ -131,9 +131,8 @@ static Station* find_station(const PluginContext* context, int display_num) {
 static Station* new_station(const char* display, int display_num, int station_type) {
   void* memory = malloc(sizeof(Station));
   if (!memory) return nullptr;
-  char* display_copy = strdup(display);
+  TextOwner display_copy(strdup(display));
   if (!display_copy || heap_keep_for_children(memory, sizeof(Station)) != 0) {
-    free(display_copy);
     free(memory);
     return nullptr;
   }
@@ -141,7 +140,7 @@ static Station* new_station(const char* display, int display_num, int station_ty
   sem_init(&station->waiting, 0, 0);
   sem_init(&station->launched, 0, 0);
   station->display_num = display_num;
-  station->display = display_copy;
+  station->display = display_copy.release();
   station->station_type = station_type;
   return station;
 }
