@@ -104,8 +104,8 @@ def memory(run):
 
 
 def stripped_kib(program):
-    subprocess.run(["strip", "-o", "/run/stripped", program], check=True)
-    return os.path.getsize("/run/stripped") / 1024
+    subprocess.run(["strip", "-o", f"{STAGE}/stripped", program], check=True)
+    return os.path.getsize(f"{STAGE}/stripped") / 1024
 
 
 def size(run):

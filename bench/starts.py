@@ -10,8 +10,8 @@ from support.place import NAME
 from support.processes import stat_of
 
 import supervisors
-from machine import (DAEMON_NAME, DISPLAY_MANAGER, DUMMY, Machine, floor_target, is_alive, mappings, own_kib,
-                     threads, wait_for)
+from machine import (DISPLAY_MANAGER, DUMMY, Machine, floor_target, mappings, own_kib, threads,
+                     wait_for)
 from results import median
 
 FLOOR = "two-thread fork"

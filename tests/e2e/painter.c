@@ -2,9 +2,9 @@
 // painter.c: preloaded into the daemon, paints the stack of each thread before its body runs, so that a story
 // can see how deep the thread has been.
 //
-// /run/stacks gets one line for each thread: its id, the lowest address of its stack, and its size in bytes.
+// /run/stage/stacks gets one line for each thread: its id, the lowest address of its stack, and its size in bytes.
 // What the thread has never used still has the paint (PAINT in each byte). A child that ends without having
-// become an actor writes the same line, and after it how deep it has been, into /run/stacks-of-children.
+// become an actor writes the same line, and after it how deep it has been, into /run/stage/stacks-of-children.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -34,7 +34,7 @@ static void note_stack(void) {
   if (pthread_getattr_np(pthread_self(), &attributes) != 0) abort();
   pthread_attr_getstack(&attributes, &lowest, &stack_size);
   pthread_attr_destroy(&attributes);
-  FILE* file = fopen("/run/stacks", "a");
+  FILE* file = fopen("/run/stage/stacks", "a");
   if (!file) abort();
   fprintf(file, "%d %zu %zu\n", gettid(), (size_t)lowest, stack_size);
   fclose(file);
@@ -58,7 +58,7 @@ void _exit(int status) {
   char line[100];  // a child has no heap
   int length = snprintf(line, sizeof line, "%d %zu %zu %zu\n", gettid(), (size_t)lowest_byte, stack_size,
                         (size_t)(lowest_byte + stack_size - used));
-  int file = used ? open("/run/stacks-of-children", O_WRONLY | O_CREAT | O_APPEND, 0600) : -1;
+  int file = used ? open("/run/stage/stacks-of-children", O_WRONLY | O_CREAT | O_APPEND, 0600) : -1;
   if (used && write(file, line, (size_t)length) != length) status = 1;
   syscall(SYS_exit_group, status);
   __builtin_unreachable();

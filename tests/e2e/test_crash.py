@@ -8,7 +8,11 @@ import time
 from pathlib import Path
 
 import pytest
-from machine import FAULTS, LOG, SANITIZER, STAND_IN, Line, meddled, not_under_a_sanitizer, plugin_call
+
+from support.callers import plugin_call
+from support.log import Line
+from support.machine import FAULTS, SANITIZER, STAND_IN, meddled, not_under_a_sanitizer
+from support.place import LOG
 from test_bus_loss import wait_service
 
 # The thread sanitizer may do so until the wait ends.
@@ -227,7 +231,7 @@ def test_a_pid_file_that_is_written_after_the_report_removed_one_is_left_alone(b
     bare.write_pid_file("77")
     bare.start_daemon(environment=meddled("exit=hang"))
     bare.daemon.send_signal(signal.SIGSEGV)
-    bare.wait("the handlers of an orderly exit", lambda: os.path.exists("/run/exit"))
+    bare.wait("the handlers of an orderly exit", lambda: os.path.exists("/run/stage/exit"))
     assert bare.pid_file() is None
     bare.write_pid_file("88")  # as the next daemon does
     assert bare.daemon.wait(4) == 1
@@ -241,7 +245,7 @@ PAGE = os.sysconf("SC_PAGE_SIZE")
 def depths(machine):
     """Of each thread so far, in the order of their creation: id, size of its stack, how deep it has been."""
     found = []
-    with open("/run/stacks") as stacks, open(f"/proc/{machine.daemon.pid}/mem", "rb", 0) as memory:
+    with open("/run/stage/stacks") as stacks, open(f"/proc/{machine.daemon.pid}/mem", "rb", 0) as memory:
         for thread, lowest, size in (map(int, line.split()) for line in stacks):
             memory.seek(lowest + PAGE)  # the lowest page may be a guard
             used = memory.read(size - PAGE).lstrip(PAINT)
@@ -270,14 +274,14 @@ def test_no_thread_needs_more_than_half_of_its_stack_even_for_a_crash_report(bar
     served = depths(bare)
     threads = {"worker": served[0][0], "group": served[-1][0]}
     crash_thread(bare, threads[place])
-    bare.wait("the report to be complete", lambda: os.path.exists("/run/gate"))
+    bare.wait("the report to be complete", lambda: os.path.exists("/run/stage/gate"))
     crashed = {thread: (size, depth) for thread, size, depth in depths(bare)}
     size, depth = crashed[threads[place]]
     serving = next(deep for thread, _, deep in served if thread == threads[place])
     print(f"\n  {place}: {serving} bytes while it serves, {depth} with a crash report, of {size}", flush=True)
     assert len(served) == 4 and size == 65536
     assert 1000 < serving < depth <= size // 2
-    os.unlink("/run/gate")
+    os.unlink("/run/stage/gate")
     assert bare.daemon.wait(3) == 1
 
 
@@ -289,7 +293,7 @@ def test_no_child_needs_more_than_half_of_the_stack_that_it_has(bare):
     bare.start_daemon(environment={"LD_PRELOAD": f"{os.path.dirname(STAND_IN)}/libpainter.so", "PATH": path})
     assert bare.caller().start(":2147483647", "xhotkey") is True
     bare.wait_log("Child process died")
-    with open("/run/stacks-of-children") as stacks:
+    with open("/run/stage/stacks-of-children") as stacks:
         _, _, size, depth = map(int, stacks.readline().split())
     print(f"\n  child: {depth} bytes of {size}", flush=True)
     assert size == 65536

@@ -7,7 +7,9 @@ import signal
 import time
 
 import pytest
-from machine import not_under_a_sanitizer, plugin_call
+
+from support.callers import plugin_call
+from support.machine import not_under_a_sanitizer
 from transcript import START, STOP, begun, launch, now, transcript
 
 

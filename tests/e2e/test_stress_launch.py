@@ -5,7 +5,8 @@ import os
 import re
 import subprocess
 
-from machine import PROGRAMS, SANITIZER
+from support.machine import SANITIZER
+from support.place import PROGRAMS
 from stress import report, size, time_limit
 
 pytestmark = time_limit

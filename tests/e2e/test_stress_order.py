@@ -3,7 +3,8 @@
 import os
 import re
 
-from machine import LOG, SANITIZER
+from support.machine import SANITIZER
+from support.place import LOG
 from stress import (GROUPS, chance, is_32_bit, make_stations, report, size, start_call, start_in_storm, stop_call,
                     time_limit, wait_count)
 
