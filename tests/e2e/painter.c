@@ -2,9 +2,10 @@
 // painter.c: preloaded into the daemon, paints the stack of each thread before its body runs, so that a story
 // can see how deep the thread has been.
 //
-// /run/stage/stacks gets one line for each thread: its id, the lowest address of its stack, and its size in bytes.
-// What the thread has never used still has the paint (PAINT in each byte). A child that ends without having
-// become an actor writes the same line, and after it how deep it has been, into /run/stage/stacks-of-children.
+// /run/stage/stacks gets one line for each thread: its id, the lowest address of its stack, and its size in
+// bytes. What the thread has never used still has the paint (PAINT in each byte). A child that ends without
+// having become an actor writes the same line, and after it how deep it has been, into
+// /run/stage/stacks-of-children.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
