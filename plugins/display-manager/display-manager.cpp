@@ -319,18 +319,18 @@ void dm_free_argv(char** argv) {
 
 // A vector whose words are not on the heap: of that a child has only what was kept for it.
 struct WordsOfChild {
-  explicit WordsOfChild(char* const* argv) {
-    int count = 0;
-    for (; argv[count]; ++count) {
-      text_format(words[count], text_size, "%s", argv[count]);
-      vector[count] = words[count];
-    }
-    vector[count] = nullptr;
-  }
-
   char words[most_arguments][text_size];
   char* vector[most_arguments + 1];
 };
+
+static void copy_words(char* const* argv, WordsOfChild& copy) {
+  int count = 0;
+  for (; argv[count]; ++count) {
+    text_format(copy.words[count], text_size, "%s", argv[count]);
+    copy.vector[count] = copy.words[count];
+  }
+  copy.vector[count] = nullptr;
+}
 
 // The child's side of a launch: async-signal-safe calls only, and nothing of the daemon's buffers, locks or
 // exit handlers if the program cannot be run.
@@ -345,11 +345,12 @@ struct WordsOfChild {
 // child must stay the only one.
 static pid_t launch(ActorGroup& group, unsigned number, void* stack, char* const* argv) {
   if (group.newest != number) return 0;
-  const WordsOfChild words(argv);
+  WordsOfChild copy;
+  copy_words(argv, copy);
   heap_leave_out_growth();
   const pid_t child = stack_fork(stack);
   group.child_pid = child;
-  if (child == 0) run_actor(words.vector);
+  if (child == 0) run_actor(copy.vector);
   if (child > 0) group.is_running = 1;
   group.child_reaped = false;
   return child;

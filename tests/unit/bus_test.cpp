@@ -545,8 +545,8 @@ TEST_F(Bus, a_watch_that_could_not_be_handled_is_followed_by_a_pause_and_dispatc
 TEST_F(Bus, a_watch_that_is_handled_ends_the_shortage_and_the_next_one_begins_anew) {
   ccs_add_watch(as_watch(&readable), &bus);
   CapturedLog log;
-  for (const dbus_bool_t result : {FALSE, FALSE, TRUE, FALSE}) {
-    handled = result;
+  for (const bool result : {false, false, true, false}) {
+    handled = result ? TRUE : FALSE;
     ccs_serve_watch(&bus);
   }
   EXPECT_EQ(pauses_among(calls), (Calls{"usleep 1000", "usleep 2000", "usleep 1000"}));
