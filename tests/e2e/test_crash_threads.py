@@ -11,7 +11,7 @@ import time
 import pytest
 
 from support.callers import CallFailed, plugin_call
-from support.machine import FAULTS, meddled, not_under_a_sanitizer
+from support.machine import FAULTS, SANITIZER, meddled, not_under_a_sanitizer
 from support.place import LOG
 from stress import report, size, start_call, stop_call
 from test_crash import FRAME, crash_thread, threads
@@ -103,7 +103,7 @@ def assert_in_report(machine, *functions):
     ("kill", "proc_method_stop"),
     ("mmap", "proc_method_start"),
     ("pthread_create", "dm_start_station_thread"),
-    ("madvise", "stack_prepare_own"),
+    ("madvise", "stack_take" if SANITIZER == "thread" else "stack_prepare_own"),
     ("fork", "method_start_thread"),
     ("wait", "method_start_thread"),
     ("sleep", "method_start_thread"),

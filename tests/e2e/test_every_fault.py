@@ -23,6 +23,8 @@ from stress import is_32_bit, report, size, start_call, stop_call
 PLACES = size((1, 2, 3, 4, 5, 7, 10, 15, 25, 50, 100), range(1, 101))
 
 PLACES_OF = {"mmap": size((1,), range(1, 6))}  # one mapping holds the stacks of 256 threads
+if SANITIZER == "thread":
+    PLACES_OF["madvise"] = PLACES_OF["mmap"]  # it keeps every stack in children
 
 # Each call with what the log says of its failure while the daemon serves; None where nothing is to be said.
 WHILE_SERVING = {
