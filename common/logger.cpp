@@ -6,6 +6,9 @@
 // line stay together. Each line is flushed because the crash report writes to the descriptor behind the
 // stream. The prefix is the dearest part of a line, and the same for a whole second: each thread keeps the
 // last one that it wrote.
+//
+// Files are opened with the mode "e", closed on exec: an actor may run as another user, and with the
+// descriptor that user could write to the log, truncate it, or take O_APPEND off.
 #include "common/logger.h"
 
 #include <fcntl.h>
@@ -43,12 +46,12 @@ static void open_log_file(Logger* logger) {
     char backup[backup_name_size];
     text_format(backup, sizeof backup, "%s.old", path);
     if (rename(path, backup) != 0) {
-      logger->fp = open_appending(path, "a");
+      logger->fp = open_appending(path, "ae");
       logger->write(logger, "Cannot move old log file from %s to %s\n", path, backup);
       return;
     }
   }
-  logger->fp = open_appending(path, "w");
+  logger->fp = open_appending(path, "we");
 }
 
 Logger* log_open(const char* name) {
@@ -63,7 +66,7 @@ Logger* log_open(const char* name) {
   } else if (strcmp(name, "stderr") == 0) {
     logger->fp = stderr;
   } else if (strcmp(name, "null") == 0) {
-    logger->fp = fopen("/dev/null", "a");
+    logger->fp = fopen("/dev/null", "ae");
   } else {
     open_log_file(logger);
   }

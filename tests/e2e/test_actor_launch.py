@@ -7,7 +7,7 @@ import subprocess
 import pytest
 
 from support.machine import STAND_IN
-from support.place import LOG, PID_FILE
+from support.place import PID_FILE
 from transcript import launch, now, transcript
 
 ARGUMENTS = {  # of each actor: code, and the arguments on display 3
@@ -98,13 +98,20 @@ def test_an_actor_of_a_daemon_in_the_background_is_in_its_session_and_in_the_roo
     assert (record.parent, record.session, record.directory) == (daemon, os.getsid(daemon), "/")
 
 
-def test_an_actor_holds_the_standard_descriptors_and_the_log_and_not_the_bus(machine):
+def test_an_actor_inherits_the_standard_descriptors_and_no_other(machine):
     assert machine.caller().start(":1", "xhotkey") is True
     (record,) = machine.wait_records(1)
-    descriptors = dict(record.descriptors)
-    for number in "012":
-        assert descriptors.pop(number) == os.readlink(f"/proc/{machine.daemon.pid}/fd/{number}")
-    assert list(descriptors.values()) == [LOG]
+    assert record.descriptors == {number: os.readlink(f"/proc/{machine.daemon.pid}/fd/{number}") for number in "012"}
+
+
+def test_an_actor_of_a_daemon_in_the_background_inherits_no_other_either(bare):
+    bare.start_bus()
+    assert bare.daemonise("--start").returncode == 0
+    bare.wait_log(r"Start mainloop \.\.\.")
+    assert bare.caller().start(":1", "xhotkey") is True
+    (record,) = bare.wait_records(1)
+    terminal = "/run/stage/terminal"
+    assert record.descriptors == {"0": "/dev/null", "1": terminal, "2": terminal}
 
 
 def test_an_actor_of_a_later_launch_holds_no_more_than_one_of_an_early_one(machine):

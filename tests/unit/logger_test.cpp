@@ -94,10 +94,10 @@ TEST_F(LogOpen, null_swallows_its_lines) {
   std::vector<std::string> opened;
   fakes.fopen = [&](const char* path, const char* mode) {
     opened.push_back(std::string(path) + " " + mode);
-    return __real_fopen("/dev/null", "a");
+    return __real_fopen("/dev/null", mode);
   };
   const LoggerOwner logger = open("null");
-  EXPECT_EQ(opened, (std::vector<std::string>{"/dev/null a"}));
+  EXPECT_EQ(opened, (std::vector<std::string>{"/dev/null ae"}));
   ASSERT_NE(logger->fp, nullptr);
   logger->write(logger.get(), "gone\n");
 }
@@ -109,8 +109,8 @@ TEST_F(LogOpen, names_are_compared_as_whole_words) {
     return __real_fopen("/dev/null", mode);
   };
   for (const char* name : {"stdout2", "stderr2", "null2", "stdou", "stderr ", "nul"}) open(name);
-  EXPECT_EQ(opened,
-            (std::vector<std::string>{"stdout2 w", "stderr2 w", "null2 w", "stdou w", "stderr  w", "nul w"}));
+  EXPECT_EQ(opened, (std::vector<std::string>{"stdout2 we", "stderr2 we", "null2 we", "stdou we",
+                                              "stderr  we", "nul we"}));
 }
 
 TEST_F(LogOpen, a_new_path_starts_an_empty_log_without_a_backup) {
@@ -164,7 +164,7 @@ TEST_F(LogOpen, a_log_that_can_neither_be_moved_nor_opened_gives_a_silent_logger
   const LoggerOwner logger = open(path);
   EXPECT_EQ(output.taken(), "");
   fakes.fopen = nullptr;
-  EXPECT_EQ(modes, (std::vector<std::string>{"a"}));
+  EXPECT_EQ(modes, (std::vector<std::string>{"ae"}));
   EXPECT_EQ(logger->fp, nullptr);
   EXPECT_EQ(logger->level, 5);
   EXPECT_EQ(logger->write, log_write);
@@ -222,7 +222,20 @@ TEST_F(LogOpen, new_and_moved_logs_start_empty_and_immovable_ones_are_appended_t
   ASSERT_EQ(unlink((path + ".old").c_str()), 0);
   ASSERT_EQ(mkdir((path + ".old").c_str(), 0700), 0);
   open(path);
-  EXPECT_EQ(modes, (std::vector<std::string>{"w", "w", "a"}));
+  EXPECT_EQ(modes, (std::vector<std::string>{"we", "we", "ae"}));
+}
+
+TEST_F(LogOpen, a_new_a_moved_an_immovable_and_a_null_log_are_closed_on_exec) {
+  const auto is_closed_on_exec = [](const LoggerOwner& logger) {
+    return (fcntl(fileno(logger->fp), F_GETFD) & FD_CLOEXEC) != 0;
+  };
+  const std::string path = directory.path("log");
+  EXPECT_TRUE(is_closed_on_exec(open(path)));
+  EXPECT_TRUE(is_closed_on_exec(open(path)));
+  ASSERT_EQ(unlink((path + ".old").c_str()), 0);
+  ASSERT_EQ(mkdir((path + ".old").c_str(), 0700), 0);
+  EXPECT_TRUE(is_closed_on_exec(open(path)));
+  EXPECT_TRUE(is_closed_on_exec(open("null")));
 }
 
 TEST_F(LogOpen, a_file_log_can_be_truncated_while_it_is_written) {
