@@ -1,18 +1,19 @@
 # SPDX-License-Identifier: MIT
-# test_policy.py: what the bus lets root do with the control server, and what everyone else.
+# test_policy.py: what the bus lets root send to the control server, and that it lets no other user send anything.
 #
-# Each row is sent by root and by a stranger to a daemon that serves the system's bus. Every answer tells who
-# gave it: what the daemon does not know it refuses itself, and that is not the policy's doing.
+# Root and a stranger try each way to reach a daemon that serves the system's bus. Every answer says who gave
+# it: what the daemon does not know it refuses itself, and that is not the policy's doing.
 #
-# Of every plugin, root gets what is described for callers, and nobody else gets more. A bus can be asked for
-# two users only, so the files themselves are read, too.
+# Of every plugin, root gets what is described for callers, and no other user gets anything. A bus can be asked
+# for two users only, so the files themselves are read, too.
 import json
 import os
 import traceback
 import xml.etree.ElementTree as ElementTree
 
 import pytest
-from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call, new_signal
+from jeepney import DBusAddress, HeaderFields, MessageFlag, MessageType, new_method_call, new_signal
+from jeepney.io.blocking import open_dbus_connection
 
 from support.callers import Caller
 from conftest import BUS_ERRORS, start_system_bus
@@ -21,39 +22,38 @@ ROOT, STRANGER = 0, 65534
 NAME = "com.corvane.ControlServer"
 MANAGER = ("/com/corvane/ControlServer/DisplayManager", "com.corvane.ControlServer.DisplayManager")
 DUMMY = ("/com/corvane/ControlServer/Dummy", "com.corvane.ControlServer.Dummy")
+INTROSPECTABLE, PEER = "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Peer"
+BUS = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
 DENIED = "the bus: org.freedesktop.DBus.Error.AccessDenied"
 UNKNOWN = "the daemon: org.freedesktop.DBus.Error.UnknownMethod"
 NOBODY = ("", "nobody", "PCI")  # no display: it is understood, and answered with false
 
-# name of the row, path, interface, member, arguments, answer to root, answer to a stranger
+# name of the row, path, interface, member, arguments, answer to root; a stranger is always refused
 CALLS = [
-    ("Start", *MANAGER, "Start", NOBODY, [False], DENIED),
-    ("Stop", *MANAGER, "Stop", NOBODY[:2], [False], DENIED),
-    ("HelloWorld", *DUMMY, "HelloWorld", (), ["How are you?"], DENIED),
-    ("Start without arguments", *MANAGER, "Start", (), UNKNOWN, DENIED),
-    ("Start without an interface", MANAGER[0], None, "Start", NOBODY, DENIED, DENIED),
-    ("Stop without an interface", MANAGER[0], None, "Stop", NOBODY[:2], DENIED, DENIED),
-    ("HelloWorld without an interface", DUMMY[0], None, "HelloWorld", (), DENIED, DENIED),
-    ("Introspect without an interface", MANAGER[0], None, "Introspect", (), DENIED, DENIED),
-    ("a member of DisplayManager that has no rule", *MANAGER, "Restart", (), DENIED, DENIED),
-    ("a member of Dummy that has no rule", *DUMMY, "GoodbyeWorld", (), DENIED, DENIED),
-    ("an interface that has no rule", MANAGER[0], NAME, "Start", NOBODY, DENIED, DENIED),
-    ("a member with another interface's rule", MANAGER[0], DUMMY[1], "Start", NOBODY, DENIED, DENIED),
-    ("Introspect of DisplayManager", MANAGER[0], "org.freedesktop.DBus.Introspectable", "Introspect", (),
-     "a description", "a description"),
-    ("Introspect of Dummy", DUMMY[0], "org.freedesktop.DBus.Introspectable", "Introspect", (),
-     "a description", "a description"),
-    ("Introspect of the root", "/", "org.freedesktop.DBus.Introspectable", "Introspect", (),
-     "a description", "a description"),
-    ("Ping", MANAGER[0], "org.freedesktop.DBus.Peer", "Ping", (), [], []),
-    ("GetMachineId", MANAGER[0], "org.freedesktop.DBus.Peer", "GetMachineId", (), DENIED, DENIED),
-    ("Get", MANAGER[0], "org.freedesktop.DBus.Properties", "Get", ("a", "b"), DENIED, DENIED),
-    ("GetAll", MANAGER[0], "org.freedesktop.DBus.Properties", "GetAll", ("a",), DENIED, DENIED),
+    ("Start", *MANAGER, "Start", NOBODY, [False]),
+    ("Stop", *MANAGER, "Stop", NOBODY[:2], [False]),
+    ("HelloWorld", *DUMMY, "HelloWorld", (), ["How are you?"]),
+    ("Start without arguments", *MANAGER, "Start", (), UNKNOWN),
+    ("Start without an interface", MANAGER[0], None, "Start", NOBODY, DENIED),
+    ("Stop without an interface", MANAGER[0], None, "Stop", NOBODY[:2], DENIED),
+    ("HelloWorld without an interface", DUMMY[0], None, "HelloWorld", (), DENIED),
+    ("Introspect without an interface", MANAGER[0], None, "Introspect", (), DENIED),
+    ("a member of DisplayManager that has no rule", *MANAGER, "Restart", (), DENIED),
+    ("a member of Dummy that has no rule", *DUMMY, "GoodbyeWorld", (), DENIED),
+    ("an interface that has no rule", MANAGER[0], NAME, "Start", NOBODY, DENIED),
+    ("a member with another interface's rule", MANAGER[0], DUMMY[1], "Start", NOBODY, DENIED),
+    ("Introspect of DisplayManager", MANAGER[0], INTROSPECTABLE, "Introspect", (), "a description"),
+    ("Introspect of Dummy", DUMMY[0], INTROSPECTABLE, "Introspect", (), "a description"),
+    ("Introspect of the root", "/", INTROSPECTABLE, "Introspect", (), "a description"),
+    ("Ping", MANAGER[0], PEER, "Ping", (), []),
+    ("GetMachineId", MANAGER[0], PEER, "GetMachineId", (), DENIED),
+    ("Get", MANAGER[0], "org.freedesktop.DBus.Properties", "Get", ("a", "b"), DENIED),
+    ("GetAll", MANAGER[0], "org.freedesktop.DBus.Properties", "GetAll", ("a",), DENIED),
 ]
 
 
 def as_user(uid, task):
-    """What task() returns in a process of that user and of no group but his own."""
+    """What task() returns in a process of that user, who is in no group except his own."""
     reader, writer = os.pipe()
     child = os.fork()
     if child == 0:
@@ -75,8 +75,11 @@ def as_user(uid, task):
 
 
 def answer(connection, path, interface, member, arguments, destination=NAME):
-    message = new_method_call(DBusAddress(path, bus_name=destination, interface=interface), member,
-                              "s" * len(arguments) or None, arguments)
+    return answer_to(connection, new_method_call(DBusAddress(path, bus_name=destination, interface=interface), member,
+                                                 "s" * len(arguments) or None, arguments))
+
+
+def answer_to(connection, message):
     reply = connection.send_and_get_reply(message, timeout=10)
     if reply.header.message_type == MessageType.error:
         fields = reply.header.fields
@@ -101,9 +104,8 @@ def bus_call(machine, uid, member, signature, *arguments):
     """The answer of the bus itself: what it returns, or the name of its error."""
 
     def ask():
-        bus = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
         reply = Caller(machine.address).connection.send_and_get_reply(
-            new_method_call(bus, member, signature, arguments), timeout=10)
+            new_method_call(BUS, member, signature, arguments), timeout=10)
         is_error = reply.header.message_type == MessageType.error
         return reply.header.fields[HeaderFields.error_name] if is_error else list(reply.body)
 
@@ -111,53 +113,101 @@ def bus_call(machine, uid, member, signature, *arguments):
 
 
 def stop_bus(machine):
-    """Ends the bus; returns its complaints, but for that of the machine's limit of open files."""
+    """Ends the bus; returns its complaints, except that of the machine's limit of open files."""
     machine.bus.terminate()
     machine.bus.wait(10)
     return [line for line in BUS_ERRORS.read_text().splitlines() if "Failed to set fd limit" not in line]
 
 
-@pytest.mark.parametrize("uid", [ROOT, STRANGER])
-def test_each_call_is_let_through_to_whom_the_table_says(system_bus, uid):
+def seen_by(daemon_log):
+    return [text for text in daemon_log if text.startswith("obj=")]
+
+
+HELLO = f"obj={DUMMY[0]}, interface={DUMMY[1]}, member=HelloWorld, type=1"
+
+
+def test_root_gets_the_answers_of_the_table(system_bus):
     system_bus.start_daemon()
 
-    expected = {row[0]: row[5] if uid == ROOT else row[6] for row in CALLS}
-    assert dict(zip(expected, answers(system_bus, uid))) == expected
+    expected = {row[0]: row[5] for row in CALLS}
+    assert dict(zip(expected, answers(system_bus, ROOT))) == expected
+
+
+def test_the_bus_refuses_each_call_of_a_stranger(system_bus):
+    system_bus.start_daemon()
+
+    assert dict(zip([row[0] for row in CALLS], answers(system_bus, STRANGER))) == {row[0]: DENIED for row in CALLS}
 
 
 def test_the_unique_name_of_the_daemon_opens_nothing_to_a_stranger(system_bus):
     system_bus.start_daemon()
     [unique] = bus_call(system_bus, ROOT, "GetNameOwner", "s", NAME)
 
-    assert answers(system_bus, STRANGER, unique) == [row[6] for row in CALLS]
+    assert answers(system_bus, STRANGER, unique) == [DENIED] * len(CALLS)
 
 
-def test_a_refused_call_does_not_reach_the_daemon(system_bus):
+def test_nothing_that_a_stranger_calls_reaches_the_daemon(system_bus):
     system_bus.start_daemon()
     answers(system_bus, STRANGER)
     system_bus.caller().hello()
 
-    seen = [text for text in system_bus.texts() if text.startswith("obj=")]
-    introspection = "interface=org.freedesktop.DBus.Introspectable, member=Introspect, type=1"
-    assert seen == [f"obj={MANAGER[0]}, {introspection}", f"obj={DUMMY[0]}, {introspection}",
-                    f"obj={DUMMY[0]}, interface={DUMMY[1]}, member=HelloWorld, type=1"]
+    assert seen_by(system_bus.texts()) == [HELLO]
 
 
 @pytest.mark.parametrize("uid", [ROOT, STRANGER])
-def test_a_signal_of_somebody_does_not_reach_the_daemon(system_bus, uid):
+@pytest.mark.parametrize("kind", [MessageType.signal, MessageType.method_return, MessageType.error])
+def test_no_message_that_is_not_a_call_reaches_the_daemon(system_bus, uid, kind):
     system_bus.start_daemon()
-    signal = new_signal(DBusAddress(*MANAGER[:1], interface=MANAGER[1]), "Start", "sss", NOBODY)
-    signal.header.fields[HeaderFields.destination] = NAME
+    message = new_signal(DBusAddress(*MANAGER[:1], interface=MANAGER[1]), "Start", "sss", NOBODY)
+    message.header.message_type = kind
+    message.header.fields[HeaderFields.destination] = NAME
+    if kind != MessageType.signal:
+        message.header.fields[HeaderFields.reply_serial] = 1
+    if kind == MessageType.error:
+        message.header.fields[HeaderFields.error_name] = f"{NAME}.Failed"
 
     def send():
         connection = Caller(system_bus.address).connection
-        connection.send(signal)
-        answer(connection, MANAGER[0], "org.freedesktop.DBus.Peer", "Ping", ())  # the bus has seen both
+        connection.send(message)
+        connection.send_and_get_reply(new_method_call(BUS, "GetId"), timeout=10)  # the bus has seen both
 
     as_user(uid, send)
     system_bus.caller().hello()
-    seen = [text for text in system_bus.texts() if text.startswith("obj=")]
-    assert seen == [f"obj={DUMMY[0]}, interface={DUMMY[1]}, member=HelloWorld, type=1"]
+    assert seen_by(system_bus.texts()) == [HELLO]
+
+
+@pytest.mark.parametrize("uid", [ROOT, STRANGER])
+def test_a_call_that_wants_no_reply_is_refused_like_any_other(system_bus, uid):
+    system_bus.start_daemon()
+    introspection = f"obj={MANAGER[0]}, interface={INTROSPECTABLE}, member=Introspect, type=1"
+
+    def send():
+        connection = Caller(system_bus.address).connection
+        for path, interface, member in ((MANAGER[0], INTROSPECTABLE, "Introspect"), (MANAGER[0], None, "Introspect")):
+            call = new_method_call(DBusAddress(path, bus_name=NAME, interface=interface), member)
+            call.header.flags |= MessageFlag.no_reply_expected
+            connection.send(call)
+        connection.send_and_get_reply(new_method_call(BUS, "GetId"), timeout=10)  # the bus has seen all
+
+    as_user(uid, send)
+    system_bus.caller().hello()
+    assert seen_by(system_bus.texts()) == ([introspection, HELLO] if uid == ROOT else [HELLO])
+
+
+@pytest.mark.parametrize("uid", [ROOT, STRANGER])
+def test_a_message_with_a_descriptor_is_refused_whatever_it_calls(system_bus, uid):
+    system_bus.start_daemon()
+
+    def ask_all():
+        connection = open_dbus_connection(system_bus.address, enable_fds=True)
+        with open("/dev/null") as file:
+            return [answer_to(connection, new_method_call(
+                DBusAddress(path, bus_name=NAME, interface=interface), member,
+                "s" * len(arguments) + "h", (*arguments, file))) for _, path, interface, member, arguments, _ in CALLS]
+
+    assert as_user(uid, ask_all) == [DENIED] * len(CALLS)
+    system_bus.caller().hello()
+    assert seen_by(system_bus.texts()) == [HELLO]
 
 
 def test_root_alone_may_own_the_name(system_bus):
@@ -227,16 +277,15 @@ def test_of_each_plugin_root_may_call_what_is_described_and_a_stranger_nothing(s
     assert let_through(system_bus, STRANGER, methods) == []
 
 
-def test_the_file_of_the_daemon_gives_root_the_name_and_everybody_two_questions(installed):
+def test_the_file_of_the_daemon_gives_root_the_name_and_two_questions_and_nobody_descriptors(installed):
     call = {"send_destination": NAME, "send_type": "method_call"}
     assert given(installed / f"usr/share/dbus-1/system.d/{NAME}.conf") == [
-        ({"context": "default"}, [
-            ("deny", {"own": NAME}),
-            ("deny", {"send_destination": NAME}),
-            ("allow", {**call, "send_interface": "org.freedesktop.DBus.Introspectable",
-                       "send_member": "Introspect"}),
-            ("allow", {**call, "send_interface": "org.freedesktop.DBus.Peer", "send_member": "Ping"})]),
-        ({"user": "root"}, [("allow", {"own": NAME})])]
+        ({"context": "default"}, [("deny", {"own": NAME}), ("deny", {"send_destination": NAME})]),
+        ({"user": "root"}, [
+            ("allow", {"own": NAME}),
+            ("allow", {**call, "send_interface": INTROSPECTABLE, "send_member": "Introspect"}),
+            ("allow", {**call, "send_interface": PEER, "send_member": "Ping"})]),
+        ({"context": "mandatory"}, [("deny", {"send_destination": NAME, "min_fds": "1"})])]
 
 
 def test_the_file_of_each_plugin_gives_root_what_is_described_and_nobody_else_anything(installed):
