@@ -60,11 +60,6 @@ def test_the_init_script_names_the_daemon_where_it_is(root):
     assert re.findall(r"^daemon=(.*)", text, re.MULTILINE) == [f"{PREFIX}/sbin/corvane-cs"]
 
 
-def test_the_logrotate_snippet_names_the_daemon_where_it_is(root):
-    text = (root / PREFIX[1:] / "etc/logrotate.d/corvane-cs").read_text()
-    assert re.findall(r"pidof -z ([^)]*)", text) == [f"{PREFIX}/sbin/corvane-cs"]
-
-
 def test_the_manual_pages_name_the_installed_files_where_they_are(root):
     named = [path for page in pages(root / PREFIX[1:])
              for path in re.findall(r"^\.It Pa (\S+)$", page.read_text(), re.MULTILINE)

@@ -34,13 +34,18 @@ def laid_over(bare, installed, monkeypatch):
     return bare
 
 
-def start_system_bus(machine, policies):
-    """Starts the system's bus with its stock configuration, but with the policies of one directory only."""
+def start_system_bus(machine, policies, **limits):
+    """Starts the system's bus with its stock configuration, but with the policies of one directory only.
+
+    Limits are those of dbus-daemon(1).
+    """
     text = BUS_CONFIGURATION.read_text()
     assert BUS_SOCKET in text
     text, count = re.subn("<includedir>system.d</includedir>", f"<includedir>{policies}</includedir>", text)
     assert count == 1, text
     text = re.sub("<include.*?>/etc/.*?</include.*?>", "", text)
+    elements = "".join(f'<limit name="{name}">{value}</limit>' for name, value in limits.items())
+    text = text.replace("</busconfig>", f"{elements}</busconfig>")
     os.mkdir("/run/dbus")
     configuration = Path("/run/dbus/system.conf")
     configuration.write_text(text)

@@ -4,11 +4,111 @@
 # The attacker is a user of no group but his own. He has what everyone has: the system bus, processes of any
 # name, and the programs that he runs as an actor.
 import os
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import time
 from pathlib import Path
 
-from support.place import LOG, STAGE
+import pytest
+from jeepney import DBusAddress, new_method_call
+from jeepney.io.blocking import open_dbus_connection
+
+from conftest import start_system_bus
+from support.callers import Caller, plugin_call
+from support.place import LOG, NAME, PATH, STAGE
+from support.processes import process_state
 
 ATTACKER = 65534
+BUS = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
+INTROSPECT = new_method_call(DBusAddress(PATH, bus_name=NAME, interface="org.freedesktop.DBus.Introspectable"),
+                             "Introspect")
+
+
+def attack(task):
+    """Runs task() in a process of the attacker; returns the pid of the process, which ends with the story."""
+    child = os.fork()
+    if child:
+        return child
+    os.setgroups([])
+    os.setresgid(ATTACKER, ATTACKER, ATTACKER)
+    os.setresuid(ATTACKER, ATTACKER, ATTACKER)
+    try:
+        task()
+    finally:
+        os._exit(0)
+
+
+def seconds_of_a_call(machine):
+    """How long root waits for an answer."""
+    caller = machine.caller()
+    started = time.monotonic()
+    assert caller.ask(plugin_call("Dummy", "HelloWorld"), timeout=30) == ("How are you?",)
+    return time.monotonic() - started
+
+
+# ---- callers ----
+
+
+def test_a_caller_that_never_reads_keeps_root_from_nothing(laid_over, policies):
+    """The bus stops to read from a service of whose messages it holds too many; here that is reached sooner."""
+    start_system_bus(laid_over, policies, max_incoming_bytes=100000)
+    laid_over.start_daemon()
+    before = laid_over.texts()
+    reader, writer = os.pipe()
+
+    def flood():
+        connection = Caller(laid_over.address).connection
+        connection.sock.settimeout(2)
+        try:
+            for serial in range(1, 100000):
+                connection.sock.sendall(INTROSPECT.serialise(serial=serial))
+        except OSError:  # the bus takes no more
+            pass
+        os.write(writer, b".")
+        time.sleep(600)
+
+    attack(flood)
+    os.read(reader, 1)
+
+    assert seconds_of_a_call(laid_over) < 5
+    assert not [text for text in laid_over.texts()[len(before):] if "Introspect" in text]
+
+
+def test_a_socket_that_lingers_does_not_hold_the_main_thread(system_bus):
+    daemon = system_bus.start_daemon()
+    listener = socket.create_server(("127.0.0.1", 0))
+    lingering = socket.create_connection(listener.getsockname())
+    deaf, _ = listener.accept()
+    lingering.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 20))
+    lingering.setblocking(False)
+    with pytest.raises(BlockingIOError):
+        while True:
+            lingering.send(bytes(65536))
+    reader, writer = os.pipe()
+
+    def ping():
+        connection = open_dbus_connection(system_bus.address, enable_fds=True)
+        peer = DBusAddress(PATH, bus_name=NAME, interface="org.freedesktop.DBus.Peer")
+        connection.send(new_method_call(peer, "Ping", "h", (lingering,)))
+        connection.send_and_get_reply(new_method_call(BUS, "GetId"), timeout=10)  # the bus has dealt with the Ping
+        os.write(writer, b".")
+
+    daemon.send_signal(signal.SIGSTOP)  # so that the daemon is the last to hold the socket
+    attacker = attack(ping)
+    lingering.close()
+    os.read(reader, 1)
+    system_bus.wait("the attacker to let go", lambda: not os.path.exists(f"/proc/{attacker}/fd/{writer}"))
+    daemon.send_signal(signal.SIGCONT)
+    try:
+        assert seconds_of_a_call(system_bus) < 5
+    finally:
+        deaf.close()
+
+
+# ---- actors ----
 
 # An actor that gives up its rights and then does what it can with each descriptor that it was given.
 MEDDLING_ACTOR = f"""#!/usr/bin/python3
@@ -44,3 +144,41 @@ def test_an_actor_of_another_user_cannot_touch_the_log(system_bus):
              for line in Path(f"/proc/{system_bus.daemon.pid}/fdinfo/{descriptor}").read_text().splitlines()
              if line.startswith("flags:")]
     assert len(flags) == 1 and int(flags[0], 8) & os.O_APPEND
+
+
+# ---- processes of the daemon's name ----
+
+# Runs the daemon's executable and never lets it do anything: it is held by ptrace(2) from its first instruction.
+HOLD = """
+import ctypes, os, time
+if os.fork() == 0:
+    ctypes.CDLL(None).ptrace(0, 0, 0, 0)
+    os.execv("/usr/sbin/corvane-cs", ["/usr/sbin/corvane-cs"])
+time.sleep(600)
+"""
+
+
+@pytest.fixture
+def held(laid_over):
+    """The pid of a process of the attacker that runs the daemon's executable, held by him."""
+    attacker = subprocess.Popen([sys.executable, "-c", HOLD], user=ATTACKER, group=ATTACKER, extra_groups=[])
+    children = Path(f"/proc/{attacker.pid}/task/{attacker.pid}/children")
+
+    def traced():
+        pid = children.read_text().strip()
+        return int(pid) if pid and process_state(int(pid)) == "t" else None
+
+    return laid_over.wait("a held process", traced)
+
+
+def test_a_held_process_keeps_no_log_from_being_cut(system_bus, installed, held):
+    system_bus.start_daemon()
+    started = time.monotonic()
+    for _ in range(6):
+        done = subprocess.run(["logrotate", "--force", "--state", f"{STAGE}/logrotate.state",
+                               str(installed / "etc/logrotate.d/corvane-cs")], capture_output=True, text=True)
+        assert (done.returncode, done.stderr) == (0, "")
+        system_bus.caller().hello()
+    assert time.monotonic() - started < 5
+    assert process_state(held) == "t"
+    assert sorted(os.listdir("/var/log")) == ["corvane-cs.log", *(f"corvane-cs.log.{n}.gz" for n in (1, 2, 3, 4))]
