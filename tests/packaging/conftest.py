@@ -8,15 +8,18 @@ import os
 import re
 import shutil
 import subprocess
+import sys
 from pathlib import Path
 
 import pytest
 
 from support import machine as machines
 from support.fixtures import bare, machine  # noqa: F401: pytest finds them here
+from support.processes import process_state
 
 BUS_SOCKET = "/run/dbus/system_bus_socket"
 BUS_CONFIGURATION = Path("/usr/share/dbus-1/system.conf")
+STRANGER = 65534  # a user without rights
 BUS_ERRORS = Path("/run/dbus/errors")
 
 
@@ -68,3 +71,26 @@ def system_bus(laid_over, policies):
     """A clean machine with the installed files and a system bus that has their policy."""
     start_system_bus(laid_over, policies)
     return laid_over
+
+
+# Runs the daemon's executable and never lets it do anything: it is held by ptrace(2) from its first instruction.
+HOLD = """
+import ctypes, os, time
+if os.fork() == 0:
+    ctypes.CDLL(None).ptrace(0, 0, 0, 0)
+    os.execv("/usr/sbin/corvane-cs", ["/usr/sbin/corvane-cs"])
+time.sleep(600)
+"""
+
+
+@pytest.fixture
+def held(laid_over):
+    """The pid of a process of a stranger that runs the daemon's executable, held by the stranger's other one."""
+    stranger = subprocess.Popen([sys.executable, "-c", HOLD], user=STRANGER, group=STRANGER, extra_groups=[])
+    children = Path(f"/proc/{stranger.pid}/task/{stranger.pid}/children")
+
+    def traced():
+        pid = children.read_text().strip()
+        return int(pid) if pid and process_state(int(pid)) == "t" else None
+
+    return laid_over.wait("a held process", traced)

@@ -8,7 +8,6 @@ import signal
 import socket
 import struct
 import subprocess
-import sys
 import time
 from pathlib import Path
 
@@ -16,12 +15,12 @@ import pytest
 from jeepney import DBusAddress, new_method_call
 from jeepney.io.blocking import open_dbus_connection
 
+from conftest import STRANGER as ATTACKER
 from conftest import start_system_bus
 from support.callers import Caller, plugin_call
-from support.place import LOG, NAME, PATH, STAGE
+from support.place import LOG, NAME, PATH, PID_FILE, STAGE
 from support.processes import process_state
 
-ATTACKER = 65534
 BUS = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
 INTROSPECT = new_method_call(DBusAddress(PATH, bus_name=NAME, interface="org.freedesktop.DBus.Introspectable"),
                              "Introspect")
@@ -148,29 +147,6 @@ def test_an_actor_of_another_user_cannot_touch_the_log(system_bus):
 
 # ---- processes of the daemon's name ----
 
-# Runs the daemon's executable and never lets it do anything: it is held by ptrace(2) from its first instruction.
-HOLD = """
-import ctypes, os, time
-if os.fork() == 0:
-    ctypes.CDLL(None).ptrace(0, 0, 0, 0)
-    os.execv("/usr/sbin/corvane-cs", ["/usr/sbin/corvane-cs"])
-time.sleep(600)
-"""
-
-
-@pytest.fixture
-def held(laid_over):
-    """The pid of a process of the attacker that runs the daemon's executable, held by him."""
-    attacker = subprocess.Popen([sys.executable, "-c", HOLD], user=ATTACKER, group=ATTACKER, extra_groups=[])
-    children = Path(f"/proc/{attacker.pid}/task/{attacker.pid}/children")
-
-    def traced():
-        pid = children.read_text().strip()
-        return int(pid) if pid and process_state(int(pid)) == "t" else None
-
-    return laid_over.wait("a held process", traced)
-
-
 def test_a_held_process_keeps_no_log_from_being_cut(system_bus, installed, held):
     system_bus.start_daemon()
     started = time.monotonic()
@@ -182,3 +158,33 @@ def test_a_held_process_keeps_no_log_from_being_cut(system_bus, installed, held)
     assert time.monotonic() - started < 5
     assert process_state(held) == "t"
     assert sorted(os.listdir("/var/log")) == ["corvane-cs.log", *(f"corvane-cs.log.{n}.gz" for n in (1, 2, 3, 4))]
+
+
+# ---- the pid file ----
+
+
+def test_the_pid_file_of_the_init_script_cannot_be_overwritten(system_bus, installed, held):
+    script = str(installed / "etc/init.d/corvane-cs")
+    subprocess.run([script, "start"], check=True, umask=0, stdout=subprocess.DEVNULL)
+    daemon = system_bus.pid_file()
+
+    def overwrite():
+        with open(PID_FILE, "w") as file:
+            file.write(str(held))
+
+    os.waitpid(attack(overwrite), 0)
+    assert system_bus.pid_file() == daemon
+    assert subprocess.run([script, "stop"], stdout=subprocess.DEVNULL).returncode == 0
+    assert process_state(int(daemon)) is None
+
+
+def test_the_log_of_the_init_scripts_daemon_cannot_be_written(system_bus, installed):
+    script = str(installed / "etc/init.d/corvane-cs")
+    subprocess.run([script, "start"], check=True, umask=0, stdout=subprocess.DEVNULL)
+
+    def forge():
+        with open(LOG, "a") as file:
+            file.write("forged\n")
+
+    os.waitpid(attack(forge), 0)
+    assert "forged" not in system_bus.log_text()

@@ -12,7 +12,7 @@ from pathlib import Path
 import pytest
 from jeepney import DBusAddress, new_method_call
 
-from support.place import NAME
+from support.place import LOG, NAME, PID_FILE
 from support.processes import process_state
 
 
@@ -20,14 +20,14 @@ class Script:
     def __init__(self, machine, path):
         self.machine, self.path = machine, path
 
-    def __call__(self, *verbs):
+    def __call__(self, *verbs, **popen):
         """Runs the script as an init does: with next to no environment; its status and its output.
 
         The output comes through a pipe, which ends only when nobody holds it any more, the daemon included.
         """
         done = subprocess.run([self.path, *verbs], env={"PATH": "/usr/bin:/bin", "TERM": "dumb"}, cwd="/",
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              text=True, timeout=60)
+                              text=True, timeout=60, **popen)
         return done.returncode, done.stdout
 
     def status(self):
@@ -47,8 +47,9 @@ def queued(machine):
 
 
 def daemons():
-    """The pids of all processes that run the daemon's executable."""
+    """The pids of all processes of root that run the daemon's executable."""
     return [int(pid) for pid in os.listdir("/proc") if pid.isdigit() and process_state(int(pid))
+            and os.stat(f"/proc/{pid}").st_uid == 0
             and os.readlink(f"/proc/{pid}/exe").startswith("/usr/sbin/corvane-cs")]
 
 
@@ -58,14 +59,16 @@ def script(system_bus, installed):
     return Script(system_bus, installed / "etc/init.d/corvane-cs")
 
 
-def test_each_verb_twice(script):
+@pytest.mark.parametrize("beside_a_stranger", [False, True])
+def test_each_verb_twice(script, beside_a_stranger, request):
     machine = script.machine
+    stranger = request.getfixturevalue("held") if beside_a_stranger else None
     assert script("status") == (3, "corvane-cs is not running.\n")
 
     status, output = script("start")
     assert status == 0, output
     first = owner(machine)
-    assert machine.pid_file() == str(first)
+    assert machine.pid_file() == f"{first}\n"
     assert machine.caller().hello() == "How are you?"
     status, output = script("start")
     assert status == 0 and "already running" in output
@@ -80,7 +83,7 @@ def test_each_verb_twice(script):
         assert status == 0, output
         assert process_state(before) is None
         before = owner(machine)
-        assert daemons() == [before] and machine.pid_file() == str(before)
+        assert daemons() == [before] and machine.pid_file() == f"{before}\n"
 
     status, output = script("stop")
     assert status == 0, output
@@ -89,6 +92,7 @@ def test_each_verb_twice(script):
     assert status == 0 and "not running" in output
     for _ in range(2):
         assert script("status") == (3, "corvane-cs is not running.\n")
+    assert not stranger or process_state(stranger) == "t"
 
 
 def test_restart_starts_what_does_not_run_and_try_restart_does_not(script):
@@ -101,9 +105,42 @@ def test_restart_starts_what_does_not_run_and_try_restart_does_not(script):
     assert daemons() == [owner(script.machine)] != [first]
 
 
-def test_the_directory_of_the_pid_file_is_for_root_to_write_in(script):
+def mode(path):
+    return oct(os.stat(path).st_mode & 0o777)
+
+
+@pytest.mark.parametrize("umask", [0, 0o077])
+def test_pid_file_and_log_are_for_root_to_write_whatever_the_umask_of_the_init_is(script, umask):
+    os.mkdir("/run/corvane", 0o755)
+    script.machine.write_pid_file("")
+    os.chmod(PID_FILE, 0o666)  # of a daemon that was started with --start
+    assert script("start", umask=umask)[0] == 0
+
+    assert (mode("/run/corvane"), mode(PID_FILE), mode(LOG)) == ("0o755", "0o644", "0o644")
+    status = Path(f"/proc/{owner(script.machine)}/status").read_text()
+    assert "Umask:\t0022\n" in status
+
+
+def test_the_directory_of_the_pid_file_is_made_for_root_to_write_in(script):
+    script("start", umask=0)
+    assert mode("/run/corvane") == "0o755"
+
+
+def test_the_daemon_has_a_session_of_its_own_and_nothing_of_the_scripts_descriptors(script):
     script("start")
-    assert os.stat("/run/corvane").st_mode & 0o777 == 0o755
+    pid = owner(script.machine)
+    assert os.getsid(pid) not in (0, os.getsid(0))
+    assert os.readlink(f"/proc/{pid}/cwd") == "/"
+    assert [os.readlink(f"/proc/{pid}/fd/{number}") for number in (0, 1, 2)] == ["/dev/null"] * 3
+
+
+def test_the_daemon_can_be_asked_for_and_stopped_by_its_own_options(script):
+    script("start")
+    pid = owner(script.machine)
+    assert script.machine.run("--pid").stdout == f"{pid}\n"
+    assert script.machine.run("--stop").returncode == 0
+    script.machine.wait_gone(pid)
+    assert script("status") == (3, "corvane-cs is not running.\n")
 
 
 def test_actors_are_looked_up_where_an_administrator_installs_them(script):
@@ -113,34 +150,38 @@ def test_actors_are_looked_up_where_an_administrator_installs_them(script):
     assert "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin" in environment
 
 
-@pytest.mark.parametrize("content", ["", "999999", "12345678", "{other}"])
-def test_a_stale_pid_file_is_seen_through(script, content):
+@pytest.mark.parametrize("content", ["", "0", "-1", "999999", "12345678", "99999999999999999999", "{other}",
+                                     "{other} x", "../run/x", "{stranger}"])
+def test_a_stale_pid_file_is_seen_through(script, content, held):
     machine = script.machine
     other = subprocess.Popen(["sleep", "600"])
     os.mkdir("/run/corvane")
+    content = content.format(other=other.pid, stranger=held)
 
-    machine.write_pid_file(content.format(other=other.pid))
+    machine.write_pid_file(content)
     assert script("status") == (1, "corvane-cs is not running, but its pid file exists.\n")
     status, output = script("stop")
     assert status == 0 and "not running" in output
     assert machine.pid_file() is None
 
-    machine.write_pid_file(content.format(other=other.pid))
+    machine.write_pid_file(content)
     status, output = script("start")
     assert status == 0, output
-    assert machine.pid_file() == str(owner(machine))
-    assert other.poll() is None
+    assert machine.pid_file() == f"{owner(machine)}\n"
+    assert other.poll() is None and process_state(held) == "t"
 
 
-def test_a_killed_daemon_is_told_and_replaced(script):
+def test_a_killed_daemon_is_reported_and_replaced(script):
     script("start")
-    pid = owner(script.machine)
-    os.kill(pid, 9)
-    script.machine.wait_gone(pid)
+    for _ in range(2):
+        pid = owner(script.machine)
+        os.kill(pid, signal.SIGKILL)
+        script.machine.wait_gone(pid)
 
-    assert script.status() == 1
-    assert script("start")[0] == 0
-    assert daemons() == [owner(script.machine)] != [pid]
+        for _ in range(2):
+            assert script("status") == (1, "corvane-cs is not running, but its pid file exists.\n")
+        assert script("start")[0] == 0
+        assert daemons() == [owner(script.machine)] != [pid]
 
 
 def test_a_start_without_a_bus_fails_and_leaves_nothing(laid_over, installed):

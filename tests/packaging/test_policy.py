@@ -16,9 +16,9 @@ from jeepney import DBusAddress, HeaderFields, MessageFlag, MessageType, new_met
 from jeepney.io.blocking import open_dbus_connection
 
 from support.callers import Caller
-from conftest import BUS_ERRORS, start_system_bus
+from conftest import BUS_ERRORS, STRANGER, start_system_bus
 
-ROOT, STRANGER = 0, 65534
+ROOT = 0
 NAME = "com.corvane.ControlServer"
 MANAGER = ("/com/corvane/ControlServer/DisplayManager", "com.corvane.ControlServer.DisplayManager")
 DUMMY = ("/com/corvane/ControlServer/Dummy", "com.corvane.ControlServer.Dummy")
@@ -75,8 +75,8 @@ def as_user(uid, task):
 
 
 def answer(connection, path, interface, member, arguments, destination=NAME):
-    return answer_to(connection, new_method_call(DBusAddress(path, bus_name=destination, interface=interface), member,
-                                                 "s" * len(arguments) or None, arguments))
+    address = DBusAddress(path, bus_name=destination, interface=interface)
+    return answer_to(connection, new_method_call(address, member, "s" * len(arguments) or None, arguments))
 
 
 def answer_to(connection, message):
@@ -136,7 +136,8 @@ def test_root_gets_the_answers_of_the_table(system_bus):
 def test_the_bus_refuses_each_call_of_a_stranger(system_bus):
     system_bus.start_daemon()
 
-    assert dict(zip([row[0] for row in CALLS], answers(system_bus, STRANGER))) == {row[0]: DENIED for row in CALLS}
+    expected = {row[0]: DENIED for row in CALLS}
+    assert dict(zip(expected, answers(system_bus, STRANGER))) == expected
 
 
 def test_the_unique_name_of_the_daemon_opens_nothing_to_a_stranger(system_bus):
@@ -183,8 +184,8 @@ def test_a_call_that_wants_no_reply_is_refused_like_any_other(system_bus, uid):
 
     def send():
         connection = Caller(system_bus.address).connection
-        for path, interface, member in ((MANAGER[0], INTROSPECTABLE, "Introspect"), (MANAGER[0], None, "Introspect")):
-            call = new_method_call(DBusAddress(path, bus_name=NAME, interface=interface), member)
+        for interface in (INTROSPECTABLE, None):
+            call = new_method_call(DBusAddress(MANAGER[0], bus_name=NAME, interface=interface), "Introspect")
             call.header.flags |= MessageFlag.no_reply_expected
             connection.send(call)
         connection.send_and_get_reply(new_method_call(BUS, "GetId"), timeout=10)  # the bus has seen all
@@ -201,9 +202,10 @@ def test_a_message_with_a_descriptor_is_refused_whatever_it_calls(system_bus, ui
     def ask_all():
         connection = open_dbus_connection(system_bus.address, enable_fds=True)
         with open("/dev/null") as file:
-            return [answer_to(connection, new_method_call(
-                DBusAddress(path, bus_name=NAME, interface=interface), member,
-                "s" * len(arguments) + "h", (*arguments, file))) for _, path, interface, member, arguments, _ in CALLS]
+            calls = [new_method_call(DBusAddress(path, bus_name=NAME, interface=interface), member,
+                                     "s" * len(arguments) + "h", (*arguments, file))
+                     for _, path, interface, member, arguments, _ in CALLS]
+            return [answer_to(connection, call) for call in calls]
 
     assert as_user(uid, ask_all) == [DENIED] * len(CALLS)
     system_bus.caller().hello()
