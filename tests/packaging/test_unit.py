@@ -6,6 +6,7 @@
 # directives are written out, because each was decided for the sake of the stations and their actors.
 import os
 import re
+import shlex
 import shutil
 import subprocess
 from pathlib import Path
@@ -18,7 +19,7 @@ EXPECTED = {
     "BusName": "com.corvane.ControlServer",
     "Environment": "DBUS_SESSION_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket",
     "ExecStart": "/usr/sbin/corvane-cs",
-    "Restart": "on-failure",
+    "Restart": "always",
     "RestartSec": "1s",
     "KillMode": "control-group",
     "TimeoutStopSec": "10s",
@@ -97,6 +98,44 @@ def test_a_fault_of_another_unit_is_not_ours(units):
 def test_each_decision_stands_in_the_unit(units):
     found = settings((units / "corvane-cs.service").read_text())
     assert {key: found.get(key) for key in EXPECTED} == EXPECTED
+
+
+def before_the_start(units, machine):
+    """Runs what the unit does before the daemon, as systemd reads it; its status and its output."""
+    text = (units / "corvane-cs.service").read_text().replace("\\\n", " ")
+    command = shlex.split(settings(text)["ExecStartPre"].replace("$$", "$"))
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=30,
+                          env={"PATH": os.environ["PATH"], "DBUS_SESSION_BUS_ADDRESS": machine.address})
+    return done.returncode, done.stdout
+
+
+def test_a_start_beside_a_daemon_that_has_the_name_fails_with_a_message(units, laid_over):
+    laid_over.start_bus()
+    daemon = laid_over.start_daemon()
+    log = laid_over.log_text()
+    assert before_the_start(units, laid_over) == (
+        1, f"corvane-cs: a daemon runs already, with pid {daemon.pid}: end it first\n")
+    assert laid_over.log_text() == log and laid_over.logs() == ["corvane-cs.log"]
+
+
+def test_a_start_without_another_daemon_goes_on(units, laid_over):
+    laid_over.address = "unix:path=/run/no-bus"
+    assert before_the_start(units, laid_over) == (0, "")
+    laid_over.start_bus()
+    assert before_the_start(units, laid_over) == (0, "")
+
+
+def test_a_start_goes_on_though_the_bus_still_names_a_daemon_that_has_ended(units, laid_over, monkeypatch):
+    laid_over.start_bus()
+    daemon = laid_over.start_daemon()
+    program = Path("/run/stage/actors/bin/dbus-send")
+    program.write_text(f"#!/bin/sh\necho '   uint32 {daemon.pid}'\n")
+    program.chmod(0o755)
+    monkeypatch.setenv("PATH", f"{program.parent}:{os.environ['PATH']}")
+    assert before_the_start(units, laid_over)[0] == 1
+    daemon.kill()
+    laid_over.wait_gone(daemon.pid)
+    assert before_the_start(units, laid_over) == (0, "")
 
 
 def test_nothing_is_forbidden_that_a_session_may_want(units):
