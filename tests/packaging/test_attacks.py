@@ -21,6 +21,7 @@ from support.callers import Caller, plugin_call
 from support.place import LOG, NAME, PATH, PID_FILE, STAGE
 from support.processes import process_state
 
+DEBIAN = Path(__file__).resolve().parent.parent.parent / "debian"
 BUS = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
 INTROSPECT = new_method_call(DBusAddress(PATH, bus_name=NAME, interface="org.freedesktop.DBus.Introspectable"),
                              "Introspect")
@@ -188,3 +189,14 @@ def test_the_log_of_the_init_scripts_daemon_cannot_be_written(system_bus, instal
 
     os.waitpid(attack(forge), 0)
     assert "forged" not in system_bus.log_text()
+
+
+@pytest.mark.parametrize("text", ["{held}", "../run/attack"])
+def test_a_pid_file_that_the_attacker_wrote_does_not_block_a_removal(laid_over, held, text):
+    laid_over.write_pid_file(text.format(held=held))
+    Path("/run/attack").mkdir()
+    os.symlink("/usr/sbin/corvane-cs", "/run/attack/exe")  # what a lazy reader takes for a process
+    started = time.monotonic()
+    done = subprocess.run(["sh", DEBIAN / "corvane-cs.prerm", "remove"], capture_output=True, text=True, timeout=60)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    assert time.monotonic() - started < 5 and process_state(held) == "t"
