@@ -23,6 +23,7 @@ SHARED = sorted([
     "share/doc/corvane-cs/examples/stricter.conf",
     "share/man/man5/com.corvane.ControlServer.DisplayManager.5",
     "share/man/man5/com.corvane.ControlServer.Dummy.5",
+    "share/man/man7/corvane-actors.7",
     "share/man/man8/corvane-cs.8",
     "share/zsh/vendor-completions/_corvane-cs",
 ])

@@ -24,6 +24,7 @@ INSTALLED = Path(os.environ["CORVANE_INSTALLED"])
 MANUAL = INSTALLED / "usr/share/man"
 PAGES = sorted(str(page.relative_to(MANUAL)) for page in MANUAL.glob("man*/*"))
 OBJECTS = sorted(page.stem for page in MANUAL.glob("man5/*"))
+DAEMON, ACTORS = "man8/corvane-cs.8", "man7/corvane-actors.7"
 OPTIONS = ["--disable", "--enable", "--pid", "--purge", "--start", "--stop", "--verbose"]
 ERROR = "org.freedesktop.DBus.Error"
 
@@ -70,7 +71,7 @@ def test_the_pages_are_those_of_the_daemon_and_of_each_of_its_objects(machine, m
     registered = [text for text in machine.texts() if text.startswith("path=")]
     objects = [text.removeprefix("path=/").replace("/", ".") for text in registered]
     assert len(objects) >= 2
-    assert PAGES == sorted(["man8/corvane-cs.8", *(f"man5/{name}.5" for name in objects)])
+    assert PAGES == sorted([DAEMON, ACTORS, *(f"man5/{name}.5" for name in objects)])
 
 
 @pytest.mark.parametrize("page", PAGES)
@@ -160,7 +161,7 @@ def part_of(page):
     return [str(file.parent.relative_to(SOURCES)) for file in beside] or ["cs", "common"]
 
 
-@pytest.mark.parametrize("page", PAGES)
+@pytest.mark.parametrize("page", [page for page in PAGES if page != ACTORS])
 def test_the_diagnostics_of_each_page_are_what_its_part_of_the_daemon_can_say(manual, page):
     said = sayings(*part_of(page))
     diagnostics = explained(Page(manual / page))
@@ -211,6 +212,14 @@ def test_the_actors_of_the_page_run_as_it_says(bare, manual):
         assert [line for line in lines if line.startswith("group:")][-1] == f"group:{group}, is_running:0"
     assert names == ["init-station", "local-login", "remote-login", "press-fkey", "click-mouse",
                      "disable-station", "xhotkey"]
+
+
+def test_the_programs_of_the_page_for_actors_are_those_that_run(manual):
+    """What they are given is tried above, with the page of the interface."""
+    actors = Page(manual / f"man5/{MANAGER}.5").entries("ACTORS")
+    commands = [words(line) for _, text in actors for line in text.iter("code")]
+    programs = [words(term) for term, _ in Page(manual / ACTORS).entries("PROGRAMS")]
+    assert sorted(programs) == sorted(commands) and len(programs) == 6
 
 
 def test_the_station_types_of_the_page_are_known_by_their_codes(bare, manual):
@@ -335,6 +344,36 @@ def test_the_examples_are_all_that_the_page_has(manual, page):
     assert [words(section[0]) for section in sections] == [row[1] for row in EXAMPLES if row[0] == page]
 
 
+def test_the_daemon_is_started_and_called_by_hand_on_a_private_bus(laid_over, manual, tmp_path):
+    [result] = run_examples(Page(manual / DAEMON).examples("EXAMPLES")[:1], tmp_path)
+
+    assert (result.returncode, result.stdout) == (0, "('How are you?',)\n"), result.stderr
+    assert "{DUMMY} dbus_dummy_hello_world: HelloWorld" in laid_over.texts()
+
+
+def test_the_daemon_is_started_and_stopped_by_hand_on_the_system_bus(system_bus, manual, tmp_path):
+    [result] = run_examples(Page(manual / DAEMON).examples("EXAMPLES")[1:], tmp_path)
+
+    assert (result.returncode, result.stderr) == (0, "")
+    pid = int(result.stdout)
+    system_bus.wait_gone(pid)
+    assert system_bus.pid_file() is None and "Start mainloop ..." in system_bus.texts()
+
+
+def test_the_example_of_an_actor_is_started_and_stopped(machine, manual):
+    [script] = Page(manual / ACTORS).examples("EXAMPLES")
+    machine.remove("corvane-xh")
+    actor = Path("/run/stage/actors/bin/corvane-xh")
+    actor.write_text(script)
+    actor.chmod(0o755)
+    assert machine.caller().start(":1", "xhotkey") is True
+    pid = int(machine.wait_log(r"child=(\d+)")[0][1])
+    machine.wait("the program", lambda: "sleep" in Path(f"/proc/{pid}/cmdline").read_text())
+    assert "DBUS_SESSION_BUS_ADDRESS" not in Path(f"/proc/{pid}/environ").read_text()
+    assert machine.caller().stop(":1", "xhotkey") is True
+    machine.wait_log("keep_alive field is FALSE")
+
+
 @pytest.mark.parametrize("page", OBJECTS)
 @pytest.mark.parametrize("heading", ["C", "Python"])
 def test_the_programs_say_when_the_daemon_does_not_serve(system_bus, manual, tmp_path, page, heading):
@@ -344,9 +383,9 @@ def test_the_programs_say_when_the_daemon_does_not_serve(system_bus, manual, tmp
     assert f"{ERROR}.ServiceUnknown: " in result.stderr
 
 
-@pytest.mark.parametrize("page", OBJECTS)
+@pytest.mark.parametrize("page", PAGES)
 def test_what_is_copied_from_the_terminal_is_what_runs(manual, page):
-    path = manual / f"man5/{page}.5"
+    path = manual / page
     shown = subprocess.check_output(["man", "-E", "UTF-8", "-l", path], text=True,
                                     env={**os.environ, "MANWIDTH": "80"}).splitlines()
     blocks = Page(path).examples("EXAMPLES")
