@@ -73,7 +73,7 @@ def system_bus(laid_over, policies):
     return laid_over
 
 
-# Runs the daemon's executable and never lets it do anything: it is held by ptrace(2) from its first instruction.
+# Runs the daemon's executable and never lets it do anything: ptrace(2) holds it at its first instruction.
 HOLD = """
 import ctypes, os, time
 if os.fork() == 0:
@@ -85,7 +85,7 @@ time.sleep(600)
 
 @pytest.fixture
 def held(laid_over):
-    """The pid of a process of a stranger that runs the daemon's executable, held by the stranger's other one."""
+    """The pid of a stranger's process that runs the daemon's executable and is held by his other one."""
     stranger = subprocess.Popen([sys.executable, "-c", HOLD], user=STRANGER, group=STRANGER, extra_groups=[])
     children = Path(f"/proc/{stranger.pid}/task/{stranger.pid}/children")
 

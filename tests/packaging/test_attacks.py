@@ -23,8 +23,8 @@ from support.processes import process_state
 
 DEBIAN = Path(__file__).resolve().parent.parent.parent / "debian"
 BUS = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
-INTROSPECT = new_method_call(DBusAddress(PATH, bus_name=NAME, interface="org.freedesktop.DBus.Introspectable"),
-                             "Introspect")
+INTROSPECTABLE = "org.freedesktop.DBus.Introspectable"
+INTROSPECT = new_method_call(DBusAddress(PATH, bus_name=NAME, interface=INTROSPECTABLE), "Introspect")
 
 
 def attack(task):
@@ -53,7 +53,7 @@ def seconds_of_a_call(machine):
 
 
 def test_a_caller_that_never_reads_keeps_root_from_nothing(laid_over, policies):
-    """The bus stops to read from a service of whose messages it holds too many; here that is reached sooner."""
+    """The bus stops reading from a service of whose messages it holds too many; here that comes sooner."""
     start_system_bus(laid_over, policies, max_incoming_bytes=100000)
     laid_over.start_daemon()
     before = laid_over.texts()
@@ -93,7 +93,7 @@ def test_a_socket_that_lingers_does_not_hold_the_main_thread(system_bus):
         connection = open_dbus_connection(system_bus.address, enable_fds=True)
         peer = DBusAddress(PATH, bus_name=NAME, interface="org.freedesktop.DBus.Peer")
         connection.send(new_method_call(peer, "Ping", "h", (lingering,)))
-        connection.send_and_get_reply(new_method_call(BUS, "GetId"), timeout=10)  # the bus has dealt with the Ping
+        connection.send_and_get_reply(new_method_call(BUS, "GetId"), timeout=10)  # the Ping was dealt with
         os.write(writer, b".")
 
     daemon.send_signal(signal.SIGSTOP)  # so that the daemon is the last to hold the socket
@@ -158,7 +158,8 @@ def test_a_held_process_keeps_no_log_from_being_cut(system_bus, installed, held)
         system_bus.caller().hello()
     assert time.monotonic() - started < 5
     assert process_state(held) == "t"
-    assert sorted(os.listdir("/var/log")) == ["corvane-cs.log", *(f"corvane-cs.log.{n}.gz" for n in (1, 2, 3, 4))]
+    kept = [f"corvane-cs.log.{number}.gz" for number in (1, 2, 3, 4)]
+    assert sorted(os.listdir("/var/log")) == ["corvane-cs.log", *kept]
 
 
 # ---- the pid file ----
@@ -197,6 +198,7 @@ def test_a_pid_file_that_the_attacker_wrote_does_not_block_a_removal(laid_over, 
     Path("/run/attack").mkdir()
     os.symlink("/usr/sbin/corvane-cs", "/run/attack/exe")  # what a lazy reader takes for a process
     started = time.monotonic()
-    done = subprocess.run(["sh", DEBIAN / "corvane-cs.prerm", "remove"], capture_output=True, text=True, timeout=60)
+    done = subprocess.run(["sh", DEBIAN / "corvane-cs.prerm", "remove"], capture_output=True, text=True,
+                          timeout=60)
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
     assert time.monotonic() - started < 5 and process_state(held) == "t"

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 # test_logrotate.py: the logs are cut while the daemon writes, and the daemon is never halted for it.
 #
-# A caller floods the daemon with numbered calls that it refuses, two lines each. A line that is written between
-# the copy and the truncation may be lost. All others are in the pieces, whole and in the calls' order.
+# A caller floods the daemon with numbered calls that it refuses, two lines each. A line that is written
+# between the copy and the truncation may be lost. All others are in the pieces, whole and in the calls' order.
 import gzip
 import os
 import re
@@ -21,8 +21,8 @@ from support.processes import process_state
 ROTATIONS = 10
 NUMBER = re.compile(r"(?:dbus_dm_start\(\): display=|Invalid DISPLAY value : )n(\d+)")
 
-# The moment between the copy and the truncation is made long enough for the daemon to write in it. The state of
-# the daemon at that moment is noted. The second name is that of 64-bit sizes on 32-bit machines.
+# The moment between the copy and the truncation is made long enough for the daemon to write in it. The state
+# of the daemon at that moment is noted. The second name is that of 64-bit sizes on 32-bit machines.
 STATES = Path("/run/stage/states")
 SLOW_TRUNCATION = r"""
 #define _GNU_SOURCE
@@ -64,7 +64,7 @@ def machine(laid_over):
 
 @pytest.fixture
 def slow_truncation(machine, tmp_path):
-    """The environment of a logrotate that takes 20 ms before it truncates, and notes the daemon's state then."""
+    """The environment of a logrotate that waits 20 ms before it truncates, and notes the daemon's state."""
     library = tmp_path / "slow.so"
     subprocess.run(["cc", "-shared", "-fPIC", "-x", "c", "-", "-o", library],
                    input=SLOW_TRUNCATION, text=True, check=True)
@@ -110,7 +110,7 @@ class Flood:
         return self.sent
 
 
-def test_rotations_under_load_halt_nothing_and_leave_whole_lines_in_order(machine, installed, slow_truncation):
+def test_rotations_under_load_halt_nothing_and_leave_whole_lines(machine, installed, slow_truncation):
     pieces = []
     flood = Flood(machine.caller())
     try:

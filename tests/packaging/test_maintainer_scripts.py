@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# test_maintainer_scripts.py: each script of the package through its failures, and silent when nothing is wrong.
+# test_maintainer_scripts.py: the package's scripts through their failures; silent when nothing is wrong.
 #
 # They run as in the sources, without what debhelper adds. The whole package lives in package-life.
 import os
@@ -38,8 +38,8 @@ def init_script(laid_over):
     script = Path("/etc/init.d/corvane-cs")
     programs = Path("/run/stage/programs")
     programs.mkdir()
-    (programs / "invoke-rc.d").write_text('#!/bin/sh\necho "$*" >>/run/stage/asked\necho a line of the script\n'
-                                          'exec /etc/init.d/corvane-cs\n')
+    (programs / "invoke-rc.d").write_text('#!/bin/sh\necho "$*" >>/run/stage/asked\n'
+                                          'echo a line of the script\nexec /etc/init.d/corvane-cs\n')
     (programs / "invoke-rc.d").chmod(0o755)
     path = f"{programs}:{os.environ['PATH']}"
 
@@ -149,7 +149,8 @@ def test_a_removal_keeps_the_logs_and_a_purge_removes_them(bare):
     os.unlink("/var/log/other.log")
 
 
-@pytest.mark.parametrize("script, argument", [("prerm", "remove"), ("postinst", "configure"), ("postrm", "purge")])
+@pytest.mark.parametrize("script, argument", [("prerm", "remove"), ("postinst", "configure"),
+                                              ("postrm", "purge")])
 def test_for_another_root_directory_nothing_here_is_touched(laid_over, init_script, script, argument):
     laid_over.write_pid_file("1")
     Path(LOG).touch()

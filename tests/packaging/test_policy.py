@@ -1,11 +1,11 @@
 # SPDX-License-Identifier: MIT
-# test_policy.py: what the bus lets root send to the control server, and that it lets no other user send anything.
+# test_policy.py: the bus lets root make the described calls to the control server, and no other user anything.
 #
 # Root and a stranger try each way to reach a daemon that serves the system's bus. Every answer says who gave
 # it: what the daemon does not know it refuses itself, and that is not the policy's doing.
 #
-# Of every plugin, root gets what is described for callers, and no other user gets anything. A bus can be asked
-# for two users only, so the files themselves are read, too.
+# Of every plugin, root gets what is described for callers, and no other user gets anything. A bus can be
+# asked for two users only, so the files themselves are read, too.
 import json
 import os
 import traceback
