@@ -45,6 +45,7 @@ help:
 	@echo '                 checks the installed files and the package (as root); check-packaging-i386: 32 bits'
 	@echo 'make check-installed'
 	@echo '                 checks the installed files alone (as root)'
+	@echo 'make check-boot  boots virtual machines that have the packages installed, and checks them (as root)'
 	@echo 'make soak        runs the stress tests in their long form'
 	@echo 'make bench       measures the daemon beside others, in four minutes; bench-smoke: only what is exact'
 	@echo 'make fuzz        runs every fuzz target for a minute; SECONDS=3600: for an hour'
@@ -119,6 +120,12 @@ check-packaging: whole-machine check-installed deb
 check-packaging-i386: deb-i386
 	tools/bare-debian i386 make check-installed
 	tests/packaging/check-package i386
+
+# Both packages, each under both inits: four machines, one after the other.
+.PHONY: check-boot
+check-boot: whole-machine deb deb-i386
+	@tools/install-packages boot bare
+	tests/boot/run build/deb/amd64/corvane-cs_*_amd64.deb build/deb/i386/corvane-cs_*_i386.deb
 
 # With the umask of a new machine, as a package is: everyone can enter the directories.
 check-installed: whole-machine build-release

@@ -1,0 +1,53 @@
+# SPDX-License-Identifier: MIT
+# main.py: runs the checks of this boot, one after the other, and then restarts the machine or powers it off.
+#
+# Both happen with running actors. A line that begins with @ tells the host that it is about to happen: the
+# host measures, and starts the machine again after the first time. A file on the disk tells the boots apart.
+import pathlib
+import signal
+import traceback
+
+import actors
+import boot
+import by_hand
+import ends
+import log
+import machine
+import package
+import report
+import second_boot
+import stricter
+import users
+from services import service
+
+BOOTED = pathlib.Path("/var/lib/corvane-checks.booted")
+
+
+def perform(modules, prepare):
+    for module in modules:
+        for one in module.checks:
+            if one.is_for(service.name):
+                report.perform(one, prepare, machine.state)
+
+
+def leave(word, command):
+    """Has the machine end with running actors; the host misses the word when they do not start."""
+    try:
+        service.clean()
+        for display in (":1", ":2", ":3"):
+            machine.start(display, "local-login")
+        report.say(word)
+    except Exception:
+        report.say("FAILED  actors run when the machine ends\n" + traceback.format_exc())
+    machine.run(*command)
+    signal.pause()  # until the init ends this process
+
+
+if BOOTED.exists():
+    perform([second_boot], lambda: None)
+    leave("@power-off", service.power_off)
+else:
+    BOOTED.touch()
+    perform([boot], lambda: None)
+    perform([actors, users, ends, log, by_hand, stricter, package], service.clean)
+    leave("@restart", service.restart_machine)

@@ -1,0 +1,82 @@
+# SPDX-License-Identifier: MIT
+# package.py: the package is upgraded, removed, purged and installed again on the running machine.
+import re
+import subprocess
+
+import machine
+from report import check, expect
+from services import service
+
+# What dpkg itself says; all else comes from a script of a package.
+DPKG = re.compile(r"\(Reading database |Preparing to unpack |Unpacking |Setting up |Removing |Purging |"
+                  r"Processing triggers for |Selecting previously ")
+OF_THE_CHECKS = re.compile(r"/usr/local/|/root/|corvane-checks|/var/log/journal/")
+
+
+def dpkg(*arguments):
+    """Returns the seconds, and what the package's scripts printed."""
+    result = machine.succeed("dpkg", *arguments, seconds=180)
+    lines = [line for line in re.split(r"[\r\n]+", result.output) if line and not DPKG.match(line)]
+    return result.seconds, "\n".join(lines)
+
+
+@check("an upgrade leaves the daemon and its actors running, and its scripts print nothing")
+def upgrade():
+    machine.start(":1", "local-login")
+    machine.start(":2", "xhotkey")
+    before = service.pid(), machine.actors()
+    seconds, printed = dpkg("--install", "/root/higher.deb")
+    expect((service.pid(), machine.actors()) == before, f"before: {before}")
+    expect(not printed, "printed:", printed)
+    machine.start(":3", "local-login")
+    return f"{seconds:.1f} s"
+
+
+@check("a restart after an upgrade runs the new executable")
+def restart_after_the_upgrade():
+    dpkg("--install", "/root/higher.deb")
+    service.restart()
+    service.wait()
+    executable = machine.executable(service.pid())
+    expect(executable == "/usr/sbin/corvane-cs", executable)
+    machine.start(":1", "local-login")
+
+
+@check("a removal ends the daemon and its actors", "systemd")
+@check("a removal ends the daemon and leaves its actors running", "sysvinit")
+def remove():
+    machine.start(":1", "local-login")
+    seconds, _ = dpkg("--remove", "corvane-cs")
+    expect(not machine.daemons() and machine.owner() is None, "a daemon runs")
+    expect(len(machine.actors()) == (1 if service.name == "sysvinit" else 0), machine.actors)
+    return f"{seconds:.1f} s"
+
+
+@check("after the removal nothing starts the daemon")
+def start_of_the_removed():
+    result = machine.run(*service.command("start", "corvane-cs"))
+    expect((result.status == 0) == (service.name == "sysvinit"), result)
+    expect(not machine.daemons(), machine.daemons)
+
+
+@check("a purge leaves no file of the package")
+def purge():
+    dpkg("--purge", "corvane-cs")
+    found = subprocess.run(["find", "/etc", "/usr", "/var", "/run", "-name", "*corvane*"], text=True,
+                           capture_output=True, check=False).stdout.splitlines()
+    found = [path for path in found if not OF_THE_CHECKS.search(path)]
+    expect(not found, *found)
+
+
+@check("a purge leaves systemd without its unit", "systemd")
+def units():
+    result = machine.run("systemctl", "list-units", "--all", "--plain", "--no-legend", "corvane-cs*")
+    expect(not result.output, result)
+
+
+@check("a new installation starts the daemon")
+def install():
+    seconds, _ = dpkg("--install", "/root/corvane-cs.deb")
+    service.wait()
+    expect(machine.answers(), lambda: machine.call("HelloWorld"))
+    return f"{seconds:.1f} s"

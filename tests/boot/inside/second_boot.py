@@ -1,0 +1,18 @@
+# SPDX-License-Identifier: MIT
+# second_boot.py: the machine was restarted with running actors, after the package was installed anew.
+import machine
+from report import check, expect
+from services import service, uptime
+
+
+@check("after a restart of the machine the installed daemon serves again, without actors")
+def serves():
+    service.has_booted()
+    expect(service.serves() and machine.answers(), f"the service's pid: {service.pid()}")
+    expect(not machine.actors(), machine.actors)
+    return f"{uptime():.1f} s"
+
+
+@check("the log of the boot before is kept")
+def old_log():
+    expect("dbus_dm_start(): display=:3" in machine.read(machine.OLD_LOG), machine.read(machine.OLD_LOG))
