@@ -52,10 +52,15 @@ def remove():
     return f"{seconds:.1f} s"
 
 
-@check("after the removal nothing starts the daemon")
+@check("after the removal a start of the unit fails", "systemd")
 def start_of_the_removed():
     result = machine.run(*service.command("start", "corvane-cs"))
-    expect((result.status == 0) == (service.name == "sysvinit"), result)
+    expect(result.status != 0 and not machine.daemons(), result, machine.daemons)
+
+
+@check("after the removal the init script, which stays, succeeds and starts nothing", "sysvinit")
+def script_of_the_removed():
+    machine.succeed("sh", "/etc/init.d/corvane-cs", "start")
     expect(not machine.daemons(), machine.daemons)
 
 
