@@ -4,7 +4,6 @@
 # A check is a function with a sentence for its name. It returns None or the figure it measured, and raises
 # Seen when the machine does not do what the sentence says. Its line goes to the second serial port at once,
 # so that nothing that happens to the machine later can lose it.
-import textwrap
 import traceback
 
 PORT = "/dev/ttyS1"
@@ -51,4 +50,5 @@ def perform(one, prepare, explain):
         say(f"ok      {one.sentence}" + (f" ({figure})" if figure else ""))
     except Exception as error:
         seen = str(error) if isinstance(error, Seen) else traceback.format_exc()
-        say(f"FAILED  {one.sentence}\n" + textwrap.indent(f"{seen}\n{explain()}", " " * 8))
+        lines = [line for line in f"{seen}\n{explain()}".splitlines() if line.strip()]
+        say("\n        ".join([f"FAILED  {one.sentence}", *lines]))

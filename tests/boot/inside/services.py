@@ -64,7 +64,7 @@ class Systemd(Service):
 
     def has_booted(self):
         """Waits until the machine has booted, and fails when a service of it has not."""
-        result = machine.run("systemctl", "is-system-running", "--wait", seconds=180)
+        result = machine.run("systemctl", "is-system-running", "--wait", seconds=300)
         expect(result.output == "running", result, lambda: machine.run("systemctl", "--failed"))
 
     def bus_before_daemon(self):
