@@ -20,6 +20,7 @@
 #include <csignal>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include "common/heap.h"
 #include "common/logger.h"
@@ -94,8 +95,20 @@ static constexpr ActorDefinition disable_station = {
 static constexpr ActorDefinition xhotkey = {
     .name = "xhotkey", .code = 7, .group = 3, .argv = {"corvane-xh", "-display"}};
 
-const ActorDefinition* const actor_table[] = {&init_station, &local_login,     &remote_login, &press_fkey,
-                                              &click_mouse,  &disable_station, &xhotkey,      nullptr};
+constexpr const ActorDefinition* const actor_table[] = {&init_station, &local_login, &remote_login,
+                                                        &press_fkey,   &click_mouse, &disable_station,
+                                                        &xhotkey,      nullptr};
+
+// Each word is formatted into a text of fixed size when a child gets it.
+static constexpr bool words_fit() {
+  for (const ActorDefinition* const* actor = actor_table; *actor; ++actor) {
+    for (const char* const* word = (*actor)->argv; *word; ++word) {
+      if (std::string_view(*word).size() >= text_size) return false;
+    }
+  }
+  return true;
+}
+static_assert(words_fit());
 
 int dm_lookup_station_type(const char* name) {
   const StationType* type = station_type_table;
