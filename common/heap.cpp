@@ -4,7 +4,7 @@
 // A thread that is never joined leaves some 300 bytes on the heap, which nothing uses any more: the C
 // library's table of its thread-local variables. A fork copies the page tables of them all, by a third longer
 // after 20,000 threads. So what the heap grows by is left out of children (madvise(2), MADV_DONTFORK). A
-// child finds what stands below the last piece that was kept, and every piece that was kept later: its
+// child finds the heap below the first growth that was left out, and every piece above that was kept: its
 // station. What else it needs is on the stack of the thread that forks, and its environment is older than
 // every station.
 //
@@ -13,7 +13,8 @@
 // every fork would copy all of them.
 //
 // Each step in which the heap grows is a mapping of its own, so the steps are large; they take no memory
-// before it is used.
+// before it is used. A fixed step also keeps blocks of 128 KiB and more in mappings of their own
+// (mallopt(3)).
 #include "common/heap.h"
 
 #include <malloc.h>
@@ -29,8 +30,8 @@ static constexpr int growth_step = 4 * 1024 * 1024;
 
 static pthread_mutex_t heap_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the one below
 static uintptr_t
-    left_out_to;  // children get no page that the heap has grown by up to here; 0: nothing is left out
-static bool is_set_up = false;  // constant after heap_set_up
+    left_out_to;  // all that the heap has grown by is left out or kept up to here; 0: nothing is left out
+static uintptr_t begin_of_growth = 0;  // constant after heap_set_up; 0: nothing is ever left out
 
 static uintptr_t page_size() {
   return static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
@@ -50,26 +51,29 @@ void heap_set_up() {
   mallopt(M_ARENA_MAX, 1);
   if (!stacks_stay_out_of_children) return;
   mallopt(M_TOP_PAD, growth_step);
-  is_set_up = true;
+  begin_of_growth = page_of(heap_end() + page_size() - 1);
 }
 
 int heap_keep_for_children(void* memory, size_t size) {
   const auto begin = reinterpret_cast<uintptr_t>(memory);
-  if (!is_set_up || begin >= heap_end()) return 0;
+  if (begin_of_growth == 0 || begin >= heap_end()) return 0;  // a mapping of its own
   const uintptr_t first_page = page_of(begin);
-  const uintptr_t end = page_of(begin + size - 1) + page_size();
+  const bool is_growth = begin >= begin_of_growth;  // else on the first heap, or a mapping below it
+  const uintptr_t end = is_growth ? page_of(begin + size - 1) + page_size() : begin_of_growth;
   int result = 0;
   pthread_mutex_lock(&heap_mutex);
-  if (first_page < left_out_to) result = advise(first_page, end, MADV_DOFORK);
+  if (is_growth && first_page < left_out_to) result = advise(first_page, end, MADV_DOFORK);
   if (end > left_out_to) left_out_to = end;
   pthread_mutex_unlock(&heap_mutex);
   return result;
 }
 
 void heap_leave_out_growth() {
-  if (!is_set_up) return;
+  if (begin_of_growth == 0) return;
   pthread_mutex_lock(&heap_mutex);
   const uintptr_t end = page_of(heap_end());
+  if (left_out_to != 0 && end < left_out_to)
+    left_out_to = end;  // it has shrunk, and will grow again from here
   if (left_out_to != 0 && end > left_out_to && advise(left_out_to, end, MADV_DONTFORK) == 0)
     left_out_to = end;
   pthread_mutex_unlock(&heap_mutex);

@@ -18,6 +18,18 @@ static sigset_t actor_mask;  // that of the start, without SIGTERM
 static Disposition dispositions[] = {
     {SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}, {SIGABRT, {}}};
 
+// A stop may come before its child has the signal at its default. An ignored signal is lost then, unless it
+// is blocked: the kernel keeps it until the child unblocks it. The daemon goes on ignoring it either way.
+static void keep_stop_for_child() {
+  struct sigaction at_start;
+  sigaction(SIGTERM, nullptr, &at_start);
+  if (at_start.sa_handler != SIG_IGN) return;
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+}
+
 void signals_take_over() {
   for (Disposition& disposition : dispositions) sigaction(disposition.signal, nullptr, &disposition.at_start);
   signal(SIGCHLD, SIG_DFL);
@@ -26,6 +38,7 @@ void signals_take_over() {
   sigaddset(&crash, SIGSEGV);
   pthread_sigmask(SIG_UNBLOCK, &crash, &actor_mask);
   sigdelset(&actor_mask, SIGTERM);
+  keep_stop_for_child();
 }
 
 void signals_give_back() {

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
 // stack-pool.cpp: why fork stays as fast after ten thousand threads as after one.
 //
-// A fork copies the page tables of every mapping that its child gets. The child of a launch needs one stack,
-// that of the thread that forked, so every other stack is left out of children (madvise(2), MADV_DONTFORK):
-// workers leave out their own, and the stacks of the threads that launch come from blocks that are left out
-// as a whole. stack_fork takes the forking thread's stack in again for the time of the fork. A block is one
-// mapping, so that this leaves no trace in the table of mappings; without guard pages it stays one.
+// A fork copies the page tables of every mapping that its child gets. The child of a launch needs two stacks:
+// that of the thread that forked, and the main thread's, where the environment is. Every other one is left
+// out of children (madvise(2), MADV_DONTFORK): workers leave out their own, and the stacks of the threads
+// that launch come from blocks that are left out as a whole. stack_fork takes the forking thread's stack in
+// again for the time of the fork. A block is one mapping, so that this leaves no trace in the table of
+// mappings; without guard pages it stays one.
 //
 // That is only possible because nobody looks at other stacks in the child: _Fork(3) copies the process as
 // fork(2) does, but runs no handlers, takes no lock of the allocator, and does not visit the threads that are
@@ -126,9 +127,19 @@ void stack_expect_worker() {
   pthread_mutex_unlock(&pool_mutex);
 }
 
+void stack_expect_no_worker() {
+  if (!stacks_stay_out_of_children) return;
+  pthread_mutex_lock(&pool_mutex);
+  advise_workers(MADV_DONTFORK);
+  pthread_mutex_unlock(&pool_mutex);
+}
+
 void stack_prepare_own() {
   pthread_attr_t attributes;
-  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
+  if (pthread_getattr_np(pthread_self(), &attributes) != 0) {
+    stack_expect_no_worker();
+    return;
+  }
   void* stack = nullptr;
   size_t stack_size = 0;
   size_t guard_size = 0;

@@ -49,6 +49,9 @@ void stack_return(void* stack);
  */
 void stack_expect_worker();
 
+/** Leaves them out again, when the worker that was expected could not be made. */
+void stack_expect_no_worker();
+
 /**
  * Gives the calling thread's own stack a guard, unless it has one, and leaves it out of children. For a
  * thread on a stack that the C library made and that never forks. Where memory is short for it, the stack
@@ -57,8 +60,8 @@ void stack_expect_worker();
 void stack_prepare_own();
 
 /**
- * fork(2) for a thread on `stack`, from the pool: the child has that stack and no other, and makes nothing
- * but async-signal-safe calls. No fork handlers run (pthread_atfork(3)). Returns as fork does; -1 also when
+ * fork(2) for a thread on `stack`, from the pool: the child has that stack and the main thread's, and makes
+ * nothing but async-signal-safe calls. No fork handlers run (pthread_atfork(3)). Returns as fork does; -1 if
  * memory is short for taking the stack into the child.
  */
 pid_t stack_fork(void* stack);

@@ -36,12 +36,15 @@ static pid_t daemon_pid;  // set before the handlers are installed
 static std::atomic<bool> is_pid_file_removed{false};
 
 // A child has the daemon's handlers until it gives the signals back. It is not the daemon, and what it shares
-// with it is not its own to remove: it ends as it would without a handler, when the handler returns.
-static bool ends_as_a_child(int sig) {
-  if (getpid() == daemon_pid) return false;
+// with it is not its own to remove: it ends as it would without a handler.
+static void end_a_child(int sig) {
+  if (getpid() == daemon_pid) return;
   signal(sig, SIG_DFL);
+  sigset_t own;
+  sigemptyset(&own);
+  sigaddset(&own, sig);
+  pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
   raise(sig);
-  return true;
 }
 
 static void remove_pid_file() {
@@ -53,7 +56,7 @@ static void remove_pid_file() {
 // A crash may have left locks behind that its own report needs, or the report may crash. The process must end
 // all the same, as if it had been reported.
 static void give_up_crash_report(int sig) {
-  if (ends_as_a_child(sig)) return;
+  end_a_child(sig);
   remove_pid_file();
   _exit(1);
 }
@@ -76,7 +79,7 @@ static void limit_crash_report() {
 // from a signal handler, knowingly: the process is lost already, and what it leaves behind is worth the try.
 // Not static, so that the report can name it.
 void segfault_handler(int sig) {
-  if (ends_as_a_child(sig)) return;
+  end_a_child(sig);
   static thread_local bool is_reporting = false;
   if (is_reporting) give_up_crash_report(sig);
   is_reporting = true;

@@ -201,6 +201,7 @@ int dm_start_station_thread(PluginContext* context, const char* display, int dis
   stack_expect_worker();
   const int rc = pthread_create(&station->thread, nullptr, process_station_events, station);
   if (rc != 0) {
+    stack_expect_no_worker();
     log_debug("{DM} Unable to start thread for display=%d, rc=%d\n", display_num, rc);
     unlink_station(context, station);
     free_station(station);
@@ -330,7 +331,7 @@ void dm_free_argv(char** argv) {
   for (; *argv; ++argv) free(*argv);
 }
 
-// A vector whose words are not on the heap: of that a child has only what was kept for it.
+// A vector whose words are not on the heap: a child does not have the daemon's heap, except for the stations.
 struct WordsOfChild {
   char words[most_arguments][text_size];
   char* vector[most_arguments + 1];

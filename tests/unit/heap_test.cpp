@@ -28,10 +28,14 @@ class HeapDeathTest : public FakedTest {
     if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
   }
 
-  /** A small piece of the heap, far enough above the last one to be on pages of its own. */
+  /** A small piece of what the heap grows by, far enough above the last one to be on pages of its own. */
   static void* far_piece() {
-    void* piece = nullptr;
-    for (int i = 0; i < 40; ++i) piece = malloc(1000);
+    static char* above = static_cast<char*>(sbrk(0));
+    char* piece = nullptr;
+    do {
+      piece = static_cast<char*>(malloc(1000));
+    } while (piece < above);
+    above = piece + 2 * sysconf(_SC_PAGESIZE);
     return piece;
   }
 
@@ -155,6 +159,20 @@ TEST_F(HeapDeathTest, growth_that_cannot_be_left_out_is_left_out_at_the_next_for
         _exit(first == 1 ? pieces_in_a_child({later}) : 97);
       },
       ExitedWithCode(0), "");
+}
+
+TEST_F(HeapDeathTest, a_piece_below_the_heap_leaves_out_nothing_but_growth) {
+  EXPECT_EXIT(
+      {
+        heap_set_up();
+        static char below[1000];
+        heap_keep_for_children(below, sizeof below);
+        void* later = far_piece();
+        for (int i = 0; i < 20; ++i) later = malloc(100000);
+        heap_leave_out_growth();
+        _exit(pieces_in_a_child({below, later}));
+      },
+      ExitedWithCode(1), "");
 }
 
 #endif

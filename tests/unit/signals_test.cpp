@@ -108,6 +108,20 @@ TEST_F(Signals, sigterm_reaches_children_of_a_daemon_that_was_started_with_it_ig
   EXPECT_EQ(handler_of(SIGTERM), SIG_DFL);
 }
 
+TEST_F(Signals, a_sigterm_that_comes_before_the_child_can_be_ended_ends_it_all_the_same) {
+  const pid_t child = fork();
+  if (child == 0) {
+    signal(SIGTERM, SIG_IGN);
+    signals_take_over();
+    raise(SIGTERM);
+    signals_give_back();
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+}
+
 TEST_F(Signals, a_crash_is_reported_although_its_signal_was_blocked_and_no_other_signal_is_touched) {
   sigset_t before;
   sigset_t none;

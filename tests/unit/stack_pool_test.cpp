@@ -381,6 +381,19 @@ class StackPrepareOwn : public StackPool {
 
 }  // namespace
 
+TEST_F(StackPrepareOwn, stacks_are_in_children_while_a_worker_is_expected_and_no_longer_when_none_comes) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
+  run_thread(0);
+  advices.clear();
+  stack_expect_worker();
+  ASSERT_EQ(advices.size(), 1U);
+  const Advice expecting = advices.back();
+  EXPECT_EQ(expecting.advice, MADV_DOFORK);
+  stack_expect_no_worker();
+  ASSERT_EQ(advices.size(), 2U);
+  EXPECT_EQ(advices.back(), (Advice{expecting.where, expecting.size, MADV_DONTFORK}));
+}
+
 TEST_F(StackPrepareOwn, a_stack_without_a_guard_gets_one_and_stays_out_of_children) {
   run_thread(0);
   ASSERT_GE(advices.size(), 1U);
