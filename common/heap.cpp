@@ -5,8 +5,8 @@
 // library's table of its thread-local variables. A fork copies the page tables of them all, by a third longer
 // after 20,000 threads. So what the heap grows by is left out of children (madvise(2), MADV_DONTFORK). A
 // child finds the heap below the first growth that was left out, and every piece above that was kept: its
-// station. What else it needs is on the stack of the thread that forks, and its environment is older than
-// every station.
+// station. What else it needs is on the stack of the thread that forks, and its environment on the main
+// thread's.
 //
 // One heap for all threads: the main thread takes memory for every message, the others only a few times for
 // an event or a launch, so that they seldom meet. A heap of its own for each would save hardly a wait, but

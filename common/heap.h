@@ -5,8 +5,8 @@
 #include <cstddef>
 
 /**
- * One heap for all threads, which grows in large steps. From now on heap_leave_out_growth leaves out what
- * comes after the last piece that was kept. Main thread, before other threads exist.
+ * One heap for all threads, which grows in large steps. Children always get the heap as it is now. Main
+ * thread, before other threads exist.
  */
 void heap_set_up();
 
@@ -17,8 +17,8 @@ void heap_set_up();
 int heap_keep_for_children(void* memory, size_t size);
 
 /**
- * Leaves out of children what the heap has grown by since the last piece that was kept. To be called before a
- * fork whose child needs nothing else of the heap. Where memory is short for it, the child gets it: no
- * failure. Any thread.
+ * Leaves out of children what the heap has grown by, except the pieces that were kept. Does nothing before
+ * the first piece was kept. To be called before a fork whose child needs nothing else of the heap. Where
+ * memory is short for it, the child gets it: no failure. Any thread.
  */
 void heap_leave_out_growth();

@@ -43,9 +43,8 @@ void* stack_take();
 void stack_return(void* stack);
 
 /**
- * Lets the stack of the next worker join the mapping of the last ones, if it comes to lie beside them: for
- * that these are in children until stack_prepare_own has run on the new one. Before the worker is made; one
- * at a time.
+ * Takes the stacks of the last workers into children, so that the next one's can become one mapping with
+ * them; stack_prepare_own leaves all of them out again. Before the worker is made; one at a time.
  */
 void stack_expect_worker();
 
