@@ -28,7 +28,7 @@ print(len(descendants()))
 
 
 def test_a_bus_listens_when_its_start_returns():
-    """A bus whose socket is there long before it listens: whoever waits for the path is refused."""
+    """The socket is there before the bus listens: a caller that waits for the path alone is refused."""
     assert tell("""
 import os, socket
 from support.bus import BUS_SOCKET, start_bus
