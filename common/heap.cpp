@@ -22,6 +22,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 
 #include "common/stack-pool.h"
@@ -58,12 +59,11 @@ int heap_keep_for_children(void* memory, size_t size) {
   const auto begin = reinterpret_cast<uintptr_t>(memory);
   if (begin_of_growth == 0 || begin >= heap_end()) return 0;  // a mapping of its own
   const uintptr_t first_page = page_of(begin);
-  const bool is_growth = begin >= begin_of_growth;  // else on the first heap, or a mapping below it
-  const uintptr_t end = is_growth ? page_of(begin + size - 1) + page_size() : begin_of_growth;
+  const uintptr_t end = page_of(begin + size - 1) + page_size();
   int result = 0;
   pthread_mutex_lock(&heap_mutex);
-  if (is_growth && first_page < left_out_to) result = advise(first_page, end, MADV_DOFORK);
-  if (end > left_out_to) left_out_to = end;
+  if (end > begin_of_growth && first_page < left_out_to) result = advise(first_page, end, MADV_DOFORK);
+  left_out_to = std::max({left_out_to, end, begin_of_growth});  // below the growth, children get everything
   pthread_mutex_unlock(&heap_mutex);
   return result;
 }

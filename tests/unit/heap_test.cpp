@@ -161,6 +161,24 @@ TEST_F(HeapDeathTest, growth_that_cannot_be_left_out_is_left_out_at_the_next_for
       ExitedWithCode(0), "");
 }
 
+TEST_F(HeapDeathTest, a_piece_that_begins_before_the_growth_and_ends_in_it_is_kept_whole) {
+  EXPECT_EXIT(
+      {
+        heap_set_up();
+        const char* growth = static_cast<char*>(sbrk(0));
+        constexpr size_t size = 8192;
+        char* across = nullptr;
+        do {
+          across = static_cast<char*>(malloc(size));
+        } while (across + size <= growth);
+        heap_keep_for_children(across, size);
+        void* later = far_piece();
+        heap_leave_out_growth();
+        _exit(across < growth ? pieces_in_a_child({across, across + size - 1, later}) : 97);
+      },
+      ExitedWithCode(3), "");
+}
+
 TEST_F(HeapDeathTest, a_piece_below_the_heap_leaves_out_nothing_but_growth) {
   EXPECT_EXIT(
       {
