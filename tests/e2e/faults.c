@@ -2,7 +2,7 @@
 // faults.c: preloaded into the daemon, makes one of its calls fail, wait or crash when a story says so.
 //
 // A story writes "N" or "N COUNT" into /run/stage/faults/CALL: the N-th CALL from then on fails, and so do
-// the COUNT - 1 behind it; the file is gone with the last of them. 0 stands for "the next one waits until
+// the COUNT - 1 after it; the file is gone with the last of them. 0 stands for "the next one waits until
 // /run/stage/faults/CALL.held is removed", -N for "the N-th one writes through a null pointer". CALL is
 //   memory           malloc, calloc and strdup, called by the executable itself and not by a library
 //   library_memory   malloc, calloc and realloc, called by a library

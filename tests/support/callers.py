@@ -27,7 +27,7 @@ class Caller:
         return reply.body
 
     def send_all(self, calls):
-        """Sends the calls one behind the other and reads nothing; returns what replies() takes."""
+        """Sends the calls one after the other and reads nothing; returns what replies() takes."""
         serials = [next(self.connection.outgoing_serial) for _ in calls]
         for serial, call in zip(serials, calls):
             self.connection.send(call, serial=serial)

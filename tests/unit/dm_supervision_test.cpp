@@ -287,7 +287,7 @@ TEST_F(MethodStartThread, the_worker_is_let_go_on_behind_the_line_of_the_launch)
 }
 
 TEST_F(MethodStartThread, it_forks_on_its_own_stack) {
-  if (!stacks_stay_out_of_children) GTEST_SKIP() << "no stack is told from the others";
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "all stacks are the same to a child";
   claim();
   fakes.madvise = [&](void* where, size_t size, int advice) {
     EXPECT_EQ(where, stack);
