@@ -55,6 +55,13 @@ def test_each_stop_in_a_burst_over_new_stations_finds_its_child(machine):
         f"Start a new station thread for :{number}" for number in range(100)]
 
 
+def test_each_stop_in_a_burst_ends_its_child_although_the_daemon_was_started_with_sigterm_ignored(bare):
+    bare.start_bus()
+    bare.start_daemon(preexec_fn=lambda: signal.signal(signal.SIGTERM, signal.SIG_IGN))
+    assert bare.caller().burst(pairs([f":{number}" for number in range(100)], "xhotkey")) == 200 * [(True,)]
+    assert_no_actor_outlived_its_stop(bare, 100)
+
+
 @pytest.mark.parametrize("behaviour", ["ignore-term", "stop-self", "grandchild", "daemonise", "exit 0", "exit 1", None])
 def test_replies_come_at_once_whatever_the_actors_do(machine, behaviour):
     for program in ("corvane-ls", "corvane-pfk", "corvane-x11-put-image", "corvane-xh"):

@@ -179,6 +179,28 @@ TEST_F(HeapDeathTest, a_piece_that_begins_before_the_growth_and_ends_in_it_is_ke
       ExitedWithCode(3), "");
 }
 
+TEST_F(HeapDeathTest, a_heap_that_shrank_is_left_out_again_as_it_grows) {
+  EXPECT_EXIT(
+      {
+        heap_set_up();
+        heap_keep_for_children(far_piece(), 1000);
+        constexpr size_t size = 100000;
+        constexpr int count = 160;  // 16 MB, four steps of growth
+        void* pieces[count];
+        for (void*& piece : pieces) piece = malloc(size);
+        heap_leave_out_growth();
+        const char* highest = static_cast<char*>(sbrk(0));
+        for (void* piece : pieces) free(piece);
+        if (sbrk(0) >= highest) _exit(97);
+        heap_leave_out_growth();
+        void* last = nullptr;
+        for (void*& piece : pieces) last = piece = malloc(size);
+        heap_leave_out_growth();
+        _exit(pieces_in_a_child({last}));
+      },
+      ExitedWithCode(0), "");
+}
+
 TEST_F(HeapDeathTest, a_piece_below_the_heap_leaves_out_nothing_but_growth) {
   EXPECT_EXIT(
       {

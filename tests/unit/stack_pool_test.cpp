@@ -34,6 +34,17 @@ class StackPool : public FakedTest {
     return stack;
   }
 
+  /** Runs `body` on a thread of its own on a pool stack and waits for its end. */
+  static void run_on(void* on, void* (*body)(void*), void* data) {
+    pthread_t thread;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, on, pool_stack_size);
+    ASSERT_EQ(pthread_create(&thread, &attributes, body, data), 0);
+    pthread_attr_destroy(&attributes);
+    pthread_join(thread, nullptr);
+  }
+
   struct Map {
     size_t size;
     int protection;
@@ -188,17 +199,6 @@ class StackFork : public StackPool {
       calls.push_back("fork");
       return result;
     };
-  }
-
-  /** Runs `body` on a thread of its own on a pool stack and waits for its end. */
-  static void run_on(void* on, void* (*body)(void*), void* data) {
-    pthread_t thread;
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstack(&attributes, on, pool_stack_size);
-    ASSERT_EQ(pthread_create(&thread, &attributes, body, data), 0);
-    pthread_attr_destroy(&attributes);
-    pthread_join(thread, nullptr);
   }
 
   char* stack;
@@ -392,6 +392,61 @@ TEST_F(StackPrepareOwn, stacks_are_in_children_while_a_worker_is_expected_and_no
   stack_expect_no_worker();
   ASSERT_EQ(advices.size(), 2U);
   EXPECT_EQ(advices.back(), (Advice{expecting.where, expecting.size, MADV_DONTFORK}));
+}
+
+TEST_F(StackPrepareOwn, the_stacks_of_workers_that_lie_side_by_side_are_left_out_as_one) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
+  char* const area = first_of_a_new_block();
+  for (int i = 1; i < 6; ++i) stack_take();
+  struct {
+    int stack;              // which one of the area the next worker has
+    int first, count;       // what is left out then, in stacks of the area
+    const char* is_beside;  // the last ones
+  } const workers[] = {{3, 3, 1, "nothing"},
+                       {2, 2, 2, "below them"},
+                       {4, 2, 3, "above them"},
+                       {0, 0, 1, "nothing again"},
+                       {1, 0, 2, "above the new one"}};
+  for (const auto& worker : workers) {
+    advices.clear();
+    fakes.madvise = [this](void* where, size_t size, int advice) {
+      if (advice == MADV_DONTFORK) advices.push_back({where, size, advice});
+      return 0;
+    };
+    run_on(
+        area + worker.stack * pool_stack_size,
+        [](void*) -> void* {
+          stack_prepare_own();
+          return nullptr;
+        },
+        nullptr);
+    ASSERT_FALSE(advices.empty());
+    EXPECT_EQ(advices.back(),
+              (Advice{area + worker.first * pool_stack_size, worker.count * pool_stack_size, MADV_DONTFORK}))
+        << "a worker beside " << worker.is_beside;
+  }
+}
+
+TEST_F(StackPrepareOwn, a_worker_elsewhere_leaves_the_ones_before_out_although_it_was_expected_beside_them) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
+  char* const area = first_of_a_new_block();
+  for (int i = 1; i < 3; ++i) stack_take();
+  fakes.madvise = [this](void* where, size_t size, int advice) {
+    if (advice != guard_install) advices.push_back({where, size, advice});
+    return 0;
+  };
+  static constexpr auto body = [](void*) -> void* {
+    stack_prepare_own();
+    return nullptr;
+  };
+  run_on(area, body, nullptr);
+  stack_expect_worker();
+  run_on(area + 2 * pool_stack_size, body, nullptr);
+  ASSERT_GE(advices.size(), 3U);
+  const std::vector<Advice> last(advices.end() - 3, advices.end());
+  EXPECT_EQ(last, (std::vector<Advice>{{area, pool_stack_size, MADV_DOFORK},
+                                       {area, pool_stack_size, MADV_DONTFORK},
+                                       {area + 2 * pool_stack_size, pool_stack_size, MADV_DONTFORK}}));
 }
 
 TEST_F(StackPrepareOwn, a_stack_without_a_guard_gets_one_and_stays_out_of_children) {
