@@ -399,8 +399,8 @@ TEST_F(StackPrepareOwn, the_stacks_of_workers_that_lie_side_by_side_are_left_out
   char* const area = first_of_a_new_block();
   for (int i = 1; i < 6; ++i) stack_take();
   struct {
-    int stack;              // which one of the area the next worker has
-    int first, count;       // what is left out then, in stacks of the area
+    size_t stack;           // which one of the area the next worker has
+    size_t first, count;    // what is left out then, in stacks of the area
     const char* is_beside;  // the last ones
   } const workers[] = {{3, 3, 1, "nothing"},
                        {2, 2, 2, "below them"},
