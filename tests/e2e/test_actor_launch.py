@@ -1,13 +1,15 @@
 # SPDX-License-Identifier: MIT
 # test_actor_launch.py: what an actor is given at its start: arguments, environment, signals, descriptors.
 import os
+import re
 import signal
 import subprocess
 
 import pytest
 
-from support.machine import STAND_IN
+from support.machine import STAND_IN, not_under_a_sanitizer
 from support.place import PID_FILE
+from support.processes import SIGTERM_KEPT_AWAY
 from transcript import launch, now, transcript
 
 ARGUMENTS = {  # of each actor: code, and the arguments on display 3
@@ -159,22 +161,29 @@ def test_a_daemon_started_with_one_of_its_own_signals_ignored_hands_on_that_one_
     assert {signal.SIGPIPE, signal.SIGCHLD} & set(record.ignored) == {number}
 
 
-@pytest.mark.parametrize("how", ["ignored", "blocked"])
+@pytest.mark.parametrize("how", SIGTERM_KEPT_AWAY)
 def test_a_stop_reaches_the_actor_of_a_daemon_that_was_started_with_sigterm_kept_away(bare, how):
-    def keep_sigterm_away():
-        if how == "ignored":
-            signal.signal(signal.SIGTERM, signal.SIG_IGN)
-        else:
-            signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM])
-
     bare.start_bus()
-    bare.start_daemon(preexec_fn=keep_sigterm_away)
+    bare.start_daemon(preexec_fn=SIGTERM_KEPT_AWAY[how])
     caller = bare.caller()
     assert caller.start(":1", "xhotkey") is True
     (record,) = bare.wait_records(1)
     assert signal.SIGTERM not in record.ignored and signal.SIGTERM not in record.blocked
     assert caller.stop(":1", "xhotkey") is True
     bare.wait_gone(record.pid)
+
+
+@not_under_a_sanitizer("the heap is the sanitizer's")
+def test_what_the_heap_has_grown_by_stays_out_of_actors(machine):
+    caller = machine.caller()
+    for number in range(200):
+        assert caller.start(f":{number}", "init-station") is True
+    assert caller.start(":1", "xhotkey") is True
+    machine.wait_records(1)
+    with open(f"/proc/{machine.daemon.pid}/smaps") as file:
+        heap = re.findall(r"\[heap\]\n(?:.*\n)*?VmFlags: (.*)\n", file.read())
+    assert len(heap) >= 2 and "dc" not in heap[0].split(), "the child needs its station"
+    assert "dc" in heap[-1].split(), heap  # not copied on fork, proc(5)
 
 
 # ---- programs ----

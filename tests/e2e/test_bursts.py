@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 
 from support.callers import plugin_call
-from support.processes import descendants, process_state
+from support.processes import SIGTERM_KEPT_AWAY, descendants, process_state
 
 MOST_SECONDS_OF_A_REPLY = 0.5  # far below any wait of the daemon's, far above what a loaded machine adds
 
@@ -55,9 +55,10 @@ def test_each_stop_in_a_burst_over_new_stations_finds_its_child(machine):
         f"Start a new station thread for :{number}" for number in range(100)]
 
 
-def test_each_stop_in_a_burst_ends_its_child_although_the_daemon_was_started_with_sigterm_ignored(bare):
+@pytest.mark.parametrize("how", SIGTERM_KEPT_AWAY)
+def test_each_stop_in_a_burst_ends_its_child_although_the_daemon_was_started_with_sigterm_kept_away(bare, how):
     bare.start_bus()
-    bare.start_daemon(preexec_fn=lambda: signal.signal(signal.SIGTERM, signal.SIG_IGN))
+    bare.start_daemon(preexec_fn=SIGTERM_KEPT_AWAY[how])
     assert bare.caller().burst(pairs([f":{number}" for number in range(100)], "xhotkey")) == 200 * [(True,)]
     assert_no_actor_outlived_its_stop(bare, 100)
 

@@ -16,7 +16,7 @@ import pytest
 from support.log import texts_of
 from support.machine import DAEMON, meddled, not_under_a_sanitizer
 from support.place import LOG, PID_FILE
-from support.processes import process_state
+from support.processes import SIGTERM_KEPT_AWAY, process_state
 
 PR_SET_CHILD_SUBREAPER = 36
 NO_PROCESS = 999999  # six digits, and far beyond the numbers of a machine that has just been started
@@ -223,6 +223,17 @@ def test_stop_ends_the_daemon_by_signal_15_and_another_can_be_started(bare, adop
     bare.wait("another pid file", bare.pid_file)
     bare.wait_log(r"Start mainloop")
     assert bare.caller().hello() == "How are you?"
+
+
+@pytest.mark.parametrize("how", SIGTERM_KEPT_AWAY)
+def test_stop_ends_a_daemon_that_was_started_with_sigterm_kept_away(bare, adopted, how):
+    bare.start_bus()
+    bare.daemonise("--start", preexec_fn=SIGTERM_KEPT_AWAY[how])
+    bare.wait_log(r"Start mainloop")
+    daemon = int(bare.pid_file())
+    adopted(os.getsid(daemon))
+    assert ask(bare, "--stop").returncode == 0
+    assert adopted(daemon) == -signal.SIGTERM
 
 
 def test_a_daemon_that_was_killed_still_counts_as_running_until_it_is_stopped(bare, daemon):

@@ -12,6 +12,12 @@ import time
 PR_SET_CHILD_SUBREAPER = 36  # prctl(2)
 RELEASED = "ZX"  # states of processes that have ended
 
+# What keeps SIGTERM away from a process, to be called before it executes its program.
+SIGTERM_KEPT_AWAY = {
+    "ignored": lambda: signal.signal(signal.SIGTERM, signal.SIG_IGN),
+    "blocked": lambda: signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM]),
+}
+
 
 def adopt_orphans():
     """Makes this process the parent of its descendants' orphans, and lets it receive every signal."""
