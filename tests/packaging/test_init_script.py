@@ -7,6 +7,7 @@ import os
 import shutil
 import signal
 import subprocess
+import sys
 from pathlib import Path
 
 import pytest
@@ -264,6 +265,30 @@ def test_those_that_wait_for_the_name_are_stopped_with_its_owner(script):
     assert status == 0, output
     assert daemons() == [] and machine.pid_file() is None
     assert script.status() == 3
+
+
+# Has the daemon's name in a thread while the first thread has ended, as a daemon that is about to end: its
+# executable is not to be seen any more.
+HALF_ENDED = """
+import ctypes, struct, threading, time
+from jeepney import DBusAddress, new_method_call
+from jeepney.io.blocking import open_dbus_connection
+connection = open_dbus_connection("SESSION")
+bus = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
+connection.send_and_get_reply(new_method_call(bus, "RequestName", "su", ("com.corvane.ControlServer", 0)))
+threading.Thread(target=time.sleep, args=(600,)).start()
+ctypes.CDLL(None).syscall(60 if struct.calcsize("P") == 8 else 1, 0)  # exit(2), of this thread alone
+"""
+
+
+def test_a_stop_waits_for_an_owner_of_the_name_that_is_about_to_end(script):
+    machine = script.machine
+    process = subprocess.Popen([sys.executable, "-c", HALF_ENDED], env=machine.environment())
+    machine.wait("the name, and the end of the first thread",
+                 lambda: queued(machine) and not os.path.exists(f"/proc/{process.pid}/exe"))
+    status, output = script("stop")
+    assert status == 0, output
+    assert process.wait(10) == -signal.SIGTERM
 
 
 def test_an_unknown_verb_and_none_are_refused(script):
