@@ -63,7 +63,7 @@ int heap_keep_for_children(void* memory, size_t size) {
   const uintptr_t end = page_of(begin + size - 1) + page_size();
   int result = 0;
   pthread_mutex_lock(&heap_mutex);
-  if (end > begin_of_growth && first_page < left_out_to) result = advise(first_page, end, MADV_DOFORK);
+  if (first_page < left_out_to) result = advise(first_page, end, MADV_DOFORK);
   left_out_to = std::max({left_out_to, end, begin_of_growth});  // below the growth, children get everything
   pthread_mutex_unlock(&heap_mutex);
   return result;

@@ -139,12 +139,17 @@ static void pause_for_memory() {
   usleep(memory_pause);
 }
 
-void ccs_dispatch_and_flush(DBusConnection* connection) {
+static void dispatch_and_flush(DBusConnection* connection) {
   do {
     while (ccs_dispatch_all(connection) == DBUS_DISPATCH_NEED_MEMORY) pause_for_memory();
     dbus_connection_flush(connection);  // reads, too, while it waits for room
     // The library may say only now that memory was short for a call that it holds.
   } while (dbus_connection_get_dispatch_status(connection) != DBUS_DISPATCH_COMPLETE);
+}
+
+void ccs_dispatch_and_flush(DBusConnection* connection) {
+  dispatch_and_flush(connection);
+  memory_pause = 0;
 }
 
 bool ccs_is_ready(const BusState* bus, const fd_set* ready) {
@@ -155,7 +160,7 @@ bool ccs_is_ready(const BusState* bus, const fd_set* ready) {
 // still there, and select(2) returns at once, so that only the pause keeps the loop from being a busy one.
 void ccs_serve_watch(const BusState* bus) {
   const bool is_handled = dbus_watch_handle(bus->watch, DBUS_WATCH_READABLE) != 0;
-  ccs_dispatch_and_flush(bus->connection);
+  dispatch_and_flush(bus->connection);
   if (is_handled) {
     memory_pause = 0;
   } else {

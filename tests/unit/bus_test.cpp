@@ -553,6 +553,17 @@ TEST_F(Bus, a_watch_that_is_handled_ends_the_shortage_and_the_next_one_begins_an
   EXPECT_EQ(log.lines(), (Lines(2, line("pause_for_memory", "{EE} No memory for the next message"))));
 }
 
+TEST_F(Bus, a_shortage_before_the_first_wait_ends_with_it_and_the_next_one_begins_anew) {
+  ccs_add_watch(as_watch(&readable), &bus);
+  CapturedLog log;
+  results = {DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_COMPLETE,
+             DBUS_DISPATCH_NEED_MEMORY};
+  ccs_dispatch_and_flush(connection);
+  ccs_serve_watch(&bus);
+  EXPECT_EQ(pauses_among(calls), (Calls{"usleep 1000", "usleep 2000", "usleep 1000"}));
+  EXPECT_EQ(log.lines(), (Lines(2, line("pause_for_memory", "{EE} No memory for the next message"))));
+}
+
 TEST_F(Bus, messages_without_memory_behind_a_watch_without_memory_are_one_shortage) {
   ccs_add_watch(as_watch(&readable), &bus);
   CapturedLog log;

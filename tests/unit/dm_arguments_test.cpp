@@ -54,6 +54,11 @@ TEST_F(ExpandArgv, words_are_compared_whole_and_with_their_case) {
                                           "--logfiles", "-logfile", "CORVANE_DIRS", "corvane_dir"}};
   EXPECT_EQ(expanded(&actor, 1), (Words{"program", "display", "DISPLAYS", "--display", "-displa",
                                         "--logfiles", "-logfile", "CORVANE_DIRS", "corvane_dir"}));
+  const ActorDefinition other_case = {.name = "words",
+                                      .code = 0,
+                                      .group = 1,
+                                      .argv = {"program", "Display", "-DISPLAY", "--LogFile", "Corvane_Dir"}};
+  EXPECT_EQ(expanded(&other_case, 1), (Words{"program", "Display", "-DISPLAY", "--LogFile", "Corvane_Dir"}));
 }
 
 TEST_F(ExpandArgv, a_vector_of_nine_arguments_is_the_largest) {

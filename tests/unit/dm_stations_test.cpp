@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "common/stack-pool.h"
 #include "common/verbose.h"
@@ -226,6 +227,19 @@ TEST_F(StartStationThread, linking_and_unlinking_happen_while_the_tables_mutex_i
   fakes.seen_lock = fakes.seen_unlock = nullptr;
   EXPECT_EQ(at_lock, (std::vector<Displays>{{}, {1}, {1, 2}, {1, 2, 5}}));
   EXPECT_EQ(at_unlock, (std::vector<Displays>{{1}, {1, 2}, {1, 2, 5}, {1, 2}}));
+}
+
+TEST_F(StartStationThread, a_worker_that_is_not_made_leaves_the_others_stacks_out_of_children) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
+  std::thread([] { stack_prepare_own(); }).join();  // a worker
+  std::vector<int> advices;
+  fakes.madvise = [&](void*, size_t, int advice) {
+    advices.push_back(advice);
+    return 0;
+  };
+  fakes.pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; };
+  EXPECT_EQ(dm_start_station_thread(&context, ":0", 0, 1), -1);
+  EXPECT_EQ(advices, (std::vector<int>{MADV_DOFORK, MADV_DONTFORK}));
 }
 
 TEST_F(StartStationThread, the_last_of_several_without_a_worker_leaves_the_others) {

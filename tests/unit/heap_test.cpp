@@ -5,6 +5,7 @@
 // a sanitizer nothing is: the heap is the sanitizer's.
 #include "common/heap.h"
 
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -199,6 +200,32 @@ TEST_F(HeapDeathTest, a_heap_that_shrank_is_left_out_again_as_it_grows) {
         _exit(pieces_in_a_child({last}));
       },
       ExitedWithCode(0), "");
+}
+
+TEST_F(HeapDeathTest, a_piece_of_a_heap_that_shrank_below_what_it_was_at_the_start_is_kept) {
+  EXPECT_EXIT(
+      {
+        mallopt(M_TOP_PAD, 16 * 1024 * 1024);  // as the administrator can ask for with MALLOC_TOP_PAD_
+        const void* before = sbrk(0);
+        while (sbrk(0) == before) far_piece();
+        const char* at_start = static_cast<char*>(sbrk(0));
+        heap_set_up();
+        void* pieces[20];
+        for (void*& piece : pieces) piece = malloc(100000);
+        for (void* piece : pieces) free(piece);
+        heap_keep_for_children(far_piece(), 1000);
+        heap_leave_out_growth();
+        const char* shrunk = static_cast<char*>(sbrk(0));
+        char* piece = nullptr;
+        do {
+          piece = static_cast<char*>(far_piece());
+        } while (piece < shrunk);
+        heap_leave_out_growth();
+        if (piece >= at_start) _exit(97);
+        if (heap_keep_for_children(piece, 1000) != 0) _exit(96);
+        _exit(pieces_in_a_child({piece}));
+      },
+      ExitedWithCode(1), "");
 }
 
 TEST_F(HeapDeathTest, a_piece_below_the_heap_leaves_out_nothing_but_growth) {
