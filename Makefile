@@ -22,7 +22,7 @@ SHELL = /bin/bash
 all:
 	@tools/install-packages build
 	@cmake -S . -B $(built) -G Ninja --log-level=WARNING
-	cmake --build $(built) --target corvane-cs
+	cmake --build $(built) --target corvane-cs corvane-ctl
 	@echo 'The daemon is built: $(built)/cs/corvane-cs'
 	@echo 'Next: make demo (see it work), make check (test it), make install (as root), make help (all the rest)'
 
@@ -32,8 +32,8 @@ install:
 	umask 022 && DESTDIR='$(DESTDIR)' cmake --install $(built) --prefix '$(prefix)'
 
 help:
-	@echo 'make             builds the daemon'
-	@echo 'make install     installs it (as root), with prefix=/usr/local and DESTDIR= unless you give others'
+	@echo 'make             builds the daemon and corvane-ctl'
+	@echo 'make install     installs them (as root), with prefix=/usr/local and DESTDIR= unless you give others'
 	@echo 'make demo        shows the daemon at its work, with pictures of three displays'
 	@echo 'make demo-live   shows it in windows on your screen'
 	@echo 'make check       runs all tests'
@@ -63,8 +63,8 @@ demo demo-live: stories
 	@tools/install-packages build test demo
 	$(if $(session),@tools/private-machine --displays . $(session) true)
 	@cmake --preset release --log-level=WARNING
-	cmake --build --preset release --target corvane-cs demo-actors
-	@CORVANE_BIN=$(daemon) CORVANE_ACTORS=build/release/demo \
+	cmake --build --preset release --target corvane-cs corvane-ctl demo-actors
+	@CORVANE_BIN=$(daemon) CORVANE_CTL=build/release/ctl/corvane-ctl CORVANE_ACTORS=build/release/demo \
 	  tools/private-machine --displays . $(session) \
 	  /usr/bin/python3 demo/demo.py $(pictures) $(if $(session),$$DISPLAY)
 
@@ -156,14 +156,14 @@ coverage:
 	@mkdir -p build/coverage && find build/coverage -name '*.gcda' -delete
 	$(MAKE) check-coverage
 	gcovr --root . --exclude tools/ --exclude-unreachable-branches --exclude-throw-branches --txt --print-summary \
-	  --fail-under-line 95 $(addprefix build/coverage/,cs common plugins)
+	  --fail-under-line 95 $(addprefix build/coverage/,cs common ctl plugins)
 
 lint: $(lints)
 
 # One process a file: the analysis of a second file in one process takes every va_list for uninitialised.
 lint-tidy: build-clang
 	@tools/install-packages lint
-	$(git) ls-files -co --exclude-standard 'cs/*.cpp' 'common/*.cpp' 'plugins/*.cpp' | xargs -n 1 -P 2 clang-tidy -p build/clang --quiet
+	$(git) ls-files -co --exclude-standard 'cs/*.cpp' 'common/*.cpp' 'ctl/*.cpp' 'plugins/*.cpp' | xargs -n 1 -P 2 clang-tidy -p build/clang --quiet
 
 # cppcheck does not know __VA_OPT__, so that it gets the log's macros as functions of a library of its own,
 # and it takes a placement new for a read.
@@ -171,7 +171,7 @@ lint-cppcheck:
 	@tools/install-packages build lint
 	cppcheck --quiet --error-exitcode=1 --enable=warning,performance,portability --inline-suppr --std=c++20 -I . \
 	  --library=tools/cppcheck.cfg -Ulog_debug -Ulog_error \
-	  --suppress=legacyUninitvar:plugins/display-manager/display-manager.cpp cs common plugins
+	  --suppress=legacyUninitvar:plugins/display-manager/display-manager.cpp cs common ctl plugins
 
 lint-format:
 	@tools/install-packages lint

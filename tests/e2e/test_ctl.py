@@ -1,0 +1,556 @@
+# SPDX-License-Identifier: MIT
+# test_ctl.py: what an administrator gets from corvane-ctl, beside a real daemon.
+#
+# Expected lines are written out. A story that waits for the daemon to do something waits for its log.
+import json
+import os
+import pty
+import re
+import resource
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+from support.callers import plugin_call
+from support.machine import not_under_a_sanitizer, skip_in_container
+from support.place import LOG, STAGE
+from support.processes import wait_for
+
+CTL = os.environ["CORVANE_CTL"]
+HEAD = "DISPLAY ACTOR           STATE                      PROCESS SINCE          STARTS"
+ADVICE = "corvane-ctl: "
+NOT_FOUND = ":1 xhotkey: corvane-xh was not found; the daemon tries again every 2 s"
+
+
+class Done:
+    """A run of corvane-ctl that has ended: its status, the lines it printed and those it complained with."""
+
+    def __init__(self, machine, *words, **popen):
+        bus = ["--bus", machine.address] if machine.address else []
+        done = subprocess.run([CTL, *bus, *words], capture_output=True, timeout=60, **popen)
+        self.status, self.raw = done.returncode, done.stdout.decode()
+        self.lines = self.raw.splitlines()
+        self.errors = done.stderr.decode().splitlines()
+        assert len(self.errors) == (1 if self.status else len(self.errors)), self.errors
+        assert all(line.startswith(ADVICE) for line in self.errors), self.errors
+
+    def __repr__(self):
+        return f"{self.status} {self.lines} {self.errors}"
+
+
+@pytest.fixture
+def ctl(machine):
+    return lambda *words, **popen: Done(machine, *words, **popen)
+
+
+def plain(line):
+    """A line with P for each pid of a process."""
+    return re.sub(r"process \d+", "process P", line)
+
+
+def row(line):
+    """A row of the table: display, actor, state, whether there is a process, starts."""
+    display, actor, state, process, starts = (
+        line[begin:end].strip() for begin, end in ((0, 7), (8, 23), (24, 50), (51, 58), (74, 80)))
+    return display, actor, state, process != "-", starts
+
+
+def rows(done):
+    """The rows of the table, and the lines below them as they are."""
+    return [line.strip() if line.startswith("  ") else row(line) for line in done.lines[done.lines.index(HEAD) + 1:]]
+
+
+def objects(done):
+    """What was printed with --json: the daemon, and the rows."""
+    daemon, *found = (json.loads(line) for line in done.lines)
+    return daemon, found
+
+
+def fail_again_and_again(machine, display=":1", actor="xhotkey", program="corvane-xh"):
+    """An actor whose program is missing, in the pause after its third start."""
+    machine.remove(program)
+    assert machine.caller().start(display, actor) is True
+    machine.wait_log("Child process died", 3)
+
+
+def wait_deaf(machine, record):
+    note = f"{STAGE}/actors/records/{record.pid}.deaf"
+    machine.wait("the actor to ignore SIGTERM", lambda: os.path.exists(note))
+
+
+# ---- start and stop ----
+
+
+def test_start_reports_that_the_actor_runs_and_in_which_process(machine, ctl):
+    done = ctl("start", ":1", "local-login")
+    (record,) = machine.wait_records(1)
+    assert record.argv == ["corvane-ls", ":1"]
+    assert (done.status, done.lines, done.errors) == (0, [f":1 local-login runs, process {record.pid}"], [])
+
+
+def test_the_type_is_common_unless_another_is_given(machine, ctl):
+    assert ctl("start", ":1", "local-login").status == 0
+    assert ctl("start", ":2", "local-login", "USB").status == 0
+    assert [text.rpartition("=")[2] for text in machine.texts() if text.startswith("dbus_dm_start")] == [
+        "COMMON", "USB"]
+
+
+def test_a_start_of_what_runs_changes_nothing_and_says_so(machine, ctl):
+    ctl("start", ":1", "local-login")
+    (record,) = machine.wait_records(1)
+    done = ctl("start", ":1.0", "local-login")
+    assert (done.status, done.lines) == (
+        1, [f":1 local-login was already running, process {record.pid}: nothing changed"])
+    assert done.errors == [ADVICE + "to end that: corvane-ctl stop :1 local-login"]
+    assert machine.children() == [record.pid]
+
+
+def test_a_start_in_a_group_that_is_taken_names_the_actor_that_has_it(machine, ctl):
+    ctl("start", ":1", "click-mouse")
+    (record,) = machine.wait_records(1)
+    done = ctl("start", ":1", "press-fkey")
+    assert (done.status, done.lines) == (
+        1, [f":1 press-fkey: its group was taken by click-mouse (process {record.pid})"])
+    assert done.errors == [ADVICE + "to end that: corvane-ctl stop :1 press-fkey"]
+
+
+def test_a_missing_program_is_named(machine, ctl):
+    machine.remove("corvane-xh")
+    done = ctl("start", ":1", "xhotkey")
+    assert (done.status, done.lines) == (1, [NOT_FOUND])
+    assert done.errors == [ADVICE + "to end that: corvane-ctl stop :1 xhotkey"]
+
+
+def test_a_program_that_ends_at_once_is_reported(machine, ctl):
+    machine.behave("corvane-xh", "exit 1")
+    done = ctl("start", ":1", "xhotkey")
+    assert (done.status, done.lines) == (1, [":1 xhotkey: corvane-xh has ended; the daemon tries again every 2 s"])
+
+
+def test_a_start_in_the_pause_changes_nothing_and_gives_the_reason(machine, ctl):
+    fail_again_and_again(machine)
+    done = ctl("start", ":1", "xhotkey")
+    assert (done.status, done.lines) == (1, [NOT_FOUND])
+    assert machine.texts().count("Start method_start_thread for actor:7") == 1
+
+
+def test_init_station_runs_no_process(ctl):
+    done = ctl("start", ":1", "init-station")
+    assert (done.status, done.lines) == (0, [":1 init-station is ready; it runs no process"])
+
+
+def test_stop_reports_that_the_process_has_ended_and_how_long_that_took(machine, ctl):
+    ctl("start", ":1", "local-login")
+    (record,) = machine.wait_records(1)
+    done = ctl("stop", ":1", "local-login")
+    assert done.status == 0 and not done.errors
+    assert re.fullmatch(rf":1 ends, process {record.pid}, \d\.\d s", *done.lines)
+    assert machine.children() == []
+
+
+def test_stop_reports_an_actor_that_ignores_its_signal(machine, ctl):
+    machine.behave("corvane-ls", "ignore-term")
+    ctl("start", ":1", "local-login")
+    (record,) = machine.wait_records(1)
+    wait_deaf(machine, record)
+    done = ctl("stop", ":1", "local-login")
+    assert (done.status, done.lines) == (1, [":1 local-login still runs: it ignores signal 15"])
+    assert done.errors == [ADVICE + "see: corvane-ctl status"]
+    assert rows(ctl("status")) == [(":1", "local-login", "runs", True, "1"), "was stopped, and still runs"]
+
+
+def test_an_actor_that_ignores_its_signal_is_shown_beside_the_next_one(machine, ctl):
+    machine.behave("corvane-ls", "ignore-term")
+    ctl("start", ":1", "local-login")
+    (first,) = machine.wait_records(1)
+    wait_deaf(machine, first)
+    ctl("stop", ":1", "local-login")
+    done = ctl("start", ":1", "local-login")
+    (second,) = (record for record in machine.wait_records(2) if record.pid != first.pid)
+    assert (done.status, done.lines) == (0, [f":1 local-login runs, process {second.pid}"])
+    _, found = objects(ctl("status", "--json"))
+    assert [row["process"] for row in found] == [first.pid, second.pid]
+
+
+def test_a_stop_of_what_does_not_run_changes_nothing_and_says_so(machine, ctl):
+    ctl("start", ":1", "local-login")
+    ctl("stop", ":1", "local-login")
+    done = ctl("stop", ":1", "local-login")
+    assert (done.status, done.lines) == (1, [":1 local-login does not run: nothing changed"])
+
+
+def test_a_stop_in_the_pause_says_that_a_start_still_comes(machine, ctl):
+    fail_again_and_again(machine)
+    done = ctl("stop", ":1", "xhotkey")
+    assert (done.status, done.lines) == (
+        1, [":1 xhotkey: the stop came in the pause before a restart, which still comes"])
+
+
+def test_a_refused_stop_gives_the_reason_of_the_daemons_log(ctl):
+    done = ctl("stop", ":7", "local-login")
+    assert (done.status, done.lines) == (
+        1, [":7 local-login: refused: Unable to find station entry for display 7"])
+    assert done.errors == [ADVICE + "see: corvane-ctl status"]
+
+
+def test_without_waiting_only_the_reply_is_reported(machine, ctl):
+    machine.remove("corvane-xh")
+    done = ctl("start", "--no-wait", ":1", "xhotkey")
+    assert (done.status, done.lines, done.errors) == (0, [":1 xhotkey: queued"], [])
+
+
+def test_a_wrong_word_is_not_sent_to_the_daemon(machine, ctl):
+    before = machine.texts()
+    done = ctl("start", ":1", "local-logn")
+    assert (done.status, done.lines) == (2, [])
+    assert done.errors == [
+        ADVICE + "no such actor: local-logn; there are init-station local-login remote-login press-fkey click-mouse "
+        "disable-station xhotkey; did you mean local-login?"]
+    for words in (["start", "1", "local-login"], ["start", ":1", "local-login", "pci"], ["starr", ":1"], []):
+        assert ctl(*words).status == 2
+    assert machine.texts() == before
+
+
+# ---- status ----
+
+
+def test_status_shows_the_daemon_and_a_row_for_each_group_that_ever_had_an_actor(machine, ctl):
+    empty = ctl("status")
+    assert re.fullmatch(rf"corvane-cs 1\.0\.0 runs, process {machine.daemon.pid}, since {time.strftime('%F')} [\d:]+",
+                        empty.lines[0])
+    assert empty.lines[1:] == ["", HEAD]
+    machine.behave("corvane-pfk", "exit 0")
+    caller = machine.caller()
+    for display, actor in ((":2", "local-login"), (":10", "xhotkey"), (":2", "press-fkey"), (":1", "init-station")):
+        assert caller.start(display, actor) is True
+    machine.wait_log("Child process died", 3)
+    assert ctl("start", ":3", "remote-login").status == ctl("stop", ":3", "remote-login").status == 0
+    done = ctl("status", "-v")
+    assert rows(done) == [
+        (":1", "init-station", "ready", False, "0"),
+        (":2", "local-login", "runs", True, "1"),
+        "corvane-ls :2",
+        (":2", "press-fkey", "fails again and again, 2 s", False, "3"),
+        "corvane-pfk has ended",
+        (":3", "remote-login", "stopped", False, "1"),
+        (":10", "xhotkey", "runs", True, "1"),
+        "corvane-xh -display :10",
+    ]
+    assert rows(ctl("status", ":3")) == [(":3", "remote-login", "stopped", False, "1")]
+    assert all(len(line) <= 80 for line in done.lines)
+
+
+def test_status_says_why_an_actor_does_not_run(machine, ctl):
+    fail_again_and_again(machine)
+    assert rows(ctl("status")) == [
+        (":1", "xhotkey", "fails again and again, 2 s", False, "3"), "corvane-xh was not found"]
+
+
+def test_status_counts_down_to_the_restart(machine, ctl):
+    ctl("start", ":1", "local-login")
+    (record,) = machine.wait_records(1)
+    os.kill(record.pid, signal.SIGKILL)
+    machine.wait_log(f"Child process died: {record.pid}$")
+    (display, actor, state, has_process, starts), reason = rows(ctl("status"))
+    assert (display, actor, has_process, starts, reason) == (
+        ":1", "local-login", False, "1", "corvane-ls has ended")
+    assert state in ("restarting in 2 s", "restarting in 1 s", "restarting in 0 s")
+    machine.wait_records(2)
+    machine.wait_log("DISPLAY=:1, actor_code=2, child=", 2)
+    assert rows(ctl("status")) == [(":1", "local-login", "runs", True, "2")]
+
+
+def test_status_shows_a_daemon_that_runs_in_the_background(bare):
+    bare.start_bus()
+    bare.daemonise("--start")
+    bare.wait_log(r"Start mainloop \.\.\.")
+    assert bare.caller().start(":1", "local-login") is True
+    bare.wait_log("DISPLAY=:1, actor_code=2, child=")
+    bare.wait_records(1)
+    done = Done(bare, "status")
+    assert f" process {bare.pid_file().strip()}, " in done.lines[0]
+    assert rows(done) == [(":1", "local-login", "runs", True, "1")]
+
+
+def test_status_is_that_of_the_daemon_that_runs_now(machine, ctl):
+    ctl("start", ":1", "local-login")
+    ctl("start", ":2", "xhotkey")
+    machine.daemon.kill()
+    machine.daemon.wait()
+    done = ctl("status")
+    assert (done.status, done.lines) == (3, [])
+    assert done.errors == [ADVICE + "corvane-cs does not run; start it: service corvane-cs start"]
+    os.rename(LOG, f"{LOG}.kept")
+    machine.start_daemon()
+    assert rows(ctl("status")) == []
+    assert ctl("start", ":2", "local-login").status == 0
+    assert rows(ctl("status")) == [(":2", "local-login", "runs", True, "1")]
+
+
+def test_with_two_daemons_status_reads_the_log_of_the_one_that_has_the_name(machine, ctl):
+    ctl("start", ":1", "local-login")
+    second = machine.launch()  # which moves the log of the first
+    machine.wait("the second daemon", lambda: "Start mainloop" in machine.log_text())
+    daemon, found = objects(ctl("status", "--json"))
+    assert daemon["daemon"] in (machine.daemon.pid, second.pid)
+    assert [row["starts"] for row in found] == ([1] if daemon["daemon"] == machine.daemon.pid else [])
+    second.kill()
+    second.communicate()
+    machine.wait("the first daemon to have the name",
+                 lambda: f"process {machine.daemon.pid}," in "".join(ctl("status").lines))
+    assert rows(ctl("status")) == [(":1", "local-login", "runs", True, "1")]
+
+
+def test_a_log_that_logrotate_truncates_loses_the_past_but_not_what_runs(machine, ctl):
+    ctl("start", ":1", "local-login")
+    ctl("start", ":2", "local-login")
+    ctl("stop", ":2", "local-login")
+    os.truncate(LOG, 0)
+    assert rows(ctl("status")) == [(":1", "local-login", "runs", True, "0+")]
+    done = ctl("start", ":1", "local-login")
+    assert plain(*done.lines) == ":1 local-login was already running, process P: nothing changed"
+
+
+def test_of_a_long_log_only_the_end_is_read(machine, ctl):
+    ctl("start", ":1", "local-login")
+    with open(LOG, "a") as log:
+        log.write(("." * 99 + "\n") * 20000)
+    ctl("start", ":2", "local-login")
+    assert rows(ctl("status")) == [
+        (":1", "local-login", "runs", True, "0+"), (":2", "local-login", "runs", True, "1+")]
+
+
+def test_without_a_log_what_runs_is_shown_and_it_is_said_once(machine, ctl):
+    skip_in_container("needs a daemon without a log")
+    machine.daemon.kill()
+    machine.daemon.wait()
+    os.unlink(LOG)
+    os.mkdir(LOG)
+    machine.daemon = machine.launch()
+    machine.wait("the daemon", lambda: ctl("status").status == 0)
+    assert plain(*ctl("start", ":1", "local-login").lines) == ":1 local-login runs, process P"
+    machine.remove("corvane-xh")
+    done = ctl("start", ":1", "xhotkey")
+    assert (done.status, done.lines) == (1, [":1 xhotkey: no start was seen within 1 s"])
+    done = ctl("status")
+    assert done.status == 0
+    assert done.errors == [ADVICE + "the log is empty or not readable: only what runs is shown"]
+    assert rows(done) == [(":1", "local-login", "runs", True, "0+")]
+    os.rmdir(LOG)
+
+
+def test_texts_of_callers_do_not_decide_what_runs(machine, ctl):
+    ctl("start", ":1", "local-login")
+    (record,) = machine.wait_records(1)
+    place = "plugins/display-manager/display-manager.cpp:1:f: DEBUG: "
+    forged = "".join(f"\n{time.strftime('%F %T')}:{place}{text}" for text in (
+        f"Child process died: {record.pid}", f"DISPLAY=:6, actor_code=7, child={record.pid}",
+        "DISPLAY=:5, actor_code=2, child=1"))
+    assert machine.caller().start(f"x{forged}\n", "local-login") is False
+    done = ctl("status")
+    assert [row for row in rows(done) if row[3] is True] == [(":1", "local-login", "runs", True, "1")]
+    objects(ctl("status", "--json"))
+
+
+def test_an_actors_own_title_neither_acts_on_the_terminal_nor_hides_it(machine, ctl):
+    machine.remove("corvane-ls")
+    title = '\\e[2J"\\\\\\xff'
+    Path(f"{STAGE}/actors/bin/corvane-ls").write_text(f"#!/bin/bash\nexec -a $'{title}' sleep 600\n")
+    os.chmod(f"{STAGE}/actors/bin/corvane-ls", 0o755)
+    assert ctl("start", ":1", "local-login").status == 0
+    assert rows(ctl("status", "-v")) == [(":1", "local-login", "runs", True, "1"), '\\x1b[2J"\\\\xff 600']
+    _, (found,) = objects(ctl("status", "--json"))
+    assert found["command"] == '\x1b[2J"\\\xff 600'
+
+
+def test_json_has_all_that_the_table_has(machine, ctl):
+    ctl("start", ":1", "local-login")
+    machine.remove("corvane-xh")
+    ctl("start", ":1", "xhotkey")
+    (record,) = machine.wait_records(1)
+    daemon, (login, watcher) = objects(ctl("status", "--json"))
+    moment = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d"
+    assert all(re.fullmatch(moment, each.pop("since")) for each in (daemon, login, watcher))
+    assert daemon == {"daemon": machine.daemon.pid, "version": "1.0.0"}
+    assert login == {"display": ":1", "actor": "local-login", "state": "runs", "process": record.pid, "starts": 1,
+                     "reason": "", "command": "corvane-ls :1"}
+    assert watcher.pop("state").startswith("restarting in ")
+    assert watcher == {"display": ":1", "actor": "xhotkey", "process": 0, "starts": 1,
+                       "reason": "corvane-xh was not found", "command": ""}
+
+
+@not_under_a_sanitizer("it takes more time")
+def test_status_of_400_stations_takes_less_than_50_ms_of_processor_time(machine, ctl):
+    caller = machine.caller()
+    assert all(reply == (True,) for reply in caller.burst(
+        [plugin_call("DisplayManager", "Start", "sss", f":{n}", "local-login", "COMMON") for n in range(400)]))
+    machine.wait_log("DISPLAY=:[0-9]+, actor_code=2", 400, seconds=60)
+    machine.wait_records(400, seconds=60)
+
+    def processor_time():
+        before = resource.getrusage(resource.RUSAGE_CHILDREN)
+        assert len(rows(ctl("status"))) == 400
+        after = resource.getrusage(resource.RUSAGE_CHILDREN)
+        return after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
+
+    assert min(processor_time() for _ in range(10)) < 0.05
+
+
+# ---- watch ----
+
+
+class Watcher:
+    """corvane-ctl watch, and the rows that it has printed."""
+
+    def __init__(self, machine, *words):
+        self.machine = machine
+        self.path = f"{STAGE}/watched"
+        with open(self.path, "w") as output:
+            self.process = subprocess.Popen([CTL, "--bus", machine.address, "watch", *words], stdout=output,
+                                            stderr=subprocess.PIPE, text=True)
+
+    def lines(self):
+        return [line for line in Path(self.path).read_text().splitlines() if line]
+
+    def states(self):
+        return [row(line)[:3] for line in self.lines() if line.startswith(":")]
+
+    def wait(self, *states):
+        """Waits until these have come, in this order among themselves."""
+        wait_for(f"{states} in {self.path}", lambda: [state for state in self.states() if state in states][
+            -len(states):] == list(states), explain=lambda: f": {self.lines()}")
+
+
+LOGIN_RUNS = (":1", "local-login", "runs")
+
+
+def test_watch_prints_a_line_for_each_change(machine, ctl):
+    ctl("start", ":1", "local-login")
+    watcher = Watcher(machine, ":1")
+    watcher.wait(LOGIN_RUNS)
+    ctl("start", ":2", "local-login")  # which is another display
+    (record, _) = machine.wait_records(2)
+    os.kill(record.pid, signal.SIGKILL)
+    machine.wait("the pause", lambda: any("restarting in" in line for line in watcher.lines()))
+    watcher.wait(LOGIN_RUNS, LOGIN_RUNS)
+    ctl("stop", ":1", "local-login")
+    watcher.wait((":1", "local-login", "stopped"))
+    assert len(watcher.states()) == 4, watcher.lines()
+    assert {state[0] for state in watcher.states()} == {":1"}
+    watcher.process.send_signal(signal.SIGINT)
+    assert watcher.process.wait(10) == -signal.SIGINT
+
+
+def test_watch_goes_on_when_the_daemon_is_restarted_and_ends_with_the_bus(machine, ctl):
+    watcher = Watcher(machine)
+    ctl("start", ":1", "local-login")
+    watcher.wait(LOGIN_RUNS)
+    machine.daemon.kill()
+    machine.daemon.wait()
+    os.rename(LOG, f"{LOG}.kept")  # so that the new daemon is waited for
+    machine.start_daemon()
+    assert ctl("start", ":3", "xhotkey").status == 0
+    watcher.wait((":3", "xhotkey", "runs"))
+    assert f"process {machine.daemon.pid}," in "".join(watcher.lines())
+    machine.bus.kill()
+    errors = watcher.process.communicate(timeout=10)[1].splitlines()
+    assert (watcher.process.returncode, errors[-1]) == (3, ADVICE + "the bus has ended; start it")
+    assert set(errors[:-1]) <= {ADVICE + "corvane-cs does not run; start it: service corvane-cs start"}
+
+
+def test_watch_prints_one_json_object_a_line(machine, ctl):
+    watcher = Watcher(machine, "--json")
+    ctl("start", ":1", "local-login")
+    machine.wait("the start", lambda: '"runs"' in "".join(watcher.lines()))
+    ctl("stop", ":1", "local-login")
+    machine.wait("the stop", lambda: '"stopped"' in "".join(watcher.lines()))
+    first, *rest = (json.loads(line) for line in watcher.lines())
+    assert first["daemon"] == machine.daemon.pid
+    assert [row["state"] for row in rest] == ["runs", "stopped"]
+    watcher.process.kill()
+    watcher.process.wait()
+
+
+# ---- what is missing ----
+
+
+def test_without_a_daemon_the_exit_status_is_3(bare):
+    bare.start_bus()
+    for words in (["status"], ["start", ":1", "local-login"], ["stop", ":1", "local-login"], ["watch"]):
+        done = Done(bare, *words)
+        assert (done.status, done.lines) == (3, []), words
+
+
+def test_without_a_bus_the_exit_status_is_3(bare):
+    done = Done(bare, "status", "--bus", f"unix:path={STAGE}/none")
+    assert (done.status, done.lines) == (3, [])
+    assert done.errors[0].startswith(ADVICE + "no bus; start it, or give --bus ADDRESS: ")
+    nowhere = {**os.environ, "DBUS_SESSION_BUS_ADDRESS": "unix:path=/none"}
+    assert Done(bare, "status", "--session", env=nowhere).status == 3
+
+
+def test_the_session_bus_is_asked_when_it_is_wanted(machine):
+    done = subprocess.run([CTL, "status", "--session"], capture_output=True, text=True,
+                          env={**os.environ, "DBUS_SESSION_BUS_ADDRESS": machine.address})
+    assert (done.returncode, done.stderr) == (0, "")
+
+
+def test_help_and_version_need_no_bus_and_help_fits_a_terminal(bare):
+    done = Done(bare, "--help")
+    assert done.status == 0 and "corvane-ctl start DISPLAY ACTOR" in done.raw
+    assert [line for line in done.lines if len(line) > 80] == []
+    assert (Done(bare, "--version").status, Done(bare, "--version").lines) == (0, ["corvane-ctl 1.0.0"])
+
+
+def test_the_actors_are_listed_without_a_bus(bare):
+    done = Done(bare, "actors")
+    assert done.status == 0
+    assert done.lines == [
+        "init-station    group 0: ",
+        "local-login     group 1: corvane-ls :1",
+        "remote-login    group 1: corvane-ls :1 -query localhost",
+        "press-fkey      group 2: corvane-pfk -display :1 --verbose --logfile /var/log/corvane-pfk1.log",
+        "click-mouse     group 2: corvane-pfk -display :1 --mouse --verbose --logfile /var/log/corvane-pfk1.log",
+        "disable-station group 2: "
+        "corvane-x11-put-image :1 /usr/share/corvane/images/kva-images.bundle disabled",
+        "xhotkey         group 3: corvane-xh -display :1",
+    ]
+
+
+def test_a_closed_pipe_ends_it_by_sigpipe(machine, ctl):
+    ctl("start", ":1", "local-login")
+    watching = subprocess.Popen([CTL, "watch", "--bus", machine.address], stdout=subprocess.PIPE, text=True)
+    assert watching.stdout.readline().startswith("corvane-cs 1.0.0 runs, process ")
+    watching.stdout.close()
+    ctl("stop", ":1", "local-login")
+    assert watching.wait(10) == -signal.SIGPIPE
+
+
+# ---- colours ----
+
+
+def on_a_terminal(machine, **environment):
+    """What corvane-ctl status writes to a terminal."""
+    end, its_end = pty.openpty()
+    process = subprocess.Popen([CTL, "--bus", machine.address, "status"], stdout=its_end,
+                               env={**os.environ, **environment})
+    os.close(its_end)
+    text = b""
+    try:
+        while piece := os.read(end, 4096):
+            text += piece
+    except OSError:  # the last process that had the terminal has ended
+        pass
+    os.close(end)
+    assert process.wait(10) == 0
+    return text.decode()
+
+
+def test_there_are_colours_on_a_terminal_only_and_not_where_they_are_unwanted(machine, ctl):
+    ctl("start", ":1", "local-login")
+    assert "\033[32mruns" in on_a_terminal(machine, NO_COLOR="")
+    assert "\033" not in on_a_terminal(machine, NO_COLOR="1")
+    assert "\033" not in ctl("status").raw

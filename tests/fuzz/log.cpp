@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: MIT
+// log.cpp: the reader of the daemon's log, in corvane-ctl.
+//
+// The input is the log, read at once and in two pieces. Whatever it says, no row runs, because the process
+// table is empty, and what is printed of it cannot act on a terminal or end a JSON string.
+#include <string>
+
+#include "ctl/ctl.h"
+#include "tests/fuzz/harness.h"
+
+static std::string rows_of(Stations* stations) {
+  stations_join(stations, {}, 1795262400);
+  std::string text;
+  for (const auto& [key, row] : stations->rows) {
+    expect(row.state != "runs" && row.process.pid == 0, "nothing runs, but display %d", key.display);
+    expect(row.actor->code != 0 && key.display >= 0 && row.starts >= 0, "a row of a known actor");
+    text +=
+        std::to_string(key.display) + row.actor->name + row.state + row.reason + std::to_string(row.starts);
+  }
+  for (const char byte : text_escaped(stations->refusal)) {
+    expect(byte < 0 || (byte >= 0x20 && byte != 0x7f), "a plain text");
+  }
+  for (const char byte : text_escaped(stations->refusal, true))
+    expect(byte != '"', "a part of a JSON string");
+  return text + stations->refusal;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string log(reinterpret_cast<const char*>(data), size);
+  Stations whole;
+  log_parse(log, &whole);
+
+  Stations in_pieces;
+  const size_t middle = log.find('\n', size / 2) + 1;
+  log_parse(log.substr(0, middle), &in_pieces);
+  log_parse(log.substr(middle), &in_pieces);
+  expect(rows_of(&whole) == rows_of(&in_pieces), "the same in pieces");
+  return 0;
+}
