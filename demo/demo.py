@@ -72,13 +72,15 @@ def storyboard(stages):
 def page(stages):
     sections = ""
     for place, stage in enumerate(stages, 1):
-        title, text, log = (html.escape(part) for part in (stage.title, stage.text, "\n".join(stage.log)))
+        title, text, log, status = (html.escape(part) for part in (
+            stage.title, stage.text, "\n".join(stage.log), "\n".join(["$ corvane-ctl status", *stage.status])))
         calls = "<br>".join(f"<code>{html.escape(call)}</code>" for call in stage.calls)
         sections += f"""<section>
 <h2>{place}. {title}</h2>
 <p>{text}</p>
 <div class="beside"><div><img src="{picture_name(place)}" alt="The three screens. {text}">
-<p>{calls}</p></div>
+<p>{calls}</p>
+<pre>{status}</pre></div>
 <pre>{log}</pre></div>
 </section>
 """
@@ -117,7 +119,10 @@ def show(stations, directory, time_to_watch):
         print(f"\n== {len(stages)}. {stage.title}")
         for call in stage.calls:
             print(f"   {call}")
-        print(textwrap.fill(stage.text, 100, initial_indent="   ", subsequent_indent="   "), flush=True)
+        print(textwrap.fill(stage.text, 100, initial_indent="   ", subsequent_indent="   "))
+        print("   $ corvane-ctl status")
+        for line in stage.status:
+            print(f"   {line}".rstrip(), flush=True)
         side_by_side(stage.pictures).quantize(64).save(directory / picture_name(len(stages)), optimize=True)
         time.sleep(time_to_watch)
     return stages

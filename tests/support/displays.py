@@ -3,7 +3,8 @@
 #
 # What happens there is looked at from outside: the windows of each display, the pixels of its screen and the
 # table of processes; what is not as expected raises AssertionError. It needs private-machine --displays. The
-# environment names the daemon's executable, CORVANE_BIN, and the directory of the actors, CORVANE_ACTORS.
+# environment names the executables of the daemon and of corvane-ctl, CORVANE_BIN and CORVANE_CTL, and the directory
+# of the actors, CORVANE_ACTORS.
 import io
 import os
 import re
@@ -125,6 +126,7 @@ class Stage(NamedTuple):
     calls: list  # what was asked of the daemon: lines of text
     pictures: dict  # display -> what was seen on it
     log: list  # what the daemon has logged since the stage before: lines of text
+    status: list  # what corvane-ctl says then: lines of text
 
 
 class Stations(Machine):
@@ -232,7 +234,10 @@ class Stations(Machine):
         log = [Line(raw) for raw in text_of_log[self.logged:end].splitlines() if raw]
         self.logged = end
         calls, self.calls = self.calls, []
-        return Stage(title, text, calls, pictures, [f"{line.time[11:]}  {line.text}" for line in log])
+        status = subprocess.run([os.environ["CORVANE_CTL"], "--bus", self.address, "status"],
+                                capture_output=True, text=True)
+        return Stage(title, text, calls, pictures, [f"{line.time[11:]}  {line.text}" for line in log],
+                     (status.stdout or status.stderr).splitlines())
 
     # ---- the end ----
 
