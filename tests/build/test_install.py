@@ -12,9 +12,11 @@ UNIT = "lib/systemd/system/corvane-cs.service"
 
 # Below the prefix; with the prefix /usr, /etc and the system's directory of units are elsewhere.
 SHARED = sorted([
+    "bin/corvane-ctl",
     "lib/tmpfiles.d/corvane-cs.conf",
     "sbin/corvane-cs",
     "share/bash-completion/completions/corvane-cs",
+    "share/bash-completion/completions/corvane-ctl",
     "share/dbus-1/interfaces/com.corvane.ControlServer.DisplayManager.xml",
     "share/dbus-1/interfaces/com.corvane.ControlServer.Dummy.xml",
     "share/dbus-1/system.d/com.corvane.ControlServer.DisplayManager.conf",
@@ -25,7 +27,9 @@ SHARED = sorted([
     "share/man/man5/com.corvane.ControlServer.Dummy.5",
     "share/man/man7/corvane-actors.7",
     "share/man/man8/corvane-cs.8",
+    "share/man/man8/corvane-ctl.8",
     "share/zsh/vendor-completions/_corvane-cs",
+    "share/zsh/vendor-completions/_corvane-ctl",
 ])
 OTHERS = ["etc/init.d/corvane-cs", "etc/logrotate.d/corvane-cs", UNIT]
 
@@ -73,14 +77,14 @@ def test_the_manual_pages_name_the_installed_files_where_they_are(root):
 
 def test_no_installed_file_keeps_a_mark_to_be_replaced(root):
     for path in installed_files(root):
-        if not path.endswith("/sbin/corvane-cs"):
+        if not path.endswith(("/sbin/corvane-cs", "/bin/corvane-ctl")):
             assert re.findall(r"@\w+@", (root / path[1:]).read_text()) == [], path
 
 
 def test_what_is_no_program_cannot_be_run(root):
     """Under the umask of this test, too."""
     programs = [path for path in installed_files(root) if mode(root / path[1:]) != "0o644"]
-    assert programs == [f"{PREFIX}/etc/init.d/corvane-cs", f"{PREFIX}/sbin/corvane-cs"]
+    assert programs == [f"{PREFIX}/bin/corvane-ctl", f"{PREFIX}/etc/init.d/corvane-cs", f"{PREFIX}/sbin/corvane-cs"]
     assert {mode(root / path[1:]) for path in programs} == {"0o755"}
 
 

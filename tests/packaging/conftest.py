@@ -15,6 +15,7 @@ import pytest
 
 from support import machine as machines
 from support.fixtures import bare, machine  # noqa: F401: pytest finds them here
+from support.place import PROGRAMS
 from support.processes import process_state
 
 BUS_SOCKET = "/run/dbus/system_bus_socket"
@@ -94,3 +95,14 @@ def held(laid_over):
         return int(pid) if pid and process_state(int(pid)) == "t" else None
 
     return laid_over.wait("a held process", traced)
+
+
+@pytest.fixture
+def lasting_actors(system_bus):
+    """The same, with actors that run until they are stopped."""
+    for program in PROGRAMS:
+        system_bus.remove(program)
+        path = Path(f"/run/stage/actors/bin/{program}")
+        path.write_text("#!/bin/sh\nwhile :; do sleep 600; done\n")
+        path.chmod(0o755)
+    return system_bus

@@ -1,11 +1,12 @@
 # SPDX-License-Identifier: MIT
-# test_completions.py: each shell, set up as Debian does it, finds its completion and offers the options.
+# test_completions.py: each shell, set up as Debian does it, finds the completions and offers what they should.
 #
 # bash is asked by calling what it registered. zsh completes in its line editor only, so it gets a terminal, a
 # real tabulator, and a function in the place of the one that takes the matches, which writes them down.
 import os
 import pty
 import re
+import socket
 import subprocess
 import threading
 from pathlib import Path
@@ -16,13 +17,16 @@ OPTIONS = ["--disable", "--enable", "--pid", "--purge", "--start", "--stop", "--
 
 ASK_BASH = """
 source /usr/share/bash-completion/bash_completion
-_completion_loader corvane-cs
-registered=$(complete -p corvane-cs)
-[ "$registered" = "complete -F _corvane_cs corvane-cs" ] || { echo "$registered"; exit 1; }
+_completion_loader "$1"
+registered=$(complete -p "$1")
+[ "$registered" = "complete -F _${1//-/_} $1" ] || { echo "$registered"; exit 1; }
 COMP_WORDS=("$@")
 COMP_CWORD=$(($# - 1))
+COMP_LINE="$*"
+COMP_LINE=${COMP_LINE// : / :} # the colon is a word of its own, but nothing stands between
+COMP_POINT=${#COMP_LINE}
 COMPREPLY=("left by another command")
-_corvane_cs
+"_${1//-/_}"
 printf '%s\\n' "${COMPREPLY[@]}"
 """
 
@@ -128,3 +132,66 @@ def test_zsh_offers_nothing_where_the_daemon_looks_at_nothing(zsh):
     assert zsh("corvane-cs s") == []
     assert zsh("corvane-cs --pid --") == []
     assert zsh("corvane-cs --verbose --stop --") == []
+
+
+# ---- corvane-ctl ----
+
+COMMANDS = ["actors", "start", "status", "stop", "watch"]
+CTL_OPTIONS = ["--bus", "--help", "--json", "--no-wait", "--session", "--verbose", "--version"]
+ACTORS = ["click-mouse", "disable-station", "init-station", "local-login", "press-fkey", "remote-login", "xhotkey"]
+TYPES = ["COMMON", "PCI", "USB"]
+
+
+@pytest.fixture
+def stations(system_bus):
+    """The installed files, an X server's socket for display :7, and a daemon that has a station on display :12."""
+    system_bus.start_daemon()
+    assert system_bus.caller().start(":12", "local-login") is True
+    system_bus.wait_log("DISPLAY=:12, actor_code=2, child=")
+    directory = Path("/tmp/.X11-unix")
+    was_there = directory.exists()
+    directory.mkdir(exist_ok=True)
+    path = directory / "X97"
+    with socket.socket(socket.AF_UNIX) as server:
+        server.bind(str(path))
+        yield
+    path.unlink()
+    if not was_there:
+        directory.rmdir()
+
+
+def test_the_words_of_corvane_ctl_are_those_of_its_help(laid_over):
+    usage = subprocess.check_output(["corvane-ctl", "--help"], text=True)
+    assert sorted(re.findall(r"^  corvane-ctl (\w+)", usage, re.MULTILINE)) == COMMANDS
+    assert sorted(set(re.findall(r"(--[\w-]+)", usage))) == CTL_OPTIONS
+    assert "TYPE is PCI, USB or COMMON;" in usage
+
+
+def test_bash_offers_commands_displays_actors_and_types(stations):
+    assert bash("corvane-ctl", "") == COMMANDS
+    assert bash("corvane-ctl", "--json", "sta") == ["start", "status"]
+    assert bash("corvane-ctl", "start", "--n") == ["--no-wait"]
+    assert {":12", ":97"} <= set(bash("corvane-ctl", "start", ""))
+    assert bash("corvane-ctl", "status", ":", "97") == ["97"]  # as bash splits a word at its colon
+    assert bash("corvane-ctl", "watch", ":", "12") == ["12"]
+    assert bash("corvane-ctl", "start", ":", "1", "") == ACTORS
+    assert bash("corvane-ctl", "stop", "--bus", "unix:path=/x", ":", "1", "local") == ["local-login"]
+    assert bash("corvane-ctl", "start", ":", "1", "xhotkey", "") == TYPES
+
+
+def test_bash_offers_nothing_where_corvane_ctl_takes_nothing(stations):
+    assert bash("corvane-ctl", "actors", "") == []
+    assert bash("corvane-ctl", "stop", ":", "1", "xhotkey", "") == []
+    assert bash("corvane-ctl", "status", "--bus", "") == []
+
+
+def test_zsh_offers_commands_displays_actors_and_types(stations, zsh):
+    assert zsh("corvane-ctl ") == COMMANDS
+    assert zsh("corvane-ctl --json sta") == ["start", "status"]
+    assert zsh("corvane-ctl start --n") == ["--no-wait"]
+    assert zsh("corvane-ctl status :9") == [":97"]
+    assert zsh("corvane-ctl watch :12") == [":12"]
+    assert zsh("corvane-ctl start :1 ") == ACTORS
+    assert zsh("corvane-ctl stop :1 local") == ["local-login"]
+    assert zsh("corvane-ctl start :1 xhotkey ") == TYPES
+    assert zsh("corvane-ctl actors ") == []

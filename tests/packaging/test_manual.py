@@ -24,7 +24,8 @@ INSTALLED = Path(os.environ["CORVANE_INSTALLED"])
 MANUAL = INSTALLED / "usr/share/man"
 PAGES = sorted(str(page.relative_to(MANUAL)) for page in MANUAL.glob("man*/*"))
 OBJECTS = sorted(page.stem for page in MANUAL.glob("man5/*"))
-DAEMON, ACTORS = "man8/corvane-cs.8", "man7/corvane-actors.7"
+DAEMON, ACTORS, COMMAND = "man8/corvane-cs.8", "man7/corvane-actors.7", "man8/corvane-ctl.8"
+OF_THE_DAEMON = [page for page in PAGES if page not in (ACTORS, COMMAND)]
 OPTIONS = ["--disable", "--enable", "--pid", "--purge", "--start", "--stop", "--verbose"]
 ERROR = "org.freedesktop.DBus.Error"
 
@@ -67,11 +68,11 @@ class Page:
 # ---- the pages as such ----
 
 
-def test_the_pages_are_those_of_the_daemon_and_of_each_of_its_objects(machine, manual):
+def test_the_pages_are_those_of_the_daemon_of_each_of_its_objects_and_of_the_command(machine, manual):
     registered = [text for text in machine.texts() if text.startswith("path=")]
     objects = [text.removeprefix("path=/").replace("/", ".") for text in registered]
     assert len(objects) >= 2
-    assert PAGES == sorted([DAEMON, ACTORS, *(f"man5/{name}.5" for name in objects)])
+    assert PAGES == sorted([DAEMON, COMMAND, ACTORS, *(f"man5/{name}.5" for name in objects)])
 
 
 @pytest.mark.parametrize("page", PAGES)
@@ -97,7 +98,7 @@ def test_each_installed_file_is_named_on_a_page(installed, manual):
     named = [words(term) for page in PAGES for term, _ in Page(manual / page).entries("FILES")]
     files = [f"/{file.relative_to(installed)}" for file in installed.rglob("*") if file.is_file()]
     unnamed = [file for file in files if not any(fnmatch.fnmatch(file, pattern) for pattern in named)]
-    assert sorted(unnamed) == ["/usr/sbin/corvane-cs", *(f"/usr/share/man/{page}" for page in PAGES)]
+    assert sorted(unnamed) == ["/usr/bin/corvane-ctl", "/usr/sbin/corvane-cs", *(f"/usr/share/man/{page}" for page in PAGES)]
 
 
 # ---- options ----
@@ -111,6 +112,20 @@ def test_the_options_of_the_page_are_those_of_the_usage_text(bare, manual):
     listed = [words(flag) for term, _ in page.entries("OPTIONS") for flag in term.iter("code")]
     synopsis = [words(flag) for flag in page.section("SYNOPSIS").iter("code") if flag.get("class") == "Fl"]
     assert sorted(listed) == sorted(synopsis) == sorted([*OPTIONS, "-v"])
+
+
+def test_the_options_and_commands_of_the_commands_page_are_those_of_its_help(laid_over, manual):
+    page = Page(manual / COMMAND)
+    usage = subprocess.check_output(["corvane-ctl", "--help"], text=True)
+    options = sorted({"-v", *re.findall(r"(--[\w-]+)", usage)})
+    commands = re.findall(r"^  corvane-ctl (\w+)", usage, re.MULTILINE)
+    assert len(options) == 8 and len(commands) == 5
+
+    listed = [words(flag) for term, _ in page.entries("OPTIONS") for flag in term.iter("code")]
+    synopsis = {words(flag) for flag in page.section("SYNOPSIS").iter("code") if flag.get("class") == "Fl"}
+    assert sorted(listed) == sorted(synopsis) == options
+    assert [words(term) for term, _ in page.entries("COMMANDS")] == commands
+    assert {words(name) for name in page.section("SYNOPSIS").iter("code") if name.get("class") == "Cm"} == set(commands)
 
 
 # ---- diagnostics ----
@@ -161,7 +176,7 @@ def part_of(page):
     return [str(file.parent.relative_to(SOURCES)) for file in beside] or ["cs", "common"]
 
 
-@pytest.mark.parametrize("page", [page for page in PAGES if page != ACTORS])
+@pytest.mark.parametrize("page", OF_THE_DAEMON)
 def test_the_diagnostics_of_each_page_are_what_its_part_of_the_daemon_can_say(manual, page):
     said = sayings(*part_of(page))
     diagnostics = explained(Page(manual / page))
@@ -336,6 +351,29 @@ def test_each_example_works(system_bus, manual, tmp_path, page, heading, outputs
         system_bus.wait_log("DISPLAY=:1, actor_code=2, child=")
     if (page, heading) == (MANAGER, "busctl"):
         system_bus.wait_log("keep_alive field is FALSE")
+
+
+def test_each_example_of_the_command_works(lasting_actors, manual, tmp_path):
+    lasting_actors.start_daemon()
+    page = Page(manual / COMMAND)
+    [steps] = page.examples("A station")
+    [station] = run_examples([steps], tmp_path)
+    assert (station.returncode, station.stderr) == (0, "")
+    printed = re.sub(r"(?:\d{4}-)?\d\d-\d\d \d\d:\d\d:\d\d", "T", re.sub(r"process \d+", "process P", station.stdout))
+    assert [re.sub(r" +\d+ T", " P T", re.sub(r"\d\.\d s", "0.0 s", line)) for line in printed.splitlines()] == [
+        ":1 local-login runs, process P",
+        ":1 xhotkey runs, process P",
+        "corvane-cs 1.0.0 runs, process P, since T",
+        "",
+        "DISPLAY ACTOR           STATE                      PROCESS SINCE          STARTS",
+        ":1      local-login     runs P T     1",
+        ":1      xhotkey         runs P T     1",
+        ":1 ends, process P, 0.0 s",
+        ":1 ends, process P, 0.0 s",
+    ]
+    subprocess.run(["corvane-ctl", "start", ":3", "remote-login"], check=True, capture_output=True)
+    [program] = run_examples(page.examples("A program"), tmp_path)
+    assert (program.returncode, program.stderr, program.stdout) == (0, "", ":3\n")
 
 
 @pytest.mark.parametrize("page", OBJECTS)

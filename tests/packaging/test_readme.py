@@ -21,7 +21,7 @@ def section():
 def example(section, introduction):
     """The indented lines behind the paragraph that contains these words, and the paragraph."""
     found = re.findall(r"((?:^\S.*\n)+)\n((?:^(?: {4}.*)?\n)+)", section, re.MULTILINE)
-    assert len(found) == 3, "another number of examples"
+    assert len(found) == 4, "another number of examples"
     [(paragraph, block)] = [pair for pair in found if introduction in pair[0]]
     return paragraph, textwrap.dedent(block)
 
@@ -33,7 +33,7 @@ def run(command, folder):
 
 def programs(section, folder):
     """The commands that run the examples, by language."""
-    _, shell = example(section, "from a shell")
+    _, shell = example(section, "From a shell")
     _, python = example(section, "In Python")
     paragraph, c = example(section, "In C")
     (folder / "start.py").write_text(python)
@@ -58,3 +58,27 @@ def test_each_example_says_when_the_daemon_does_not_serve(system_bus, section, t
 
     assert (status, output) == (1, "")
     assert "com.corvane.ControlServer" in errors
+
+
+def test_the_commands_say_what_comes_of_them(lasting_actors, section, tmp_path):
+    lasting_actors.start_daemon()
+    _, block = example(section, "An administrator")
+    start, status, stop = block.split("\n")[:3]
+
+    assert re.fullmatch(r":1 local-login runs, process \d+\n", succeed(start, tmp_path))
+    assert re.search(r"^:1 +local-login +runs +\d+ ", succeed(status, tmp_path), re.MULTILINE)
+    assert re.fullmatch(r":1 ends, process \d+, \d\.\d s\n", succeed(stop, tmp_path))
+
+
+def succeed(command, folder):
+    status, output, errors = run(["sh", "-e", "-c", command], folder)
+    assert (status, errors) == (0, "")
+    return output
+
+
+def test_the_commands_say_when_the_daemon_does_not_serve(system_bus, section, tmp_path):
+    _, block = example(section, "An administrator")
+    for command in block.split("\n")[:3]:
+        status, output, errors = run(["sh", "-e", "-c", command], tmp_path)
+        assert (status, output) == (3, "")
+        assert errors.startswith("corvane-ctl: corvane-cs does not run; start it")
