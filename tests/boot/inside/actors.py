@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 # actors.py: root starts actors, and the daemon watches them.
 import os
+import re
 import signal
 import time
 
@@ -57,6 +58,26 @@ def stop_one():
                      lambda: "keep_alive field is FALSE. Exit from the" in machine.read(machine.LOG))
     expect(not machine.actors(), machine.actors)
     return f"{time.monotonic() - begun:.1f} s"
+
+
+@check("corvane-ctl starts an actor and reports that it runs")
+def ctl_start():
+    result = machine.succeed("corvane-ctl", "start", ":9", "local-login")
+    expect(" runs, process " in result.output, result)
+
+
+@check("corvane-ctl shows an actor that runs")
+def ctl_status():
+    machine.start(":9", "local-login")
+    result = machine.succeed("corvane-ctl", "status")
+    expect(re.search(r"^:9 .* runs ", result.output, re.M), result)
+
+
+@check("corvane-ctl stops an actor and reports its end")
+def ctl_stop():
+    machine.start(":9", "local-login")
+    result = machine.succeed("corvane-ctl", "stop", ":9", "local-login")
+    expect(" ends, process " in result.output and not machine.actors(), result)
 
 
 @check("ten stations that are asked for in a row have their actors")
