@@ -14,7 +14,7 @@ SHELL = /bin/bash
 .SHELLFLAGS = -o pipefail -c
 
 .PHONY: all install help stories whole-machine demo demo-live check check-i386 check-asan-i386 soak \
-        soak-i386 fuzz coverage lint clean bench bench-smoke deb deb-i386 \
+        soak-i386 check-variants fuzz coverage lint clean bench bench-smoke deb deb-i386 \
         check-installed check-packaging check-packaging-i386 \
         $(lints) $(addprefix build-,$(presets)) $(addprefix check-,$(presets))
 
@@ -47,6 +47,8 @@ help:
 	@echo '                 checks the installed files alone (as root)'
 	@echo 'make check-boot  boots virtual machines that have the packages installed, and checks them (as root)'
 	@echo 'make soak        runs the stress tests in their long form'
+	@echo 'make check-variants'
+	@echo '                 shows that the explorer of interleavings notices each mechanism that is gone'
 	@echo 'make bench       measures the daemon beside others, in four minutes; bench-smoke: only what is exact'
 	@echo 'make fuzz        runs every fuzz target for a minute; SECONDS=3600: for an hour'
 	@echo 'make coverage    shows what of the daemon the tests reach'
@@ -83,7 +85,7 @@ $(addprefix build-,$(presets)): build-%:
 
 # The stories of a file are one test for CTest, so their own count comes last.
 $(addprefix check-,$(presets)): check-%: stories build-%
-	@rm -rf build/$*/stories
+	@rm -rf build/$*/stories && mkdir build/$*/stories
 	@ctest --preset $* -j $$(tools/check-machine --jobs); passed=$$?; \
 	/usr/bin/python3 tests/support/summary.py build/$*/stories; exit $$passed
 
@@ -96,7 +98,14 @@ whole-machine:
 
 # The stress tests are short beside the other tests; here they last until something could wear out.
 soak: stories build-release
+	@mkdir -p build/release/stories
 	CORVANE_SOAK=1 ctest --preset release -L soak
+	@tail -n 1 build/release/stories/interleavings.*.txt
+
+# What the explorer of interleavings sees.
+check-variants: build-release
+	cmake --build --preset release --target variants
+	@ctest --preset release -C variants -R '^variant' -j $$(nproc) -V | grep -E 'order .* of|tests (passed|failed)'
 
 # Made from a copy of what is or could be committed, because it is made in the sources and beside them.
 architecture = $(shell dpkg --print-architecture)

@@ -91,29 +91,6 @@ def test_a_stop_in_the_pause_signals_nobody_and_lets_one_more_launch_through(mac
     assert machine.children() == [third.pid]
 
 
-def test_a_second_stop_ends_the_launch_that_the_stop_in_the_pause_let_through(machine):
-    caller = machine.caller()
-    first = start_one(machine, caller)
-    kill(machine, first)
-    assert caller.stop(":1", "xhotkey") is True
-    second = machine.wait_records(2)[1]
-    machine.wait_log(f"child={second.pid}$")
-    assert caller.stop(":1", "xhotkey") is True
-    machine.wait_log(f"child_pid {second.pid}$")
-    machine.wait_log("keep_alive field is FALSE. Exit from the current thread$")
-    assert machine.children() == []
-
-
-def test_a_second_stop_in_the_pause_finds_nothing_running(machine):
-    caller = machine.caller()
-    first = start_one(machine, caller)
-    kill(machine, first)
-    assert caller.stop(":1", "xhotkey") is True
-    assert caller.stop(":1", "xhotkey") is True
-    machine.wait_log("sub process is not running")
-    assert machine.texts().count(f"proc_method_stop: child_pid {first.pid}") == 1
-
-
 def test_a_stop_and_a_start_in_the_pause_leave_one_child_the_new_threads(machine):
     caller = machine.caller()
     first = start_one(machine, caller)

@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: MIT
 # test_command_line.py: what the options do, in which order, and what stands on the two output streams.
-import os
 import socket
 import time
 

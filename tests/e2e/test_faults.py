@@ -3,7 +3,6 @@
 import os
 import re
 import resource
-import signal
 import time
 
 import pytest
@@ -354,95 +353,3 @@ def test_a_relaunch_without_memory_for_its_arguments_ends_the_supervision(faulty
     assert caller.start(":1", "xhotkey") is True
     second = faulty.wait_records(2)[1]
     assert faulty.children() == [second.pid]
-
-
-def test_an_older_thread_without_memory_leaves_the_group_to_the_newer_one(faulty):
-    caller = faulty.caller()
-    assert caller.start(":1", "xhotkey") is True
-    (first,) = faulty.wait_records(1)
-    os.kill(first.pid, signal.SIGKILL)
-    faulty.wait_log(f"Child process died: {first.pid}$")
-    assert caller.burst([plugin_call("DisplayManager", "Stop", "ss", ":1", "xhotkey"),
-                         plugin_call("DisplayManager", "Start", "sss", ":1", "xhotkey", "COMMON")]) == 2 * [(True,)]
-    second = faulty.wait_records(2)[1]
-    faulty.wait_log(f"child={second.pid}$")
-    faulty.fail("memory")
-    faulty.wait_log("Unable to allocate memory")
-    since = now(faulty)
-    assert caller.start(":1", "xhotkey") is True
-    faulty.wait_log("is already running")
-    assert ("proc_method_start", "group:3, is_running:1") in transcript(faulty, since)
-    assert faulty.children() == [second.pid]
-
-
-def stop_in_the_pause(machine, caller):
-    """Returns the record of an actor that has died and was stopped before its next launch."""
-    assert caller.start(":1", "xhotkey") is True
-    (record,) = machine.wait_records(1)
-    machine.wait_log("child=")
-    os.kill(record.pid, signal.SIGKILL)
-    machine.wait_log(f"Child process died: {record.pid}$")
-    assert caller.stop(":1", "xhotkey") is True
-    machine.wait_log(f"proc_method_stop: child_pid {record.pid}$")
-    return record
-
-
-def test_a_start_in_the_pause_that_gets_no_thread_leaves_the_group_to_its_old_one(faulty):
-    caller = faulty.caller()
-    stop_in_the_pause(faulty, caller)
-    faulty.fail("pthread_create")
-    assert caller.start(":1", "xhotkey") is True
-    faulty.wait_log("Unable to start thread for event:7$")
-    second = faulty.wait_records(2)[1]
-    faulty.wait_log(f"child={second.pid}$")
-    os.kill(second.pid, signal.SIGKILL)
-    third = faulty.wait_records(3)[2]  # it is supervised: the start has taken the stop back
-    faulty.wait_log(f"child={third.pid}$")
-    assert caller.stop(":1", "xhotkey") is True
-    faulty.wait_log("keep_alive field is FALSE. Exit from the current thread$")
-    assert "Another process" not in faulty.log_text()
-    assert faulty.children() == []
-
-
-@pytest.mark.parametrize("call, nth, child", [("memory", 3, 0), ("fork", 1, -1)])
-def test_a_start_in_the_pause_that_comes_to_nothing_ends_its_old_thread_all_the_same(faulty, call, nth, child):
-    caller = faulty.caller()
-    stop_in_the_pause(faulty, caller)
-    faulty.fail(call, nth)  # the third memory is the new thread's first: the event and its copy have theirs
-    assert caller.start(":1", "xhotkey") is True
-    faulty.wait_log("method_start_thread: DEBUG: {DM} Unable to (allocate memory|create child process.*)$")
-    since = now(faulty)
-    faulty.wait_log("Another process")
-    words = ("corvane-xh", "-display", ":1")
-    assert transcript(faulty, since) == [
-        *(("method_start_thread", f"{{DM}} method_start_thread(): {word}") for word in words),
-        ("method_start_thread", "Another process on the same actor group has been started: "
-                                f"{child}. Exit from the current thread"),
-    ]
-    assert len(faulty.records()) == 1 and faulty.children() == []
-
-
-@pytest.mark.parametrize("call, nth, child", [("memory", 5, 0), ("fork", 1, -1)])
-def test_the_thread_of_a_stopped_actor_ends_behind_a_start_that_came_to_nothing(faulty, call, nth, child):
-    caller = faulty.caller()
-    faulty.behave("corvane-xh", "ignore-term")
-    assert caller.start(":1", "xhotkey") is True
-    (record,) = faulty.wait_records(1)
-    faulty.wait("a deaf actor", lambda: os.path.exists(f"/run/stage/actors/records/{record.pid}.deaf"))
-    faulty.wait_log("child=")
-    assert caller.stop(":1", "xhotkey") is True
-    faulty.wait_log("proc_method_stop: child_pid")
-    faulty.fail(call, nth)
-    assert caller.start(":1", "xhotkey") is True
-    faulty.wait_log("Unable to (allocate memory|create child process)")
-    since = now(faulty)
-    os.kill(record.pid, signal.SIGKILL)
-    faulty.wait_log("Exit from the current thread")
-    assert transcript(faulty, since) == [
-        ("method_start_thread", f"Child process died: {record.pid}"),
-        ("method_start_thread", "Another process on the same actor group has been started: "
-                                f"{child}. Exit from the current thread"),
-    ]
-    assert caller.stop(":1", "xhotkey") is True
-    faulty.wait_log("sub process is not running")
-    assert faulty.children() == []

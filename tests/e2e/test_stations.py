@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: MIT
 # test_stations.py: one worker for each display, and what the log tells of a request from its arrival to its effect.
-import os
 
 import pytest
 

@@ -5,6 +5,8 @@
 # A file of stories is one test for CTest, which cannot say that some of it were skipped. Each file leaves a
 # report in pytest's JUnit form; files that left none have failed before their end, and CTest says so.
 #
+# The explorer of interleavings leaves the lines of its stories; the last one has their sum.
+#
 # usage: summary.py DIRECTORY    of the reports
 import sys
 import xml.etree.ElementTree as ElementTree
@@ -28,8 +30,11 @@ def main(directory):
         print(f"\nSkipped: {reason}")
         for name in names:
             print(f"  {name}")
+    print()
+    for table in sorted(Path(directory).glob("*.txt")):
+        print(f"{table.read_text().splitlines()[-1]} ({table})")
     if passed + failed:
-        print(f"\nstories: {passed} passed, {failed} failed, {sum(map(len, skipped.values()))} skipped")
+        print(f"stories: {passed} passed, {failed} failed, {sum(map(len, skipped.values()))} skipped")
 
 
 main(*sys.argv[1:])

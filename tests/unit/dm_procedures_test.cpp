@@ -241,18 +241,6 @@ TEST_F(ProcMethodStart, a_running_group_refuses_and_leaves_the_copy_behind) {
   EXPECT_FALSE(is_held(child_mutex()));
 }
 
-TEST_F(ProcMethodStart, whether_the_group_runs_is_looked_at_behind_the_lock) {
-  MemoryBook memory;  // frees the copy that is left behind
-  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
-    if (mutex == &child_mutex()) entry().is_running = 1;  // as an older thread's launch does
-  };
-  start(2);
-  EXPECT_EQ(threads.size(), 0U);
-  EXPECT_EQ(log.lines(),
-            dm_lines("proc_method_start",
-                     {"group:1, is_running:1", "Sub thread of actor group for 1 is already running."}));
-}
-
 TEST_F(ProcMethodStart, an_actor_that_is_none_is_told_and_the_copy_freed) {
   MemoryBook memory;
   start(99);
@@ -295,100 +283,6 @@ TEST_F(ProcMethodStart, a_thread_that_cannot_be_made_is_told_and_not_waited_for)
                                              "Start method_start_thread for actor:" + of_actor,
                                              "{DM} Unable to start thread for event:" + of_actor}));
   }
-}
-
-TEST_F(ProcMethodStart, a_start_during_the_pause_is_refused) {
-  claim();
-  on_sleep = [&] {
-    log.forget();
-    MemoryBook memory;
-    start(2);
-    EXPECT_EQ(log.lines(),
-              dm_lines("proc_method_start",
-                       {"group:1, is_running:1", "Sub thread of actor group for 1 is already running."}));
-    stop(2);  // so that the test ends
-  };
-  supervise(2);
-  EXPECT_EQ(threads.size(), 0U);
-}
-
-TEST_F(ProcMethodStart, a_start_behind_a_stop_during_the_pause_leaves_the_group_to_the_newer_thread) {
-  claim();
-  on_sleep = [&] {
-    stop(2);
-    start(2);
-    ASSERT_EQ(threads.size(), 1U);
-    EXPECT_EQ(threads[0].start.number, 2U);
-    entry().child_pid = 5000;  // as the newer thread's launch does
-    entry().is_running = 1;
-  };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "wait for the launch"}))
-      << "the older thread makes no second child";
-  const Lines written = log.lines();
-  EXPECT_EQ(Lines(written.end() - 3, written.end()),
-            thread_lines({"{DM} method_start_thread(): corvane-ls", "{DM} method_start_thread(): :3",
-                          "Another process on the same actor group has been started: 5000. "
-                          "Exit from the current thread"}));
-  EXPECT_EQ(entry().child_pid, 5000);
-  EXPECT_EQ(entry().is_running, 1);
-}
-
-TEST_F(ProcMethodStart, a_start_in_the_pause_that_gets_no_thread_leaves_the_group_to_the_older_one) {
-  claim();
-  on_sleep = [&] {
-    on_sleep = nullptr;
-    stop(2);
-    result = EAGAIN;
-    start(2);
-    EXPECT_EQ(log.lines().back(), dm_line("proc_method_start", "{DM} Unable to start thread for event:2"));
-  };
-  on_wait = [&, deaths = 0]() mutable {
-    if (++deaths == 3) stop(2);
-  };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2",  //
-                          "fork", "wait 4712", "reap 4712", "sleep 2",  //
-                          "fork", "wait 4713", "kill 4713 15", "reap 4713"}))
-      << "the one launch behind the stop, supervised because the start asked for it";
-}
-
-TEST_F(ProcMethodStart, a_start_in_the_pause_whose_fork_fails_ends_the_older_thread_too) {
-  claim();
-  on_sleep = [&] {
-    stop(2);
-    start(2);
-    fork_fails = true;
-    supervise(2, 2);
-    fork_fails = false;
-    EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
-                                          "{DM} Unable to create child process. "
-                                          "Login thread for display 3"));
-  };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "wait for the launch", "fork"}));
-  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
-                                        "Another process on the same actor group has been started: -1. "
-                                        "Exit from the current thread"));
-  EXPECT_EQ(entry().is_running, 0);
-}
-
-TEST_F(ProcMethodStart, a_start_in_the_pause_without_memory_for_its_vector_ends_the_older_thread_too) {
-  claim();
-  MemoryBook memory;
-  on_sleep = [&] {
-    stop(2);
-    start(2);
-    memory.fail_strdup(1);
-    supervise(2, 2);
-    EXPECT_EQ(log.lines().back(), dm_line("method_start_thread", "{DM} Unable to allocate memory"));
-  };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "wait for the launch"}));
-  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
-                                        "Another process on the same actor group has been started: 0. "
-                                        "Exit from the current thread"));
-  EXPECT_EQ(entry().is_running, 0);
 }
 
 // ---- proc_method_stop ---------------------------------------------------------------------------------
@@ -443,33 +337,6 @@ TEST_F(ProcMethodStop, a_child_that_was_reaped_is_not_signalled) {
   EXPECT_EQ(entry().child_pid, 0);
   EXPECT_EQ(log.lines(),
             dm_lines("proc_method_stop", {"proc_method_stop", "proc_method_stop: child_pid 4711"}));
-}
-
-TEST_F(ProcMethodStop, the_child_is_the_one_found_behind_the_lock) {
-  claim();
-  entry().is_running = 1;
-  entry().child_pid = 4711;
-  entry().child_reaped = true;
-  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
-    if (mutex != &child_mutex()) return;
-    entry().child_pid = 4712;  // as a launch behind the pause does
-    entry().child_reaped = false;
-  };
-  stop(2);
-  EXPECT_EQ(calls, (Calls{"kill 4712 15"}));
-  EXPECT_EQ(log.lines(),
-            dm_lines("proc_method_stop", {"proc_method_stop", "proc_method_stop: child_pid 4712"}));
-}
-
-TEST_F(ProcMethodStop, whether_the_group_runs_is_looked_at_behind_the_lock) {
-  claim();
-  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
-    if (mutex != &child_mutex()) return;
-    entry().is_running = 1;
-    entry().child_pid = 4711;
-  };
-  stop(2);
-  EXPECT_EQ(calls, (Calls{"kill 4711 15"}));
 }
 
 TEST_F(ProcMethodStop, an_idle_group_or_no_child_means_nothing_to_stop) {

@@ -242,6 +242,16 @@ TEST_F(StartStationThread, a_worker_that_is_not_made_leaves_the_others_stacks_ou
   EXPECT_EQ(advices, (std::vector<int>{MADV_DOFORK, MADV_DONTFORK}));
 }
 
+TEST_F(StartStationThread, a_station_without_a_worker_is_logged_before_it_is_unlinked) {
+  fakes.pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; };
+  std::vector<size_t> lines;  // when it is linked, and when it is unlinked
+  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
+    if (mutex == &station_table_mutex) lines.push_back(log.lines().size());
+  };
+  EXPECT_EQ(dm_start_station_thread(&context, ":0", 0, 1), -1);
+  EXPECT_EQ(lines, (std::vector<size_t>{1, 2})) << "that it starts, and that it has no thread";
+}
+
 TEST_F(StartStationThread, the_last_of_several_without_a_worker_leaves_the_others) {
   start(1);
   start(2);

@@ -2,13 +2,12 @@
 // dm_supervision_test.cpp: the thread that launches an actor, waits for it and launches it again.
 //
 // It runs on the test's own thread: fork, waiting, signals and pauses are faked, and what another thread
-// would do meanwhile stands in the fake of the call during which it happens. Real children and real threads
-// run in the last tests.
+// would do meanwhile stands in the fake of the call during which it happens. Real children run in the last
+// tests. How the threads of a station meet is explored in tests/interleavings.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 
@@ -101,53 +100,6 @@ TEST_F(MethodStartThread, without_memory_for_the_vector_it_ends_and_the_group_is
   EXPECT_EQ(calls, (Calls{}));
 }
 
-TEST_F(MethodStartThread, without_memory_for_a_later_vector_the_group_becomes_idle) {
-  claim();
-  MemoryBook memory;
-  on_sleep = [&] { memory.fail_strdup(1); };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2"}));
-  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread", "{DM} Unable to allocate memory"));
-  EXPECT_EQ(entry().is_running, 0);
-  EXPECT_EQ(value_of(station.launched), 1);
-  EXPECT_FALSE(is_held(child_mutex()));
-}
-
-TEST_F(MethodStartThread, without_memory_for_a_later_vector_a_newer_threads_group_stays_running) {
-  claim();
-  MemoryBook memory;
-  on_sleep = [&] {
-    memory.fail_strdup(1);
-    entry().newest = 2;
-  };
-  supervise(2);
-  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread", "{DM} Unable to allocate memory"));
-  EXPECT_EQ(entry().is_running, 1);
-}
-
-TEST_F(MethodStartThread, the_group_is_marked_idle_under_its_mutex_and_before_the_line) {
-  claim();
-  entry().is_running = 2;
-  MemoryBook memory;
-  memory.fail_strdup(1);
-  std::vector<int> at_lock;
-  std::vector<int> at_unlock;
-  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
-    if (mutex == &child_mutex()) at_lock.push_back(entry().is_running);
-  };
-  Lines lines_at_unlock;
-  fakes.seen_unlock = [&](pthread_mutex_t* mutex) {
-    if (mutex != &child_mutex()) return;
-    at_unlock.push_back(entry().is_running);
-    lines_at_unlock = log.lines();
-  };
-  supervise(2);
-  fakes.seen_lock = fakes.seen_unlock = nullptr;
-  EXPECT_EQ(at_lock, (std::vector<int>{2}));
-  EXPECT_EQ(at_unlock, (std::vector<int>{0}));
-  EXPECT_EQ(lines_at_unlock, thread_lines({"method_start_thread() for actor_code:2, display_num:3"}));
-}
-
 TEST_F(MethodStartThread, the_copy_is_freed_first_thing_and_the_vector_before_the_launch_is_told) {
   claim();
   MemoryBook memory;
@@ -192,20 +144,6 @@ TEST_F(MethodStartThread, a_failed_fork_ends_it_and_is_never_signalled) {
   stop(7);
   EXPECT_EQ(log.lines().back(), dm_line("proc_method_stop", "{DM} sub process is not running"));
   EXPECT_EQ(calls, (Calls{"fork"})) << "no kill of -1, which would be everybody";
-}
-
-TEST_F(MethodStartThread, a_failed_fork_behind_the_pause_makes_the_group_idle) {
-  claim();
-  on_sleep = [&] { fork_fails = true; };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "fork"}));
-  EXPECT_EQ(entry().is_running, 0);
-  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
-                                        "{DM} Unable to create child process. "
-                                        "Login thread for display 3"));
-  EXPECT_EQ(value_of(station.launched), 1);
-  stop(2);
-  EXPECT_EQ(calls.back(), "fork");
 }
 
 TEST_F(MethodStartThread, a_failed_fork_is_logged_and_then_makes_the_group_idle_in_one_hold_of_its_mutex) {
@@ -253,23 +191,6 @@ TEST_F(MethodStartThread, a_child_is_launched_waited_for_and_not_launched_again_
   EXPECT_EQ(entry().is_running, 0);
   EXPECT_EQ(entry().child_pid, 0);
   EXPECT_EQ(value_of(station.launched), 1);
-}
-
-TEST_F(MethodStartThread, the_entry_is_filled_before_the_child_is_waited_for) {
-  claim();
-  on_wait = [&] {
-    EXPECT_EQ(entry().is_running, 1);
-    EXPECT_EQ(entry().child_pid, 4711);
-    EXPECT_EQ(entry().keep_alive, 1);
-    EXPECT_FALSE(entry().child_reaped);
-    EXPECT_EQ(value_of(station.launched), 1) << "the worker may go on";
-    entry().keep_alive = 0;
-  };
-  on_fork = [&] { EXPECT_EQ(value_of(station.launched), 0) << "the worker may not go on yet"; };
-  supervise(2);
-  EXPECT_EQ(entry().is_running, 1);
-  EXPECT_EQ(entry().child_pid, 4711) << "its number stays";
-  EXPECT_TRUE(entry().child_reaped) << "but is nobody's any more";
 }
 
 TEST_F(MethodStartThread, the_worker_is_let_go_on_behind_the_line_of_the_launch) {
@@ -436,54 +357,7 @@ TEST_F(MethodStartThread, a_child_that_somebody_else_reaped_counts_as_dead) {
   EXPECT_TRUE(entry().child_reaped);
 }
 
-// ---- method_start_thread: stops and starts in between -------------------------------------------------
-
-TEST_F(MethodStartThread, a_stop_during_the_pause_lets_one_more_launch_through_and_signals_nobody) {
-  claim();
-  on_sleep = [&] {
-    stop(2);
-    EXPECT_EQ(entry().is_running, 0);
-    EXPECT_EQ(entry().child_pid, 0);
-  };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "fork", "wait 4712", "reap 4712"}));
-  Lines expected = thread_lines({"Child process died: 4711"});
-  expected.push_back(dm_line("proc_method_stop", "proc_method_stop"));
-  expected.push_back(dm_line("proc_method_stop", "proc_method_stop: child_pid 4711"));
-  const Lines after =
-      thread_lines({"{DM} method_start_thread(): corvane-ls", "{DM} method_start_thread(): :3",
-                    "DISPLAY=:3, actor_code=2, child=4712", "Child process died: 4712",
-                    "keep_alive field is FALSE. Exit from the current thread"});
-  expected.insert(expected.end(), after.begin(), after.end());
-  const Lines written = log.lines();
-  EXPECT_EQ(Lines(written.end() - static_cast<ptrdiff_t>(expected.size()), written.end()), expected);
-}
-
-TEST_F(MethodStartThread, a_second_stop_during_the_pause_finds_nothing) {
-  claim();
-  on_sleep = [&] {
-    stop(2);
-    log.forget();
-    stop(2);
-    EXPECT_EQ(log.lines(),
-              dm_lines("proc_method_stop", {"proc_method_stop", "{DM} sub process is not running"}));
-  };
-  supervise(2);
-}
-
-TEST_F(MethodStartThread, a_newer_thread_is_noticed_when_the_child_has_died) {
-  claim();
-  on_wait = [&] {
-    entry().newest = 2;
-    entry().child_pid = 5000;
-  };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
-  EXPECT_FALSE(entry().child_reaped) << "the newer thread's child is alive";
-  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
-                                        "Another process on the same actor group has been started: 5000. "
-                                        "Exit from the current thread"));
-}
+// ---- method_start_thread: the order of its looks at the entry ------------------------------------------
 
 TEST_F(MethodStartThread, a_stopped_group_is_noticed_before_a_newer_thread) {
   claim();
@@ -496,16 +370,6 @@ TEST_F(MethodStartThread, a_stopped_group_is_noticed_before_a_newer_thread) {
             dm_line("method_start_thread", "keep_alive field is FALSE. Exit from the current thread"));
 }
 
-TEST_F(MethodStartThread, the_same_child_number_does_not_hide_a_newer_thread) {
-  claim();
-  on_wait = [&] { entry().newest = 2; };  // whose child got the number of the dead one
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
-  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
-                                        "Another process on the same actor group has been started: 4711. "
-                                        "Exit from the current thread"));
-}
-
 TEST_F(MethodStartThread, another_number_in_the_entry_is_noticed_without_a_newer_thread) {
   claim();
   on_wait = [&, deaths = 0]() mutable {
@@ -514,26 +378,6 @@ TEST_F(MethodStartThread, another_number_in_the_entry_is_noticed_without_a_newer
   };
   supervise(2);
   EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"})) << "no pause, no launch";
-  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
-                                        "Another process on the same actor group has been started: 0. "
-                                        "Exit from the current thread"));
-}
-
-TEST_F(MethodStartThread, whose_the_group_is_is_looked_at_behind_the_lock) {
-  claim();
-  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
-    if (mutex == &child_mutex()) entry().newest = 2;  // as a start just before does
-  };
-  on_wait = [&] { entry().keep_alive = 0; };  // so that a test that fails ends
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{}));
-}
-
-TEST_F(MethodStartThread, a_thread_overtaken_before_its_first_launch_lets_its_worker_go_on) {
-  claim(2);
-  supervise(2, 1);
-  EXPECT_EQ(calls, (Calls{}));
-  EXPECT_EQ(value_of(station.launched), 1);
   EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
                                         "Another process on the same actor group has been started: 0. "
                                         "Exit from the current thread"));
@@ -621,107 +465,4 @@ TEST_F(Child, a_program_that_cannot_be_executed_ends_the_child_at_once_with_stat
   EXPECT_EQ(told().find("exit handlers ran"), std::string::npos);
   EXPECT_EQ(log.lines().back(),
             dm_line("method_start_thread", "keep_alive field is FALSE. Exit from the current thread"));
-}
-
-// ---- all together -------------------------------------------------------------------------------------
-
-namespace {
-
-/** A test with a real worker and real group threads; only the children are made up. */
-class Together : public WorkersTest {
- protected:
-  Together() {
-    fakes.fork = [this] { return next_child++; };
-    fakes.waitid = [this](idtype_t, id_t id, siginfo_t*, int) {
-      // A child lives until it is signalled.
-      const auto child = static_cast<pid_t>(id);
-      while (last_signalled < child) usleep(100);
-      return 0;
-    };
-    fakes.waitpid = [](pid_t pid, int*, int) { return pid; };
-    fakes.kill = [this](pid_t pid, int) {
-      ++signals;
-      last_signalled = pid;
-      return 0;
-    };
-    fakes.pthread_create = [this](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                                  void* data) {
-      const int result = __real_pthread_create(thread, attributes, body, data);
-      if (result == 0 && body != process_station_events) threads.push_back(*thread);
-      return result;
-    };
-  }
-
-  /** Waits until every queued event has run and every group thread has ended. */
-  void finish() {
-    let_workers_rest();
-    for (const pthread_t thread : threads) pthread_join(thread, nullptr);
-  }
-
-  size_t count_of(const std::string& wanted) const {
-    size_t count = 0;
-    for (const std::string& written : log.lines()) count += written.find(wanted) != std::string::npos;
-    return count;
-  }
-
-  std::atomic<pid_t> next_child{1000};
-  std::atomic<pid_t> last_signalled{0};
-  std::atomic<int> signals{0};
-  std::vector<pthread_t> threads;  // appended to by the worker only, read when it rests
-};
-
-}  // namespace
-
-TEST_F(Together, a_stop_right_behind_its_start_finds_the_child) {
-  ASSERT_EQ(dm_start_station_thread(&context, ":3", 3, 1), 0);
-  constexpr int pairs = 50;
-  for (int pair = 0; pair < pairs; ++pair) {
-    queue(3, 2, proc_method_start);
-    queue(3, 3, proc_method_stop);
-  }
-  finish();
-  EXPECT_EQ(next_child, 1000 + pairs);
-  EXPECT_EQ(signals, pairs);
-  EXPECT_EQ(count_of("sub process is not running"), 0U);
-  EXPECT_EQ(count_of("already running"), 0U);
-  EXPECT_EQ(count_of("Exit from the current thread"), static_cast<size_t>(pairs))
-      << "for the stop, or for the next start when that was quicker";
-}
-
-TEST_F(Together, two_starts_of_one_group_in_one_burst_make_one_child) {
-  ASSERT_EQ(dm_start_station_thread(&context, ":3", 3, 1), 0);
-  MemoryBook memory;  // frees the copy that stays
-  queue(3, 4, proc_method_start);
-  queue(3, 5, proc_method_start);
-  queue(3, 6, proc_method_stop);
-  finish();
-  EXPECT_EQ(next_child, 1001);
-  EXPECT_EQ(signals, 1);
-  EXPECT_EQ(count_of("Sub thread of actor group for 2 is already running."), 1U);
-  EXPECT_EQ(count_of("actor_code=4, child=1000"), 1U);
-}
-
-TEST_F(Together, groups_run_side_by_side_and_group_0_never_counts_as_running) {
-  ASSERT_EQ(dm_start_station_thread(&context, ":3", 3, 1), 0);
-  for (const int code : {1, 2, 4, 7, 1}) queue(3, code, proc_method_start);
-  for (const int code : {1, 2, 4, 7}) queue(3, code, proc_method_stop);
-  finish();
-  EXPECT_EQ(next_child, 1003);
-  EXPECT_EQ(signals, 3);
-  EXPECT_EQ(count_of("No action needed for INIT_STATION. display_num: 3"), 2U);
-  EXPECT_EQ(count_of("sub process is not running"), 1U) << "the stop of init-station";
-}
-
-TEST_F(MethodStartThread, whose_child_was_reaped_is_looked_at_behind_the_lock) {
-  claim();
-  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
-    if (mutex != &child_mutex() || calls.empty() || calls.back() != "wait 4711") return;
-    EXPECT_FALSE(entry().child_reaped) << "not marked before";
-    entry().newest = 2;  // as a stop and a newer thread's launch do
-    entry().child_pid = 5000;
-    entry().child_reaped = false;
-  };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
-  EXPECT_FALSE(entry().child_reaped) << "the newer child is alive";
 }
