@@ -21,7 +21,8 @@ static constexpr const char* usage =
   corvane-ctl actors                      names of the actors, and what they run
 
 DISPLAY is an X display, such as :1. ACTOR is a name from "corvane-ctl actors";
-local-login is the login window. TYPE is PCI, USB or COMMON; COMMON if left out.
+local-login is the login window. A display runs one actor of each group at most.
+TYPE is PCI, USB or COMMON; COMMON if left out.
 
   --json: for programs; -v, --verbose: with the command lines (status, watch)
   --no-wait: do not watch what comes of it (start, stop)
@@ -31,6 +32,7 @@ Only root may start and stop. Exit status: 0 done, 1 refused or without effect,
 2 wrong command line, 3 no daemon, 4 no permission. More: man corvane-ctl)";
 static constexpr const char* daemon_name = "com.corvane.ControlServer";
 static constexpr const char* no_daemon = "corvane-cs does not run; start it: service corvane-cs start";
+static constexpr const char* groups[] = {"no process", "login", "injectors and image", "hot keys"};
 static constexpr double longest_watch = 1.0;  // seconds
 
 static int complain(int status, const std::string& text) {
@@ -61,8 +63,12 @@ static pid_t daemon_of(DBusConnection* bus) {
 
 // ---- start and stop -----------------------------------------------------------------------------------
 
-// The exit status, -1 while it is not clear, and what is printed.
-using Outcome = std::pair<int, std::string>;
+// The exit status, -1 while it is not clear; what is printed; and the actor that the advice is to stop.
+struct Outcome {
+  int status = -1;
+  std::string said = {};
+  const ActorDefinition* to_stop = nullptr;
+};
 
 // The newest row of the group that the command line names.
 static Row newest(const CommandLine& line, const Stations& stations) {
@@ -79,19 +85,19 @@ static Outcome judge_start(const CommandLine& line, const Row& before, const Row
   if (runs && now.actor == line.actor && now.process.pid != before.process.pid)
     return {seconds < 0.3 ? -1 : 0, line.name + " runs, " + process};
   if (!runs && now.state != "stopped" && (seconds >= longest_watch || now.starts > before.starts))
-    return {1, line.name + ": " + now.reason + "; the daemon tries again every 2 s"};
+    return {1, line.name + ": " + now.reason + "; the daemon tries again every 2 s", now.actor};
   if (seconds < longest_watch) return {-1, ""};
   if (!runs) return {1, line.name + ": no start was seen within 1 s"};
   if (now.actor == line.actor)
-    return {1, line.name + " was already running, " + process + ": nothing changed"};
-  return {1, line.name + ": its group was taken by " + now.actor->name + " (" + process + ")"};
+    return {1, line.name + " was already running, " + process + ": nothing changed", now.actor};
+  return {1, line.name + ": its group was taken by " + now.actor->name + " (" + process + ")", now.actor};
 }
 
 // The same of a stop.
 static Outcome judge_stop(const CommandLine& line, const Row& before, const Row& now, double seconds) {
   const pid_t pid = before.process.pid;
   if (pid == 0 && before.child != 0 && before.state != "stopped")
-    return {1, line.name + ": the stop came in the pause before a restart, which still comes"};
+    return {1, line.name + ": the stop came in the pause before a restart, which still comes", now.actor};
   if (pid == 0) return {1, line.name + " does not run: nothing changed"};
   const std::string ends = " ends, process " + std::to_string(pid) + ", ";
   if (now.process.pid != pid) return {0, line.words[1] + ends + std::to_string(seconds).substr(0, 3) + " s"};
@@ -114,16 +120,18 @@ static int change(const CommandLine& line, DBusConnection* bus, pid_t daemon) {
   if (queued < 0) return complain(3, no_daemon);
   const auto replied = std::chrono::steady_clock::now();
   Outcome outcome = {queued == 1 && line.options.contains("--no-wait") ? 0 : -1, line.name + ": queued"};
-  while (outcome.first < 0) {
+  while (outcome.status < 0) {
     usleep(20000);
     const Stations stations = stations_look(daemon, line.display);
     const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - replied;
     outcome = (is_start ? judge_start : judge_stop)(line, before, newest(line, stations), passed.count());
     if (queued == 0) outcome = {1, line.name + ": refused: " + text_escaped(stations.refusal)};
   }
-  puts(outcome.second.c_str());
-  if (outcome.first == 0) return 0;
-  return complain(1, is_start ? "to end that: corvane-ctl stop " + line.name : "see: corvane-ctl status");
+  puts(outcome.said.c_str());
+  if (outcome.status == 0) return 0;
+  if (!outcome.to_stop) return complain(1, "see: corvane-ctl status");
+  return complain(1, (is_start ? "to end that: corvane-ctl stop " : "in 2 s, again: corvane-ctl stop ") +
+                         line.words[1] + " " + outcome.to_stop->name);
 }
 
 // ---- status and watch ---------------------------------------------------------------------------------
@@ -156,8 +164,9 @@ static void print(const CommandLine& line, const Stations& stations, const Row& 
   if (line.options.contains("--json")) {
     printf(R"({"display":":%d","actor":"%s","state":"%s","process":%d,"since":"%s","starts":%d,)"
            R"("reason":"%s","command":"%s"})",
-           row.key.display, row.actor->name, row.state.c_str(), row.process.pid, text_time(since).c_str(),
-           row.starts, row.reason.c_str(), text_escaped(row.process.command, true).c_str());
+           row.key.display, row.actor->name, row.state.substr(0, row.state.find(' ')).c_str(),
+           row.process.pid, text_time(since).c_str(), row.starts, row.reason.c_str(),
+           text_escaped(row.process.command, true).c_str());
   } else {
     const char* no_color = getenv("NO_COLOR");
     const bool is_plain = !isatty(STDOUT_FILENO) || (no_color && *no_color);
@@ -199,8 +208,11 @@ int main(int argc, char** argv) {
   if (!wrong.empty()) return complain(2, wrong);
   if (line.options.contains("--help")) return puts(usage) < 0;
   if (line.options.contains("--version")) return puts("corvane-ctl " CORVANE_VERSION) < 0;
-  for (const ActorDefinition* const* actor = actor_table; *actor && line.words[0] == "actors"; ++actor)
-    printf("%-15s group %d: %s\n", (*actor)->name, (*actor)->group, actor_command(*actor, 1).c_str());
+  for (const ActorDefinition* const* actor = actor_table; *actor && line.words[0] == "actors"; ++actor) {
+    const std::string& command = actor_command(*actor, 1);
+    printf("%-15s group %d, %s%s%s\n", (*actor)->name, (*actor)->group, groups[(*actor)->group],
+           command.empty() ? "" : "\n  ", command.c_str());
+  }
   if (line.words[0] == "actors") return 0;
 
   dbus_connection_set_change_sigpipe(FALSE);
