@@ -104,7 +104,7 @@ void print(const char* format, ...) {
 // Explores one story and prints its line.
 Finding tell_story(const Story& story, int bound) {
   const auto begin = std::chrono::steady_clock::now();
-  Finding finding = explore(world_of(story), bound);
+  Finding finding = explore(world_of(story), std::max(bound - story.fewer_preemptions, 0));
   const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
   print("%9" PRIu64 " orders, %9" PRIu64 " states, %5.1f s: %s\n", finding.schedules, finding.states,
         seconds.count(), story.name.c_str());

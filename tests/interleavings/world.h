@@ -33,6 +33,7 @@ struct Story {
   std::string name;
   std::vector<Request> requests;
   Conditions conditions;
+  int fewer_preemptions = 0;  // than the others, because it is longer
 };
 
 /** The world of a story, which must outlive it. One at a time. */
