@@ -7,6 +7,8 @@ namespace {
 struct Plot {
   const char* name;
   std::vector<Request> requests;
+  int forks, threads, arguments;  // the most that it has when none fails
+  int fewer_preemptions = 0;
 };
 
 constexpr Request start(const char* actor, int display = 1) {
@@ -43,7 +45,10 @@ std::vector<Story> under_all_conditions(const std::vector<Plot>& plots) {
   std::vector<Story> stories;
   for (const Plot& plot : plots) {
     for (const auto& [name, condition] : conditions) {
-      stories.push_back({plot.name + std::string(name), plot.requests, condition});
+      if (condition.failing_fork > plot.forks || condition.failing_thread > plot.threads ||
+          condition.failing_argument > plot.arguments)
+        continue;
+      stories.push_back({plot.name + std::string(name), plot.requests, condition, plot.fewer_preemptions});
       for (const Request& request : plot.requests) {
         if (request.ask == Ask::wait_for_pause) ++stories.back().conditions.deaths;  // which makes the pause
       }
@@ -56,31 +61,38 @@ std::vector<Story> under_all_conditions(const std::vector<Plot>& plots) {
 
 std::vector<Story> short_stories() {
   return under_all_conditions({
-      {"Start", {start(login)}},
-      {"Start Start", {start(login), start(login)}},
-      {"Start Stop", {start(login), stop(login)}},
-      {"Start Stop Start", {start(login), stop(login), start(login)}},
-      {"Start, Stop in the pause", {start(keys), pause, stop(keys)}},
-      {"Start, Stop in the pause, Start, Stop", {start(keys), pause, stop(keys), start(keys), stop(keys)}},
-      {"Start, Stop by another actor of the group", {start("click-mouse"), stop("press-fkey")}},
-      {"two groups at once", {start(login), start(keys), stop(login)}},
-      {"two bursts", {start(login), start(keys), stop(login), stop(keys)}},
-      {"two new stations", {start(login), start(login, 2)}},
-      {"group 0", {start("init-station"), start("init-station")}},
+      {"Start", {start(login)}, 1, 2, 3},
+      {"Start Start", {start(login), start(login)}, 1, 2, 3},
+      {"Start Stop", {start(login), stop(login)}, 1, 2, 3},
+      {"Start Stop Start", {start(login), stop(login), start(login)}, 2, 3, 6},
+      {"Start, Stop in the pause", {start(keys), pause, stop(keys)}, 2, 2, 6},
+      {"Start, Stop in the pause, Start, Stop",
+       {start(keys), pause, stop(keys), start(keys), stop(keys)},
+       3,
+       3,
+       9},
+      {"Start, Stop by another actor of the group", {start("click-mouse"), stop("press-fkey")}, 1, 2, 7},
+      {"two groups at once", {start(login), start(keys), stop(login)}, 2, 3, 6},
+      {"two bursts", {start(login), start(keys), stop(login), stop(keys)}, 2, 3, 6, 1},
+      {"two new stations", {start(login), start(login, 2)}, 2, 4, 6},
+      {"group 0", {start("init-station"), start("init-station")}, 0, 3, 0},
   });
 }
 
 std::vector<Story> long_stories() {
-  std::vector<Story> stories = under_all_conditions({
+  return under_all_conditions({
       {"two long bursts",
-       {start(login), start(keys), stop(login), stop(keys), start(keys), start(login), stop(keys),
-        stop(login)}},
-      {"two bursts on two stations",
-       {start(login), start(login, 2), stop(login), stop(login, 2), start(login), start(login, 2)}},
-      {"two stops in the pause", {start(keys), pause, stop(keys), stop(keys), start(keys)}},
+       {start(login), start(keys), stop(login), stop(keys), start(keys), start(login)},
+       4,
+       5,
+       12,
+       3},
+      {"two stops in the pause", {start(keys), pause, stop(keys), stop(keys), start(keys)}, 3, 3, 9, 3},
       {"Start Stop three times",
-       {start(login), stop(login), start(login), stop(login), start(login), stop(login)}},
+       {start(login), stop(login), start(login), stop(login), start(login), stop(login)},
+       3,
+       4,
+       9,
+       3},
   });
-  for (Story& story : stories) story.fewer_preemptions = 2;
-  return stories;
 }
