@@ -11,16 +11,6 @@
 #include <memory>
 #include <unordered_map>
 
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/asan_interface.h>
-#include <sanitizer/common_interface_defs.h>
-
-// An order that is left in the middle leaves what is on the stacks of its threads.
-extern "C" const char* __asan_default_options() {
-  return "detect_leaks=0";
-}
-#endif
-
 namespace {
 
 constexpr size_t stack_size = size_t{128} * 1024;
@@ -41,9 +31,6 @@ struct Coroutine : Thread {
   uint64_t wake_at = awake;
   Step next;
   std::function<bool()> can_go;
-#ifdef __SANITIZE_ADDRESS__
-  void* fake_stack = nullptr;
-#endif
 };
 
 // What has been done to an object: the last change, and what was read since.
@@ -123,32 +110,10 @@ char* map_for_all(size_t size) {
 char* stack_of(int id) {
   static char* const stacks = map_for_all(stack_size);
   char* stack = stacks + static_cast<size_t>(id) * stack_size;
-#ifdef __SANITIZE_ADDRESS__
-  ASAN_UNPOISON_MEMORY_REGION(stack, stack_size);  // of the last order, which was left in the middle
-#endif
   return stack;
 }
 
-void switch_between(ucontext_t* from, ucontext_t* to, Coroutine* of) {
-#ifdef __SANITIZE_ADDRESS__
-  void* fake_stack = nullptr;
-  static const void* outer_stack;
-  static size_t outer_size;
-  __sanitizer_start_switch_fiber(&fake_stack, of ? of->stack : outer_stack, of ? stack_size : outer_size);
-  swapcontext(from, to);
-  const void* old_stack = nullptr;
-  size_t old_size = 0;
-  __sanitizer_finish_switch_fiber(fake_stack, &old_stack, &old_size);
-#else
-  static_cast<void>(of);
-  swapcontext(from, to);
-#endif
-}
-
 void body() {
-#ifdef __SANITIZE_ADDRESS__
-  __sanitizer_finish_switch_fiber(nullptr, nullptr, nullptr);
-#endif
   Coroutine* self = explorer->current;
   explorer->count(self, self->next);
   self->body(self->data);
@@ -180,7 +145,7 @@ void Explorer::count(Coroutine* thread, const Step& step) {
 
 // Ends the order that runs.
 void Explorer::leave() {
-  switch_between(&current->context, &outside, nullptr);
+  swapcontext(&current->context, &outside);
   abort();
 }
 
@@ -230,7 +195,7 @@ void Explorer::take(const Option& option) {
     option.thread->wake_at = awake;
     Coroutine* from = current;
     current = option.thread;
-    if (from != current) switch_between(&from->context, &current->context, current);
+    if (from != current) swapcontext(&from->context, &current->context);
     return;
   }
   world_.happen(option.happening);
@@ -268,7 +233,7 @@ void Explorer::run_one() {
   steps_ = depth_ = 0;
   world_.begin();
   current = owned.front().get();
-  switch_between(&outside, &current->context, current);
+  swapcontext(&outside, &current->context);
   current = nullptr;
 }
 
