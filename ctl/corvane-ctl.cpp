@@ -138,9 +138,9 @@ static int change(const CommandLine& line, DBusConnection* bus, pid_t daemon) {
 
 // A local time as in the daemon's log, or its end from the month on.
 static std::string text_time(time_t when, size_t from = 0) {
-  struct tm parts = {};
+  struct tm local = {};
   char text[32] = "";
-  strftime(text, sizeof text, "%F %T", localtime_r(&when, &parts));
+  strftime(text, sizeof text, "%F %T", localtime_r(&when, &local));
   return when != 0 ? text + from : "-";
 }
 

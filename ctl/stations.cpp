@@ -113,10 +113,10 @@ static std::string log_of(pid_t daemon) {
 }
 
 static time_t time_of(const std::string& line) {
-  struct tm parts = {};
-  strptime(line.c_str(), "%F %T", &parts);
-  parts.tm_isdst = -1;
-  return mktime(&parts);
+  struct tm local = {};
+  strptime(line.c_str(), "%F %T", &local);
+  local.tm_isdst = -1;
+  return mktime(&local);
 }
 
 // The group of an actor, made if there is none yet; what names no actor gets the one without a key.

@@ -3,9 +3,9 @@
 //
 // With CORVANE_SOAK=1 in the environment it explores longer stories, too, and each with one preemption more.
 //
-// usage: interleavings [--bound N] [--part N] [--table FILE] [--caught] [--story TEXT [--replay NUMBER]]
+// usage: interleavings [--bound N] [--half N] [--table FILE] [--caught] [--story TEXT [--replay NUMBER]]
 //   --bound   the most preemptions of an order; 3 unless it is given
-//   --part    1 or 2: only every second story, from the first or the second on
+//   --half    1 or 2: only every second story, from the first or the second on
 //   --table   the file to write the lines to, besides standard output
 //   --caught  ends at the first failure, which is what is wanted: says how many orders it took
 //   --story   only stories whose name contains this
@@ -29,7 +29,7 @@ struct Options {
   bool is_long = false;
   bool wants_failure = false;
   int bound = 3;
-  size_t part = 0;  // 0: all
+  size_t half = 0;  // 0: all
   const char* table = "/dev/null";
   std::string story;
   uint64_t replay = 0;
@@ -42,7 +42,7 @@ bool is_soak() {
 
 [[noreturn]] void refuse() {
   fprintf(stderr,
-          "usage: interleavings [--bound N] [--part N] [--table FILE] [--caught] "
+          "usage: interleavings [--bound N] [--half N] [--table FILE] [--caught] "
           "[--story TEXT [--replay NUMBER]]\n");
   exit(2);
 }
@@ -58,8 +58,8 @@ Options parse(int argc, char** argv) {
     if (++i == argc) refuse();
     if (word == "--bound") {
       options.bound = static_cast<int>(strtol(argv[i], nullptr, 10));
-    } else if (word == "--part") {
-      options.part = strtoul(argv[i], nullptr, 10);
+    } else if (word == "--half") {
+      options.half = strtoul(argv[i], nullptr, 10);
     } else if (word == "--table") {
       options.table = argv[i];
     } else if (word == "--story") {
@@ -82,7 +82,7 @@ std::vector<Story> chosen(const Options& options) {
   if (options.is_long) std::ranges::copy(long_stories(), std::back_inserter(stories));
   std::vector<Story> found;
   for (size_t i = 0; i < stories.size(); ++i) {
-    if (options.part != 0 && i % 2 != options.part - 1) continue;
+    if (options.half != 0 && i % 2 != options.half - 1) continue;
     if (stories[i].name.find(options.story) != std::string::npos) found.push_back(stories[i]);
   }
   return found;

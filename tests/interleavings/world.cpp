@@ -322,7 +322,7 @@ void* main_thread(void*) {
 
 void begin() {
   std::destroy_at(all);
-  std::construct_at(all);  // in its place, because steps are told apart by addresses
+  std::construct_at(all);  // in place: a step's object is known by its address
   memory_begin();
   make_thread("the main thread", main_thread, nullptr);
 }

@@ -10,7 +10,7 @@ from services import service
 # What dpkg itself says; all else comes from a script of a package.
 DPKG = re.compile(r"\(Reading database |Preparing to unpack |Unpacking |Setting up |Removing |Purging |"
                   r"Processing triggers for |Selecting previously ")
-OF_THE_CHECKS = re.compile(r"/usr/local/|/root/|corvane-checks|/var/log/journal/")
+OF_THE_CHECKS = re.compile(r"/usr/local/|/var/tmp/|corvane-checks|/var/log/journal/")
 
 
 def dpkg(*arguments):
@@ -25,7 +25,7 @@ def upgrade():
     machine.start(":1", "local-login")
     machine.start(":2", "xhotkey")
     before = service.pid(), machine.actors()
-    seconds, printed = dpkg("--install", "/root/higher.deb")
+    seconds, printed = dpkg("--install", "/var/tmp/higher.deb")
     expect((service.pid(), machine.actors()) == before, f"before: {before}")
     expect(not printed, "printed:", printed)
     machine.start(":3", "local-login")
@@ -34,7 +34,7 @@ def upgrade():
 
 @check("a restart after an upgrade runs the new executable")
 def restart_after_the_upgrade():
-    dpkg("--install", "/root/higher.deb")
+    dpkg("--install", "/var/tmp/higher.deb")
     service.restart()
     service.wait()
     executable = machine.executable(service.pid())
@@ -81,7 +81,7 @@ def units():
 
 @check("a new installation starts the daemon")
 def install():
-    seconds, _ = dpkg("--install", "/root/corvane-cs.deb")
+    seconds, _ = dpkg("--install", "/var/tmp/corvane-cs.deb")
     service.wait()
     expect(machine.answers(), lambda: machine.call("HelloWorld"))
     return f"{seconds:.1f} s"
