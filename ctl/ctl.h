@@ -50,8 +50,8 @@ struct Row {
 
   // From the log.
   int starts = 0;
-  pid_t child = 0;  // the last one
-  time_t launched = 0;
+  pid_t child = 0;       // the last one
+  time_t launched = 0;   // or its thread begun
   time_t ended = 0;      // 0: the child's death is not logged
   time_t pause = 0;      // between the death before and the launch, in seconds
   int quick = 0;         // children in a row that ended at once
@@ -62,6 +62,7 @@ struct Row {
 struct Stations {
   Process daemon = {};
   std::multimap<GroupKey, Row> rows = {};  // those of a group by age
+  bool is_launching = false;               // a group's child is between the log and the process table
 
   // What the log says.
   bool has_log = true;
@@ -89,7 +90,10 @@ void log_parse(const std::string& log, Stations* stations);
 /** Makes the rows of the daemon's children, which come by age, and of what the log says. */
 void stations_join(Stations* stations, const std::vector<Process>& children, time_t now);
 
-/** Looks at the log of this daemon, then at its children; for all displays, or for one. Nothing for pid 0. */
+/**
+ * Looks at the log of this daemon, then at its children; for all displays, or for one. Nothing for pid 0.
+ * Waits up to a second while an actor is being launched, which would look like one that has ended.
+ */
 Stations stations_look(pid_t daemon, int display);
 
 /** A text of a caller for a terminal, or for within a JSON string: what could act there is escaped. */

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -17,6 +18,7 @@ static constexpr int most_bytes = 1 << 20;  // of a log
 static constexpr time_t restart_pause = 2;  // seconds; the daemon's
 static constexpr time_t given_up = 12;      // seconds; a restart that is later does not come
 static constexpr int failing_from = 3;      // children in a row that ended at once
+static constexpr int most_looks = 50;       // 20 ms apart, while an actor is being launched
 
 // ---- the process table --------------------------------------------------------------------------------
 
@@ -156,7 +158,7 @@ static void parse_line(const std::string& line, Stations* stations) {
     group_with(stations, n[0])->stopped = true;
   } else if (sscanf(text, "%*[a-z_]() for actor_code:%d, display_num:%d", &n[0], &n[1]) == 2) {
     Row* group = group_of(stations, n[1], n[0]);
-    *group = {.key = group->key, .actor = group->actor, .starts = group->starts};
+    *group = {.key = group->key, .actor = group->actor, .starts = group->starts, .launched = time_of(line)};
   } else if (strncmp(text, "{DM} Unable ", 12) == 0 && strcmp(text, "{DM} Unable to add event") != 0) {
     stations->refusal = text + strlen("{DM} ");
   } else if (strcmp(text, "Initialize DBus connection and Watches ...") == 0) {
@@ -186,7 +188,7 @@ static void add_child(const Process& child, Stations* stations) {
   stations->rows.emplace(key, row);
 }
 
-// A child that is not there, and whose death is not logged, has ended just now, or with a daemon before.
+// A child that does not exist, and whose death is not logged, has ended just now, or with an earlier daemon.
 static Row row_of_past(Row row, const Process& daemon, time_t now) {
   const time_t end = row.ended != 0 ? row.ended : row.launched < daemon.started ? row.launched : now;
   if (row.key.group == 0) row.state = "ready";
@@ -202,17 +204,25 @@ void stations_join(Stations* stations, const std::vector<Process>& children, tim
   for (const Process& child : children) add_child(child, stations);
   for (const auto& [key, group] : stations->groups) {
     if (key.display < 0 || stations->rows.contains(key)) continue;
+    const bool is_open = key.group != 0 && !group.stopped && group.ended == 0;
+    stations->is_launching |= is_open && std::abs(now - group.launched) <= 1;
     stations->rows.emplace(key, row_of_past(group, stations->daemon, now));
   }
 }
 
-Stations stations_look(pid_t daemon, int display) {
-  Stations stations = {.daemon = process_of(std::to_string(daemon))};
-  if (daemon == 0) return stations;
+static Stations look_once(pid_t daemon) {
   const std::string log = contents(log_of(daemon));
-  stations.has_log = !log.empty();
+  Stations stations = {.daemon = process_of(std::to_string(daemon)), .has_log = !log.empty()};
   log_parse(log, &stations);
   stations_join(&stations, children_of(daemon), time(nullptr));
+  return stations;
+}
+
+Stations stations_look(pid_t daemon, int display) {
+  if (daemon == 0) return {};
+  Stations stations = look_once(daemon);
+  for (int looks = 1; stations.is_launching && looks < most_looks && usleep(20000) == 0; ++looks)
+    stations = look_once(daemon);
   std::erase_if(stations.rows, [=](const auto& row) { return display >= 0 && row.first.display != display; });
   return stations;
 }

@@ -91,6 +91,22 @@ def test_start_reports_that_the_actor_runs_and_in_which_process(machine, ctl):
     assert (done.status, done.lines, done.errors) == (0, [f":1 local-login runs, process {record.pid}"], [])
 
 
+def test_an_actor_that_is_being_launched_is_waited_for(machine, ctl):
+    machine.daemon.kill()
+    machine.daemon.wait()
+    os.rename(LOG, f"{LOG}.kept")  # so that the new daemon is waited for
+    # The child looks for its program in 60,000 directories, and so takes a tenth of a second to its exec.
+    machine.start_daemon(environment={"PATH": "/:" * 60000 + machine.environment()["PATH"]})
+    assert ctl("start", ":1", "local-login", "--no-wait").status == 0
+    (line,) = rows(ctl("status"))
+    assert line[2] == "runs"
+    done = ctl("start", ":2", "local-login")
+    assert (done.status, plain(done.lines[0])) == (0, ":2 local-login runs, process P")
+    ctl("stop", ":1", "local-login")
+    ctl("start", ":1", "local-login", "--no-wait")
+    assert ctl("stop", ":1", "local-login").status == 0
+
+
 def test_the_type_is_common_unless_another_is_given(machine, ctl):
     assert ctl("start", ":1", "local-login").status == 0
     assert ctl("start", ":2", "local-login", "USB").status == 0

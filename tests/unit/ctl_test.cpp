@@ -257,6 +257,23 @@ TEST_F(CtlRows, an_actor_whose_death_is_not_logged_yet_restarts) {
             Lines({":1 local-login restarting in 2 s: corvane-ls has ended"}));
 }
 
+TEST_F(CtlRows, a_launch_without_a_process_is_not_over_for_a_second) {
+  const auto is_launching = [](const std::string& log, int after_noon) {
+    Stations stations = parsed(log);
+    stations_join(&stations, {}, noon + after_noon);
+    return stations.is_launching;
+  };
+  const std::string begun = dm_line("method_start_thread() for actor_code:2, display_num:1");
+  for (const std::string& log : {begun, launch(1, 2, 4711)}) {
+    EXPECT_FALSE(is_launching(log, -86400));
+    EXPECT_TRUE(is_launching(log, 1));
+    EXPECT_FALSE(is_launching(log, 2));
+  }
+  EXPECT_FALSE(is_launching(launch(1, 2, 4711) + death(4711), 0));
+  EXPECT_FALSE(is_launching(launch(1, 2, 4711) + stop(4711), 0));
+  EXPECT_FALSE(is_launching(dm_line("init_group_thread() for actor_code:1, display_num:1"), 0));
+}
+
 TEST_F(CtlRows, three_ends_at_once_are_a_failure_and_a_longer_life_is_none) {
   std::string log = launch(1, 2, 1) + death(1) + launch(1, 2, 2, 2) + death(2, 2) + launch(1, 2, 3, 4);
   EXPECT_EQ(shown(log, {}, 4), Lines({":1 local-login restarting in 2 s: corvane-ls has ended"}));
