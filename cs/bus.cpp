@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "common/bus.h"
+#include "common/dbus-owners.h"
 #include "common/logger.h"
 #include "cs/plugin-registry.h"
 
@@ -80,7 +80,7 @@ void ccs_set_watch_functions(BusState* bus) {
     installed = dbus_connection_set_watch_functions(bus->connection, ccs_add_watch, ccs_toggle_watch,
                                                     ccs_remove_watch, bus, nullptr) != 0;
     if (installed) {
-      bus_dispatch_one(bus->connection);
+      ccs_dispatch_one(bus->connection);
     } else {
       log_debug("dbus_connection_set_watch_functions(): %s\n", error.message());
     }
@@ -98,7 +98,7 @@ void ccs_request_service_name(BusState* bus) {
     if (result == -1) {
       log_debug("{EE} dbus_bus_request_name(): %s\n", error.message());
     } else {
-      bus_dispatch_one(bus->connection);
+      ccs_dispatch_one(bus->connection);
     }
   }
   if (result == -1) ccs_fatal_exit();
@@ -113,6 +113,21 @@ void ccs_build_read_set(const BusState* bus, fd_set* readable) {
   FD_SET(bus->fd, readable);
 }
 
+// The next message to be dispatched, which stays in the queue. Null when the queue is empty.
+static MessageOwner first_message(DBusConnection* connection) {
+  DBusMessage* first = dbus_connection_borrow_message(connection);
+  if (!first) return nullptr;
+  MessageOwner kept(dbus_message_ref(first));
+  dbus_connection_return_message(connection, first);
+  return kept;
+}
+
+void ccs_dispatch_one(DBusConnection* connection) {
+  const MessageOwner first = first_message(connection);
+  const bool is_call = first && dbus_message_get_type(first.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL;
+  if (!is_call) dbus_connection_dispatch(connection);
+}
+
 // A message that the library had no memory to dispatch stays first in the queue, and the library then says
 // only that data remains.
 DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection) {
@@ -122,7 +137,7 @@ DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection) {
   while (status == DBUS_DISPATCH_DATA_REMAINS) {
     status = dbus_connection_dispatch(connection);
     if (status != DBUS_DISPATCH_DATA_REMAINS) break;
-    MessageOwner next = bus_first_message(connection);
+    MessageOwner next = first_message(connection);
     if (next && next == first) status = DBUS_DISPATCH_NEED_MEMORY;
     first = std::move(next);
   }

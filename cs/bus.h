@@ -43,6 +43,12 @@ void ccs_request_service_name(BusState* bus);
 void ccs_build_read_set(const BusState* bus, fd_set* readable);
 
 /**
+ * Dispatches one message, unless it is a method call. A call stays at the head of the queue: during set-up it
+ * could be refused because its object is not registered yet.
+ */
+void ccs_dispatch_one(DBusConnection* connection);
+
+/**
  * Dispatches what the bus library holds until nothing remains or memory is short, also where the library does
  * not say so: then its first message does not change. Returns DBUS_DISPATCH_COMPLETE or
  * DBUS_DISPATCH_NEED_MEMORY.

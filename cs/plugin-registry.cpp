@@ -7,8 +7,9 @@
 
 #include <cstdlib>
 
-#include "common/bus.h"
+#include "common/dbus-owners.h"
 #include "common/logger.h"
+#include "cs/bus.h"
 
 DBusHandlerResult ccs_dbus_message_handler(DBusConnection* connection, DBusMessage* message, void* data) {
   auto* plugin = static_cast<Plugin*>(data);
@@ -37,7 +38,7 @@ void ccs_register_objects(DBusConnection* connection, const DBusObjectPathVTable
       registered =
           dbus_connection_register_object_path(connection, plugin->path, object_functions, plugin) != 0;
       if (registered) {
-        bus_dispatch_one(connection);
+        ccs_dispatch_one(connection);
       } else {
         log_debug("{EE}dbus_connection_register_object_path(): %s\n", error.message());
       }

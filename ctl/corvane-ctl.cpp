@@ -8,7 +8,7 @@
 #include <chrono>
 #include <csignal>
 
-#include "common/bus.h"
+#include "common/dbus-owners.h"
 #include "ctl/ctl.h"
 
 static constexpr const char* usage =

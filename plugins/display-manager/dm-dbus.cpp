@@ -11,8 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/bus.h"
+#include "common/dbus-owners.h"
 #include "common/logger.h"
+#include "common/reply.h"
 #include "plugins/display-manager/display-manager.h"
 
 // Reads a number that fits an int and leaves *end behind it; false when there is none.

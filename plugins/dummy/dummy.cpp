@@ -4,8 +4,8 @@
 // One function per bus method, with the method's name behind the plugin's prefix.
 #include "plugins/dummy/dummy.h"
 
-#include "common/bus.h"
 #include "common/logger.h"
+#include "common/reply.h"
 
 DBusHandlerResult dbus_dummy_hello_world(DBusConnection* connection, DBusMessage* message) {
   log_debug("{DUMMY} dbus_dummy_hello_world: HelloWorld\n");

@@ -191,4 +191,4 @@ def test_a_reply_that_cannot_be_sent_is_given_up_after_a_thousand_attempts_and_t
     bare.wait_log("Unable to reply")
     assert caller.hello() == "How are you?"
     assert [told for told in bare.told() if "Unable" in told] == [
-        "common/bus.cpp bus_reply: {EE} Unable to reply to HelloWorld"]
+        "common/reply.cpp bus_reply: {EE} Unable to reply to HelloWorld"]

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "common/bus.h"
+#include "common/dbus-owners.h"
 #include "tests/unit/fakes.h"
 
 /** Stands for the connection in calls that are faked; never looked into. */

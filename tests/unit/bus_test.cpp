@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "common/bus.h"
+#include "common/dbus-owners.h"
 #include "tests/unit/capture.h"
 #include "tests/unit/fakes.h"
 
@@ -432,7 +432,7 @@ TEST_F(BusDeathTest, a_descriptor_that_select_cannot_hold_is_fatal) {
 }
 
 TEST_F(Bus, without_a_message_a_step_of_the_set_up_dispatches_all_the_same) {
-  bus_dispatch_one(connection);
+  ccs_dispatch_one(connection);
   EXPECT_EQ(calls, (Calls{"dispatch"}));
 }
 
@@ -441,12 +441,12 @@ TEST_F(Bus, a_step_of_the_set_up_dispatches_everything_but_calls) {
        {DBUS_MESSAGE_TYPE_METHOD_RETURN, DBUS_MESSAGE_TYPE_ERROR, DBUS_MESSAGE_TYPE_SIGNAL}) {
     calls.clear();
     first.reset(dbus_message_new(type));
-    bus_dispatch_one(connection);
+    ccs_dispatch_one(connection);
     EXPECT_EQ(calls, (Calls{"return", "dispatch"})) << type;
   }
   calls.clear();
   first.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
-  bus_dispatch_one(connection);
+  ccs_dispatch_one(connection);
   EXPECT_EQ(calls, (Calls{"return"}));
 }
 

@@ -5,7 +5,7 @@
 
 #include <unistd.h>
 
-#include "common/bus.h"
+#include "common/dbus-owners.h"
 #include "tests/unit/capture.h"
 #include "tests/unit/fakes.h"
 

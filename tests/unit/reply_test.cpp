@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // reply_test.cpp: the owners of bus objects, and answering a call, also while memory is short.
+#include "common/reply.h"
+
 #include <unistd.h>
 
 #include "tests/unit/bus_calls.h"
@@ -27,7 +29,7 @@ class BusReply : public BusCallTest {
     EXPECT_EQ(attempts, 1000);
     EXPECT_EQ(pauses, std::vector<useconds_t>(999, 1000));
     EXPECT_EQ(sent, (Sent{})) << "nothing is flushed either";
-    EXPECT_EQ(log.lines(), (Lines{"common/bus.cpp:#:bus_reply: DEBUG: {EE} Unable to reply to Member"}));
+    EXPECT_EQ(log.lines(), (Lines{"common/reply.cpp:#:bus_reply: DEBUG: {EE} Unable to reply to Member"}));
   }
 
   MessageOwner call = method_call("/path", "some.Interface", "Member", {});
