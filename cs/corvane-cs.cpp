@@ -17,14 +17,13 @@
 #include "common/daemon.h"
 #include "common/heap.h"
 #include "common/logger.h"
+#include "common/paths.h"
 #include "common/signals.h"
 #include "common/stack-pool.h"
 #include "cs/bus.h"
 #include "cs/options.h"
 #include "cs/plugin-registry.h"
 #include "plugins/display-manager/display-manager.h"
-
-static constexpr const char* log_file_path = "/var/log/corvane-cs.log";
 
 static BusState bus = {.connection = nullptr, .watch = nullptr, .fd = -1};
 

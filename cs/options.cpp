@@ -13,6 +13,7 @@
 
 #include "common/daemon.h"
 #include "common/logger.h"
+#include "common/paths.h"
 #include "common/verbose.h"
 
 namespace {

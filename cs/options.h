@@ -2,8 +2,6 @@
 // options: the command line.
 #pragma once
 
-inline constexpr const char* pid_file_path = "/var/run/corvane/corvane-cs.pid";
-
 /**
  * Acts on the options one by one, from left to right. Returns when none is left: in the daemon's process if
  * --start was among them. --pid and --stop end the process with 0 at once; an unknown option, or an argument

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/paths.h"
 #include "plugins/display-manager/display-manager.h"
 
 using Words = std::vector<std::string>;
@@ -66,9 +67,9 @@ struct Stations {
 
   // What the log says.
   bool has_log = true;
-  bool is_complete = false;                             // it has the daemon's first line
-  std::string refusal = "see /var/log/corvane-cs.log";  // the last one
-  std::map<GroupKey, Row> groups = {};                  // that of no actor has no key
+  bool is_complete = false;                                   // it has the daemon's first line
+  std::string refusal = std::string("see ") + log_file_path;  // the last one
+  std::map<GroupKey, Row> groups = {};                        // that of no actor has no key
   std::map<pid_t, GroupKey> children = {};
 };
 

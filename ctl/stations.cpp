@@ -13,7 +13,6 @@
 
 #include "ctl/ctl.h"
 
-static constexpr const char* usual_log = "/var/log/corvane-cs.log";
 static constexpr int most_bytes = 1 << 20;  // of a log
 static constexpr time_t restart_pause = 2;  // seconds; the daemon's
 static constexpr time_t given_up = 12;      // seconds; a restart that is later does not come
@@ -109,9 +108,10 @@ static std::string log_of(pid_t daemon) {
   std::error_code error;
   for (int number = 0; number < 64; ++number) {
     std::string descriptor = "/proc/" + std::to_string(daemon) + "/fd/" + std::to_string(number);
-    if (std::filesystem::read_symlink(descriptor, error).native().starts_with(usual_log)) return descriptor;
+    if (std::filesystem::read_symlink(descriptor, error).native().starts_with(log_file_path))
+      return descriptor;
   }
-  return usual_log;
+  return log_file_path;
 }
 
 static time_t time_of(const std::string& line) {
