@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-// bus.cpp: connecting, watching, naming, and handing ready data to the bus library.
+// bus.cpp: connecting, watching, requesting the name, and passing ready data to libdbus.
 //
-// One connection, one descriptor, one thread. The connection is asked for as the session bus although the
-// messages speak of the system bus: the deployment decides by the session bus address which bus that is.
-// Only the readable side is watched, because everything that is sent is flushed before the next wait. A lost
-// connection is left to the bus library, which ends the process.
+// One connection, one descriptor, one thread. The daemon asks for the session bus, although its messages say
+// system bus: the session bus address in its environment decides which bus that is. It watches only the
+// readable side, because everything it sends is flushed before the next wait. When the connection is lost,
+// libdbus ends the process.
 #include "cs/bus.h"
 
 #include <unistd.h>
@@ -14,15 +14,14 @@
 
 #include "common/dbus-owners.h"
 #include "common/logger.h"
-#include "cs/plugin-registry.h"
 
 static constexpr useconds_t first_memory_pause_microseconds = 1000;
-static constexpr useconds_t longest_memory_pause_microseconds = 1000 * 1000;
-static constexpr long most_descriptors = 253;  // SCM_MAX_FD of unix(7): no message carries more
+static constexpr useconds_t max_memory_pause_microseconds = 1000 * 1000;
+static constexpr long max_descriptors = 253;  // SCM_MAX_FD of unix(7): no message carries more
 static constexpr const char* service_name = "com.corvane.ControlServer";
 
-static useconds_t memory_pause =
-    0;  // the last one of a shortage of memory, 0 while there is none; main thread
+// The last pause of the current shortage of memory, 0 while there is none. Main thread only.
+static useconds_t memory_pause = 0;
 
 static const char* watch_kind(unsigned flags) {
   const bool readable = (flags & DBUS_WATCH_READABLE) != 0;
@@ -54,63 +53,57 @@ void ccs_remove_watch(DBusWatch*, void*) {
   log_debug("{II} ccs_remove_watch()\n");
 }
 
-void ccs_get_system_conn(BusState* bus) {
-  {
-    BusError error;
-    bus->connection = dbus_bus_get(DBUS_BUS_SESSION, error.get());
-    if (error.is_set()) {
-      log_debug("{EE}Failed to connect system DBus: %s\n", error.message());
-      bus->connection = nullptr;
-    }
+bool ccs_get_system_conn(BusState* bus) {
+  BusError error;
+  DBusConnection* connection = dbus_bus_get(DBUS_BUS_SESSION, error.get());
+  if (error.is_set()) {
+    log_debug("{EE}Failed to connect system DBus: %s\n", error.message());
+    return false;
   }
-  if (!bus->connection) ccs_fatal_exit();
+  bus->connection = connection;
+  if (!connection) return false;
 
-  // The library gives up a connection on which a message brings more descriptors than it expects, or more
-  // come at once than the process may open: no caller shall be able to do that to the daemon.
-  dbus_connection_set_max_message_unix_fds(bus->connection, most_descriptors);
-  dbus_connection_set_max_received_unix_fds(bus->connection, most_descriptors);
+  // libdbus closes the connection when a message carries more descriptors than it expects, or when more
+  // arrive at once than the process may open. No caller may be able to do that to the daemon.
+  dbus_connection_set_max_message_unix_fds(connection, max_descriptors);
+  dbus_connection_set_max_received_unix_fds(connection, max_descriptors);
+  return true;
 }
 
-// The functions for removal and toggling are deliberately crossed: both only leave a line in the log, and
+// The functions for removal and toggling are deliberately crossed. Both only write a line to the log, and
 // readers of the log know a removal by the line "ccs_toggle_watch".
-void ccs_set_watch_functions(BusState* bus) {
-  bool installed = false;
-  {
-    const BusError error;  // never set by the call below, and its message is then null
-    installed = dbus_connection_set_watch_functions(bus->connection, ccs_add_watch, ccs_toggle_watch,
-                                                    ccs_remove_watch, bus, nullptr) != 0;
-    if (installed) {
-      ccs_dispatch_one(bus->connection);
-    } else {
-      log_debug("dbus_connection_set_watch_functions(): %s\n", error.message());
-    }
+bool ccs_set_watch_functions(BusState* bus) {
+  const BusError error;  // the call below never sets it, so its message is null
+  if (!dbus_connection_set_watch_functions(bus->connection, ccs_add_watch, ccs_toggle_watch, ccs_remove_watch,
+                                           bus, nullptr)) {
+    log_debug("dbus_connection_set_watch_functions(): %s\n", error.message());
+    return false;
   }
-  if (!installed) ccs_fatal_exit();
+  ccs_dispatch_one(bus->connection);
+  return true;
 }
 
-void ccs_request_service_name(BusState* bus) {
-  int result = 0;
-  {
-    BusError error;
-    log_debug("Request service name: %s\n", service_name);
-    result =
-        dbus_bus_request_name(bus->connection, service_name, DBUS_NAME_FLAG_REPLACE_EXISTING, error.get());
-    if (result == -1) {
-      log_debug("{EE} dbus_bus_request_name(): %s\n", error.message());
-    } else {
-      ccs_dispatch_one(bus->connection);
-    }
+bool ccs_request_service_name(BusState* bus) {
+  BusError error;
+  log_debug("Request service name: %s\n", service_name);
+  const int result =
+      dbus_bus_request_name(bus->connection, service_name, DBUS_NAME_FLAG_REPLACE_EXISTING, error.get());
+  if (result == -1) {
+    log_debug("{EE} dbus_bus_request_name(): %s\n", error.message());
+    return false;
   }
-  if (result == -1) ccs_fatal_exit();
+  ccs_dispatch_one(bus->connection);
+  return true;
 }
 
-void ccs_build_read_set(const BusState* bus, fd_set* readable) {
+bool ccs_build_read_set(const BusState* bus, fd_set* readable) {
   if (bus->fd < 0 || bus->fd >= FD_SETSIZE) {
     log_debug("{EE} Watch on fd %d is beyond what select() can hold\n", bus->fd);
-    ccs_fatal_exit();
+    return false;
   }
   FD_ZERO(readable);
   FD_SET(bus->fd, readable);
+  return true;
 }
 
 // The next message to be dispatched, which stays in the queue. Null when the queue is empty.
@@ -128,8 +121,8 @@ void ccs_dispatch_one(DBusConnection* connection) {
   if (!is_call) dbus_connection_dispatch(connection);
 }
 
-// A message that the library had no memory to dispatch stays first in the queue, and the library then says
-// only that data remains.
+// When libdbus has no memory to dispatch a message, the message stays first in the queue, and libdbus may
+// only report that data remains.
 DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection) {
   dbus_connection_ref(connection);
   DBusDispatchStatus status = DBUS_DISPATCH_DATA_REMAINS;
@@ -145,20 +138,20 @@ DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection) {
   return status;
 }
 
-// Lets other processes free memory. There is no way out of serving, so a shortage may last: it is logged when
-// it begins, and each pause is twice as long as the one before, up to a second.
+// Gives other processes time to free memory. The daemon cannot stop serving, so a shortage may last: it is
+// logged when it begins, and each pause is twice as long as the one before, up to a second.
 static void pause_for_memory() {
   if (memory_pause == 0) log_debug("{EE} No memory for the next message\n");
   memory_pause = memory_pause == 0 ? first_memory_pause_microseconds
-                                   : std::min(2 * memory_pause, longest_memory_pause_microseconds);
+                                   : std::min(2 * memory_pause, max_memory_pause_microseconds);
   usleep(memory_pause);
 }
 
 static void dispatch_and_flush(DBusConnection* connection) {
   do {
     while (ccs_dispatch_all(connection) == DBUS_DISPATCH_NEED_MEMORY) pause_for_memory();
-    dbus_connection_flush(connection);  // reads, too, while it waits for room
-    // The library may say only now that memory was short for a call that it holds.
+    dbus_connection_flush(connection);  // also reads while it waits for room to write
+    // libdbus may report only now that it had no memory for a call that it holds.
   } while (dbus_connection_get_dispatch_status(connection) != DBUS_DISPATCH_COMPLETE);
 }
 
@@ -171,8 +164,8 @@ bool ccs_is_ready(const BusState* bus, const fd_set* ready) {
   return bus->fd >= 0 && bus->fd < FD_SETSIZE && FD_ISSET(bus->fd, ready);
 }
 
-// A watch that cannot be handled is dispatched all the same: what came before may be served. Its data is
-// still there, and select(2) returns at once, so that only the pause keeps the loop from being a busy one.
+// The messages that arrived before are dispatched even when the watch cannot be handled. The unread data then
+// makes select(2) return at once, so only the pause prevents a busy loop.
 void ccs_serve_watch(const BusState* bus) {
   const bool is_handled = dbus_watch_handle(bus->watch, DBUS_WATCH_READABLE) != 0;
   dispatch_and_flush(bus->connection);

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // corvane-cs.cpp: the control server of a multi-seat machine, from its command line to its main loop.
 //
-// The main thread sets everything up, step by step, and then serves the bus for ever: it alone touches the
-// connection, and every plugin's handler runs on it and never waits for an actor. There is no orderly end:
-// the process is ended by a signal, by the bus library when the bus is gone, by abort(3) at a limit of the
-// system, or by a crash, which is reported.
+// The main thread sets everything up, step by step, and then serves the bus until the process ends. Only this
+// thread uses the connection. Every plugin's handler runs on it and never waits for an actor. There is no
+// orderly shutdown: the process ends by a signal, by libdbus when the bus is gone, by abort(3) when a text
+// exceeds its fixed buffer, or by a crash, which is reported.
 #include <dbus/dbus.h>
 #include <execinfo.h>
 #include <sys/select.h>
@@ -25,18 +25,18 @@
 #include "cs/plugin-registry.h"
 #include "plugins/display-manager/display-manager.h"
 
-static BusState bus = {.connection = nullptr, .watch = nullptr, .fd = -1};
+static constexpr unsigned max_crash_report_seconds = 2;
 
-static constexpr unsigned most_seconds_of_a_crash_report = 2;
+static BusState bus = {.connection = nullptr, .watch = nullptr, .fd = -1};
 
 static pid_t daemon_pid;  // set before the handlers are installed
 
-// By a crash: a pid file that is there afterwards is another daemon's.
+// Set when a crash has removed the pid file. A pid file found afterwards belongs to another daemon.
 static std::atomic<bool> is_pid_file_removed{false};
 
-// A child has the daemon's handlers until it gives the signals back. It is not the daemon, and what it shares
-// with it is not its own to remove: it ends as it would without a handler.
-static void end_a_child(int sig) {
+// A child of the daemon has the daemon's handlers until it restores its signals. It must not report a crash
+// for the daemon, nor remove the daemon's pid file: it ends as it would without a handler.
+static void end_if_child(int sig) {
   if (getpid() == daemon_pid) return;
   signal(sig, SIG_DFL);
   sigset_t own;
@@ -52,15 +52,15 @@ static void remove_pid_file() {
   is_pid_file_removed = true;
 }
 
-// A crash may have left locks behind that its own report needs, or the report may crash. The process must end
-// all the same, as if it had been reported.
+// The crash may have left a lock held that the report needs, or the report itself may crash. Ends the process
+// anyway, with the pid file removed and status 1.
 static void give_up_crash_report(int sig) {
-  end_a_child(sig);
+  end_if_child(sig);
   remove_pid_file();
   _exit(1);
 }
 
-// Lets a hung report, a crash of the report, and a heap that aborts it end in give_up_crash_report.
+// Makes a report that hangs, crashes or is aborted by the heap end in give_up_crash_report.
 static void limit_crash_report() {
   signal(SIGALRM, give_up_crash_report);
   signal(SIGABRT, give_up_crash_report);
@@ -70,15 +70,15 @@ static void limit_crash_report() {
   sigaddset(&needed, SIGALRM);
   pthread_sigmask(SIG_UNBLOCK, &needed, nullptr);
 
-  static std::atomic_flag is_limited;  // threads that crash one after the other have the time of the first
-  if (!is_limited.test_and_set()) alarm(most_seconds_of_a_crash_report);
+  static std::atomic_flag is_limited;  // threads that crash later share the first one's deadline
+  if (!is_limited.test_and_set()) alarm(max_crash_report_seconds);
 }
 
-// Reports a crash of the daemon in whichever thread it happened, then ends the process. Calls stdio and exit
-// from a signal handler, knowingly: the process is lost already, and what it leaves behind is worth the try.
-// Not static, so that the report can name it.
+// Reports a crash in the thread that crashed, then ends the process. Deliberately calls stdio and exit in a
+// signal handler: the process is lost already, and the report is worth the risk. Not static, so that the
+// report can name it.
 void segfault_handler(int sig) {
-  end_a_child(sig);
+  end_if_child(sig);
   static thread_local bool is_reporting = false;
   if (is_reporting) give_up_crash_report(sig);
   is_reporting = true;
@@ -89,7 +89,7 @@ void segfault_handler(int sig) {
   exit(1);
 }
 
-// The first backtrace of a process loads a library; that must not happen inside a crash.
+// The first backtrace of a process loads a library, which must not happen during a crash.
 static void install_segfault_handler() {
   void* frame = nullptr;
   backtrace(&frame, 1);
@@ -110,11 +110,11 @@ int main(int argc, char** argv) {
   log_debug("Initialize segfault signal handler...\n");
   install_segfault_handler();
   dbus_threads_init_default();
-  ccs_get_system_conn(&bus);
+  if (!ccs_get_system_conn(&bus)) ccs_fatal_exit();
   log_debug("Succeeded to get System DBus connection ...\n");
-  ccs_set_watch_functions(&bus);
+  if (!ccs_set_watch_functions(&bus)) ccs_fatal_exit();
   log_debug("Succeeded to set watch functions ...\n");
-  ccs_request_service_name(&bus);
+  if (!ccs_request_service_name(&bus)) ccs_fatal_exit();
   log_debug("Succeeded to request service name ...\n");
   const DBusObjectPathVTable object_functions = {.unregister_function = ccs_object_unregister,
                                                  .message_function = ccs_dbus_message_handler,
@@ -122,14 +122,14 @@ int main(int argc, char** argv) {
                                                  .dbus_internal_pad2 = nullptr,
                                                  .dbus_internal_pad3 = nullptr,
                                                  .dbus_internal_pad4 = nullptr};
-  ccs_register_objects(bus.connection, &object_functions, &context);
+  if (!ccs_register_objects(bus.connection, &object_functions, &context)) ccs_fatal_exit();
   log_debug("Succeeded to register objects ...\n");
   fd_set readable;
-  ccs_build_read_set(&bus, &readable);
+  if (!ccs_build_read_set(&bus, &readable)) ccs_fatal_exit();
   const int descriptors = bus.fd + 1;
   log_debug("Start mainloop ...\n\n");
 
-  ccs_dispatch_and_flush(bus.connection);  // what came during set-up must not wait for the next message
+  ccs_dispatch_and_flush(bus.connection);  // messages from the set-up must not wait for the next one
   for (;;) {
     if (select(descriptors, &readable, nullptr, nullptr, nullptr) < 1) {
       log_debug("{II} Timeout or error occurrs during select() ...\n");

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // options.cpp: one table of options, each with the function that carries it out.
 //
-// Options act as they are met, so their order matters: what stands before --pid or --stop has already
-// acted, what stands behind is never looked at. Each option that controls the daemon speaks through a
-// logger of its own on standard error, which lives as long as the process; the daemon's log is not open yet.
+// Each option acts when it is parsed, so the order matters: options before --pid or --stop have already
+// acted, and options after it are never parsed. The daemon's log is not open yet, so each option that
+// controls the daemon opens a new logger on standard error. These loggers are never freed.
 #include "cs/options.h"
 
 #include <csignal>
@@ -37,7 +37,7 @@ constexpr char usage[] =
     "\t--verbose\tprint a lot of debugging info\n"
     "\n";
 
-void be_verbose() {
+void set_verbose() {
   verbose = 1;
 }
 
@@ -58,8 +58,8 @@ void start_daemon() {
 void do_nothing() {}
 
 constexpr Option options[] = {
-    {"--verbose", be_verbose}, {"-v", be_verbose},       {"--start", start_daemon}, {"--pid", print_pid},
-    {"--stop", stop_daemon},   {"--enable", do_nothing}, {"--disable", do_nothing}, {"--purge", do_nothing},
+    {"--verbose", set_verbose}, {"-v", set_verbose},      {"--start", start_daemon}, {"--pid", print_pid},
+    {"--stop", stop_daemon},    {"--enable", do_nothing}, {"--disable", do_nothing}, {"--purge", do_nothing},
 };
 
 void act_on(const char* argument) {

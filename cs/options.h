@@ -3,9 +3,10 @@
 #pragma once
 
 /**
- * Acts on the options one by one, from left to right. Returns when none is left: in the daemon's process if
- * --start was among them. --pid and --stop end the process with 0 at once; an unknown option, or an argument
- * that is none, ends it with 1 and the usage text. Main thread, before any other exists.
+ * Acts on the options one by one, from left to right, and returns after the last one: in the daemon's process
+ * if --start was among them. --pid and --stop end the process at once with status 0. An unknown option, or an
+ * argument that is not an option, ends it with the usage text and status 1. Main thread, before any other
+ * thread exists.
  */
 void ccs_parse_options(int argc, char* const* argv);
 

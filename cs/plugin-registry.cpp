@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
-// plugin-registry.cpp: the road from the plugin table to the bus and back.
+// plugin-registry.cpp: from the plugin table to the bus and back.
 //
-// Every plugin has one object path, whose user data is its record; so one message function serves them all
-// and needs no lookup. It filters nothing: what is a plugin's own, the plugin decides. Main thread only.
+// Every plugin has one object path, and the path's user data is the plugin's record. So one message function
+// serves all plugins without a lookup. It filters nothing: each plugin decides which messages are its own.
+// Main thread only.
 #include "cs/plugin-registry.h"
 
 #include <cstdlib>
@@ -23,28 +24,23 @@ void ccs_object_unregister(DBusConnection*, void*) {
   log_debug("{II}\n");
 }
 
-void ccs_register_objects(DBusConnection* connection, const DBusObjectPathVTable* object_functions,
+bool ccs_register_objects(DBusConnection* connection, const DBusObjectPathVTable* object_functions,
                           PluginContext* context) {
   for (Plugin* const* row = plugin_table; *row; ++row) {
     Plugin* plugin = *row;
     if (plugin->init(plugin, context) != 0) {
       log_debug("{EE} Fail to initialize plugin:%s\n", plugin->name);
-      ccs_fatal_exit();
+      return false;
     }
-    bool registered = false;
-    {
-      const BusError error;  // never set by the call below, and its message is then null
-      log_debug("path=%s\n", plugin->path);
-      registered =
-          dbus_connection_register_object_path(connection, plugin->path, object_functions, plugin) != 0;
-      if (registered) {
-        ccs_dispatch_one(connection);
-      } else {
-        log_debug("{EE}dbus_connection_register_object_path(): %s\n", error.message());
-      }
+    const BusError error;  // the call below never sets it, so its message is null
+    log_debug("path=%s\n", plugin->path);
+    if (!dbus_connection_register_object_path(connection, plugin->path, object_functions, plugin)) {
+      log_debug("{EE}dbus_connection_register_object_path(): %s\n", error.message());
+      return false;
     }
-    if (!registered) ccs_fatal_exit();
+    ccs_dispatch_one(connection);
   }
+  return true;
 }
 
 void ccs_fatal_exit() {

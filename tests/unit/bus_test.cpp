@@ -4,16 +4,12 @@
 // The connection and the watches are the test's own memory: every call that would look into them is faked.
 #include "cs/bus.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
 
 #include "common/dbus-owners.h"
 #include "tests/unit/capture.h"
 #include "tests/unit/fakes.h"
 
-using testing::ExitedWithCode;
 using Calls = std::vector<std::string>;
 
 namespace {
@@ -94,12 +90,6 @@ class Bus : public FakedTest {
     FakedTest::TearDown();
   }
 
-  /** In a death test: the log goes to standard error, where the plugins' fin lines follow. */
-  static void log_to_stderr() {
-    static Logger logger = {.level = 5, .name = "stderr", .fp = stderr, .write = log_write};
-    plogger = &logger;
-  }
-
   BusState bus = {.connection = connection, .watch = nullptr, .fd = -1};
   FakeWatch readable = {DBUS_WATCH_READABLE, 7};
   Calls calls;
@@ -110,7 +100,6 @@ class Bus : public FakedTest {
   size_t flushed = 0;
   dbus_bool_t handled = TRUE;
 };
-using BusDeathTest = Bus;
 
 Calls pauses_among(const Calls& calls) {
   Calls pauses;
@@ -124,10 +113,14 @@ std::string line(const std::string& function, const std::string& message) {
   return "cs/bus.cpp:#:" + function + ": DEBUG: " + message;
 }
 
-/** The log's `lines` and, behind them, the fin of every plugin of the tests' plugin table. */
-std::string fatal(const Lines& lines) {
-  const std::string pattern = log_pattern(lines);
-  return pattern.substr(0, pattern.size() - 1) + "fin First\nfin Second\nfin Third\n$";
+dbus_bool_t refuse_watch_functions(DBusConnection*, DBusAddWatchFunction, DBusRemoveWatchFunction,
+                                   DBusWatchToggledFunction, void*, DBusFreeFunction) {
+  return FALSE;
+}
+
+int refuse_name(DBusConnection*, const char*, unsigned, DBusError* error) {
+  dbus_set_error(error, DBUS_ERROR_ACCESS_DENIED, "not for you");
+  return -1;
 }
 
 }  // namespace
@@ -217,94 +210,62 @@ TEST_F(Bus, the_connection_is_asked_for_as_the_session_bus) {
     EXPECT_EQ(dbus_error_is_set(error), 0U);
     return connection;
   };
-  ccs_get_system_conn(&bus);
+  EXPECT_TRUE(ccs_get_system_conn(&bus));
   EXPECT_EQ(bus.connection, connection);
   EXPECT_EQ(log.text(), "");
   EXPECT_EQ(calls, (Calls{"at most 253 descriptors in a message", "at most 253 descriptors at a time"}));
 }
 
-TEST_F(BusDeathTest, an_error_while_connecting_is_logged_and_fatal) {
-  EXPECT_EXIT(
-      {
-        log_to_stderr();
-        bus.connection = nullptr;
-        fakes.dbus_bus_get = [](DBusBusType, DBusError* error) -> DBusConnection* {
-          dbus_set_error(error, DBUS_ERROR_FAILED, "no bus today");
-          return nullptr;
-        };
-        ccs_get_system_conn(&bus);
-        _exit(99);
-      },
-      ExitedWithCode(1),
-      fatal({line("ccs_get_system_conn", "{EE}Failed to connect system DBus: no bus today")}));
+TEST_F(Bus, an_error_while_connecting_is_logged_and_is_a_failure) {
+  bus.connection = nullptr;
+  CapturedLog log;
+  fakes.dbus_bus_get = [](DBusBusType, DBusError* error) -> DBusConnection* {
+    dbus_set_error(error, DBUS_ERROR_FAILED, "no bus today");
+    return nullptr;
+  };
+  EXPECT_FALSE(ccs_get_system_conn(&bus));
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_get_system_conn", "{EE}Failed to connect system DBus: no bus today")}));
+  EXPECT_EQ(calls, (Calls{}));
 }
 
-TEST_F(BusDeathTest, an_error_that_is_never_set_is_freed_before_the_end_too) {
-  EXPECT_EXIT(
-      {
-        fakes.dbus_error_free = [](DBusError*) { fputs("freed\n", stderr); };
-        fakes.dbus_connection_set_watch_functions =
-            [](DBusConnection*, DBusAddWatchFunction, DBusRemoveWatchFunction, DBusWatchToggledFunction,
-               void*, DBusFreeFunction) { return dbus_bool_t{FALSE}; };
-        ccs_set_watch_functions(&bus);
-      },
-      ExitedWithCode(1), "^freed\nfin First\nfin Second\nfin Third\n$");
-}
-
-TEST_F(BusDeathTest, errors_are_freed_before_the_end) {
-  const auto note_free = [](DBusError* error) {
-    if (dbus_error_is_set(error)) fputs("freed\n", stderr);
+TEST_F(Bus, a_step_that_fails_frees_its_error) {
+  fakes.dbus_error_free = [this](DBusError* error) {
+    calls.push_back(dbus_error_is_set(error) ? error->message : "unset");
     __real_dbus_error_free(error);
   };
-  EXPECT_EXIT(
-      {
-        fakes.dbus_error_free = note_free;
-        bus.connection = nullptr;
-        fakes.dbus_bus_get = [](DBusBusType, DBusError* error) -> DBusConnection* {
-          dbus_set_error(error, DBUS_ERROR_FAILED, "no bus today");
-          return nullptr;
-        };
-        ccs_get_system_conn(&bus);
-      },
-      ExitedWithCode(1), "^freed\nfin First\nfin Second\nfin Third\n$");
-  EXPECT_EXIT(
-      {
-        fakes.dbus_error_free = note_free;
-        fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError* error) {
-          dbus_set_error(error, DBUS_ERROR_ACCESS_DENIED, "not for you");
-          return -1;
-        };
-        ccs_request_service_name(&bus);
-      },
-      ExitedWithCode(1), "^freed\nfin First\nfin Second\nfin Third\n$");
+  fakes.dbus_bus_get = [](DBusBusType, DBusError* error) -> DBusConnection* {
+    dbus_set_error(error, DBUS_ERROR_FAILED, "no bus today");
+    return nullptr;
+  };
+  fakes.dbus_connection_set_watch_functions = refuse_watch_functions;
+  fakes.dbus_bus_request_name = refuse_name;
+  EXPECT_FALSE(ccs_get_system_conn(&bus));
+  EXPECT_FALSE(ccs_set_watch_functions(&bus));
+  EXPECT_FALSE(ccs_request_service_name(&bus));
+  EXPECT_EQ(calls, (Calls{"no bus today", "unset", "not for you"}));
 }
 
-TEST_F(BusDeathTest, an_error_counts_even_with_a_connection) {
-  EXPECT_EXIT(
-      {
-        log_to_stderr();
-        bus.connection = nullptr;
-        fakes.dbus_bus_get = [](DBusBusType, DBusError* error) {
-          dbus_set_error(error, DBUS_ERROR_FAILED, "half a bus");
-          return connection;
-        };
-        ccs_get_system_conn(&bus);
-        _exit(99);
-      },
-      ExitedWithCode(1),
-      fatal({line("ccs_get_system_conn", "{EE}Failed to connect system DBus: half a bus")}));
+TEST_F(Bus, an_error_is_a_failure_even_with_a_connection) {
+  bus.connection = nullptr;
+  CapturedLog log;
+  fakes.dbus_bus_get = [](DBusBusType, DBusError* error) {
+    dbus_set_error(error, DBUS_ERROR_FAILED, "half a bus");
+    return connection;
+  };
+  EXPECT_FALSE(ccs_get_system_conn(&bus));
+  EXPECT_EQ(bus.connection, nullptr);
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_get_system_conn", "{EE}Failed to connect system DBus: half a bus")}));
 }
 
-TEST_F(BusDeathTest, no_connection_without_an_error_is_fatal_without_a_message) {
-  EXPECT_EXIT(
-      {
-        log_to_stderr();
-        bus.connection = nullptr;
-        fakes.dbus_bus_get = [](DBusBusType, DBusError*) -> DBusConnection* { return nullptr; };
-        ccs_get_system_conn(&bus);
-        _exit(99);
-      },
-      ExitedWithCode(1), fatal({}));
+TEST_F(Bus, no_connection_without_an_error_is_a_failure_without_a_message) {
+  bus.connection = nullptr;
+  CapturedLog log;
+  fakes.dbus_bus_get = [](DBusBusType, DBusError*) -> DBusConnection* { return nullptr; };
+  EXPECT_FALSE(ccs_get_system_conn(&bus));
+  EXPECT_EQ(log.text(), "");
+  EXPECT_EQ(calls, (Calls{}));
 }
 
 TEST_F(Bus, the_functions_for_removing_and_toggling_are_crossed) {
@@ -322,7 +283,7 @@ TEST_F(Bus, the_functions_for_removing_and_toggling_are_crossed) {
         return dbus_bool_t{TRUE};
       };
   results = {DBUS_DISPATCH_DATA_REMAINS};
-  ccs_set_watch_functions(&bus);
+  EXPECT_TRUE(ccs_set_watch_functions(&bus));
   EXPECT_EQ(calls, (Calls{"set", "dispatch"})) << "dispatched once, whatever remains";
   EXPECT_EQ(log.text(), "");
 }
@@ -332,26 +293,21 @@ TEST_F(Bus, the_error_of_a_step_is_freed_when_the_step_has_dispatched) {
   fakes.dbus_connection_set_watch_functions = [](DBusConnection*, DBusAddWatchFunction,
                                                  DBusRemoveWatchFunction, DBusWatchToggledFunction, void*,
                                                  DBusFreeFunction) { return dbus_bool_t{TRUE}; };
-  ccs_set_watch_functions(&bus);
+  EXPECT_TRUE(ccs_set_watch_functions(&bus));
   EXPECT_EQ(calls, (Calls{"dispatch", "free"}));
   calls.clear();
   fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError*) { return 1; };
-  ccs_request_service_name(&bus);
+  EXPECT_TRUE(ccs_request_service_name(&bus));
   EXPECT_EQ(calls, (Calls{"dispatch", "free"}));
 }
 
-TEST_F(BusDeathTest, watch_functions_that_cannot_be_set_are_fatal) {
-  EXPECT_EXIT(
-      {
-        log_to_stderr();
-        fakes.dbus_connection_set_watch_functions =
-            [](DBusConnection*, DBusAddWatchFunction, DBusRemoveWatchFunction, DBusWatchToggledFunction,
-               void*, DBusFreeFunction) { return dbus_bool_t{FALSE}; };
-        ccs_set_watch_functions(&bus);
-        _exit(99);
-      },
-      ExitedWithCode(1),
-      fatal({line("ccs_set_watch_functions", "dbus_connection_set_watch_functions(): (null)")}));
+TEST_F(Bus, watch_functions_that_cannot_be_set_are_a_failure) {
+  CapturedLog log;
+  fakes.dbus_connection_set_watch_functions = refuse_watch_functions;
+  EXPECT_FALSE(ccs_set_watch_functions(&bus));
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_set_watch_functions", "dbus_connection_set_watch_functions(): (null)")}));
+  EXPECT_EQ(calls, (Calls{})) << "nothing is dispatched";
 }
 
 TEST_F(Bus, the_name_is_requested_to_replace_its_owner_and_every_answer_but_minus_1_is_accepted) {
@@ -367,7 +323,7 @@ TEST_F(Bus, the_name_is_requested_to_replace_its_owner_and_every_answer_but_minu
       calls.push_back("request");
       return answer;
     };
-    ccs_request_service_name(&bus);
+    EXPECT_TRUE(ccs_request_service_name(&bus));
     EXPECT_EQ(calls, (Calls{"request", "dispatch"})) << answer;
     EXPECT_EQ(log.lines(),
               (Lines{line("ccs_request_service_name", "Request service name: com.corvane.ControlServer")}))
@@ -378,24 +334,18 @@ TEST_F(Bus, the_name_is_requested_to_replace_its_owner_and_every_answer_but_minu
 TEST_F(Bus, the_name_is_dispatched_once_whatever_remains) {
   fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError*) { return 1; };
   results = {DBUS_DISPATCH_DATA_REMAINS};
-  ccs_request_service_name(&bus);
+  EXPECT_TRUE(ccs_request_service_name(&bus));
   EXPECT_EQ(calls, (Calls{"dispatch"}));
 }
 
-TEST_F(BusDeathTest, a_name_that_cannot_be_requested_is_fatal) {
-  EXPECT_EXIT(
-      {
-        log_to_stderr();
-        fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError* error) {
-          dbus_set_error(error, DBUS_ERROR_ACCESS_DENIED, "not for you");
-          return -1;
-        };
-        ccs_request_service_name(&bus);
-        _exit(99);
-      },
-      ExitedWithCode(1),
-      fatal({line("ccs_request_service_name", "Request service name: com.corvane.ControlServer"),
-             line("ccs_request_service_name", "{EE} dbus_bus_request_name(): not for you")}));
+TEST_F(Bus, a_name_that_cannot_be_requested_is_a_failure) {
+  CapturedLog log;
+  fakes.dbus_bus_request_name = refuse_name;
+  EXPECT_FALSE(ccs_request_service_name(&bus));
+  EXPECT_EQ(log.lines(),
+            (Lines{line("ccs_request_service_name", "Request service name: com.corvane.ControlServer"),
+                   line("ccs_request_service_name", "{EE} dbus_bus_request_name(): not for you")}));
+  EXPECT_EQ(calls, (Calls{})) << "nothing is dispatched";
 }
 
 // ---- the main loop's steps ----------------------------------------------------------------------------
@@ -406,7 +356,7 @@ TEST_F(Bus, the_read_set_holds_the_watchs_descriptor_alone) {
     for (int other = 0; other < FD_SETSIZE; ++other) FD_SET(other, &set);
     bus.fd = fd;
     CapturedLog log;
-    ccs_build_read_set(&bus, &set);
+    EXPECT_TRUE(ccs_build_read_set(&bus, &set));
     for (int other = 0; other < FD_SETSIZE; ++other) {
       EXPECT_EQ(FD_ISSET(other, &set) != 0, other == fd) << other << " in the set for " << fd;
     }
@@ -414,20 +364,14 @@ TEST_F(Bus, the_read_set_holds_the_watchs_descriptor_alone) {
   }
 }
 
-TEST_F(BusDeathTest, a_descriptor_that_select_cannot_hold_is_fatal) {
+TEST_F(Bus, a_descriptor_that_select_cannot_hold_is_a_failure) {
   for (const int fd : {1024, 1025, 100000, -1, -7}) {
     bus.fd = fd;
-    EXPECT_EXIT(
-        {
-          log_to_stderr();
-          fd_set set;
-          ccs_build_read_set(&bus, &set);
-          _exit(99);
-        },
-        ExitedWithCode(1),
-        fatal({line("ccs_build_read_set",
-                    "{EE} Watch on fd " + std::to_string(fd) + " is beyond what select() can hold")}))
-        << fd;
+    CapturedLog log;
+    fd_set set;
+    EXPECT_FALSE(ccs_build_read_set(&bus, &set)) << fd;
+    EXPECT_EQ(log.lines(), (Lines{line("ccs_build_read_set", "{EE} Watch on fd " + std::to_string(fd) +
+                                                                 " is beyond what select() can hold")}));
   }
 }
 
@@ -456,8 +400,8 @@ TEST_F(Bus, a_call_stays_in_the_queue_while_the_watch_is_set_and_the_name_reques
                                                  DBusRemoveWatchFunction, DBusWatchToggledFunction, void*,
                                                  DBusFreeFunction) { return dbus_bool_t{TRUE}; };
   fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError*) { return 1; };
-  ccs_set_watch_functions(&bus);
-  ccs_request_service_name(&bus);
+  EXPECT_TRUE(ccs_set_watch_functions(&bus));
+  EXPECT_TRUE(ccs_request_service_name(&bus));
   EXPECT_EQ(calls, (Calls{"return", "return"}));
 }
 
