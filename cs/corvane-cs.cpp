@@ -23,7 +23,6 @@
 #include "cs/bus.h"
 #include "cs/options.h"
 #include "cs/plugin-registry.h"
-#include "plugins/display-manager/display-manager.h"
 
 static constexpr unsigned max_crash_report_seconds = 2;
 

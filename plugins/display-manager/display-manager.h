@@ -104,9 +104,6 @@ struct Station {
   sem_t launched;  // posted once by each thread that proc_method_start made
 };
 
-/** Held around linking and unlinking stations. Initialised by main before any plugin. */
-extern pthread_mutex_t station_table_mutex;
-
 /**
  * Makes sure that display `display_num` has a station with a running worker; `display` (copied) and
  * `station_type` are those of the first call. With --verbose, a new station is logged with all the others.
