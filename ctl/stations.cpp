@@ -81,7 +81,7 @@ static std::string reason_of(pid_t daemon, const std::string& program) {
 const std::string& actor_command(const ActorDefinition* actor, int display) {
   static std::map<std::pair<int, int>, std::string> commands;
   const auto [command, is_new] = commands.try_emplace({actor->code, display});
-  char* argv[most_arguments + 1] = {};
+  char* argv[max_arguments + 1] = {};
   if (is_new && actor->argv[0] && dm_expand_argv(actor, display, argv) == 0) {
     for (char** word = argv; *word; ++word) command->second += (word == argv ? "" : " ") + std::string(*word);
     dm_free_argv(argv);

@@ -1,16 +1,9 @@
 // SPDX-License-Identifier: MIT
 // display-manager.cpp: stations, their workers, and the children they supervise.
 //
-// The main thread makes stations and queues events. Each station has one worker, which runs the events'
-// procedures strictly one after another and holds the station's mutex all the time but while it waits: so
-// nothing can be queued between its last look at the queue and its wait. Each start that is not refused makes
-// a thread of its own, which launches the actor, waits for it and launches it again; the worker goes on to
-// the next event only when that thread has made its first launch or has ended, so that a stop finds the child
-// of the start before it.
-//
-// No thread is joined or detached, and no station with a worker is ever removed: what one thread can reach
-// stays valid.
-// Nothing here ends an actor but a stop; the process may end at any time.
+// The functions stand in the order of a request: the main thread finds or makes the station and queues the
+// event, the worker runs the event's procedure, and the group's thread launches and supervises the child. The
+// idea is in display-manager.h: which threads run, who owns what, and what each lock guards.
 #include "plugins/display-manager/display-manager.h"
 
 #include <sys/wait.h>
@@ -18,9 +11,9 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <new>
-#include <string_view>
 
 #include "common/heap.h"
 #include "common/logger.h"
@@ -31,9 +24,7 @@
 static constexpr unsigned restart_pause_seconds = 2;
 static constexpr useconds_t ready_poll_microseconds = 500;
 static constexpr useconds_t taken_poll_microseconds = 100;
-static constexpr int most_taken_polls = 100;
-static constexpr size_t text_size = 64;  // of a program's name and of each expansion
-static constexpr const char* image_directory = "/usr/share/corvane";
+static constexpr int max_taken_polls = 100;
 
 pthread_mutex_t station_table_mutex;
 
@@ -50,7 +41,7 @@ class MutexHold {
   pthread_mutex_t& mutex_;
 };
 
-// Lets the worker go on, once: at the thread's first launch, or else wherever the thread ends.
+// Lets the worker go on, once: at the thread's first launch, or else when the thread ends.
 class LaunchNotice {
  public:
   explicit LaunchNotice(sem_t* launched) : launched_(launched) {}
@@ -69,78 +60,21 @@ class LaunchNotice {
 
 }  // namespace
 
-// ---- tables -------------------------------------------------------------------------------------------
-
-const StationType station_type_table[] = {{2, "PCI"}, {3, "USB"}, {1, "COMMON"}, {0, nullptr}};
-
-static constexpr ActorDefinition init_station = {.name = "init-station", .code = 1, .group = 0, .argv = {}};
-static constexpr ActorDefinition local_login = {
-    .name = "local-login", .code = 2, .group = 1, .argv = {"corvane-ls", "DISPLAY"}};
-static constexpr ActorDefinition remote_login = {
-    .name = "remote-login", .code = 3, .group = 1, .argv = {"corvane-ls", "DISPLAY", "-query", "localhost"}};
-static constexpr ActorDefinition press_fkey = {.name = "press-fkey",
-                                               .code = 4,
-                                               .group = 2,
-                                               .argv = {"corvane-pfk", "-display", "--verbose", "--logfile"}};
-static constexpr ActorDefinition click_mouse = {
-    .name = "click-mouse",
-    .code = 5,
-    .group = 2,
-    .argv = {"corvane-pfk", "-display", "--mouse", "--verbose", "--logfile"}};
-static constexpr ActorDefinition disable_station = {
-    .name = "disable-station",
-    .code = 6,
-    .group = 2,
-    .argv = {"corvane-x11-put-image", "DISPLAY", "CORVANE_DIR", "kva-images.bundle", "disabled"}};
-static constexpr ActorDefinition xhotkey = {
-    .name = "xhotkey", .code = 7, .group = 3, .argv = {"corvane-xh", "-display"}};
-
-constexpr const ActorDefinition* const actor_table[] = {&init_station, &local_login, &remote_login,
-                                                        &press_fkey,   &click_mouse, &disable_station,
-                                                        &xhotkey,      nullptr};
-
-// Each word is formatted into a text of fixed size when a child gets it.
-static constexpr bool words_fit() {
-  for (const ActorDefinition* const* actor = actor_table; *actor; ++actor) {
-    for (const char* const* word = (*actor)->argv; *word; ++word) {
-      if (std::string_view(*word).size() >= text_size) return false;
-    }
-  }
-  return true;
-}
-static_assert(words_fit());
-
-int dm_lookup_station_type(const char* name) {
-  const StationType* type = station_type_table;
-  while (type->name && strcmp(type->name, name) != 0) ++type;
-  return type->code;
-}
-
-int dm_lookup_actor_code(const char* name) {
-  for (const ActorDefinition* const* actor = actor_table; *actor; ++actor) {
-    if (strcmp((*actor)->name, name) == 0) return (*actor)->code;
-  }
-  return 0;
-}
-
-const ActorDefinition* dm_find_actor(int code) {
-  const ActorDefinition* const* actor = actor_table;
-  while (*actor && (*actor)->code != code) ++actor;
-  return *actor;
-}
-
 // ---- stations and their queues ------------------------------------------------------------------------
 
-// Walks the list without a lock. That is safe beside a station that is linked and, for want of a thread,
-// unlinked and freed again: such a station is always the last, and a lookup from another thread ends at its
-// own station before it.
+// Walks the list without a lock. This is safe while the main thread links a station and, because it cannot
+// make the worker, unlinks and frees it again: that station is always the last one, and a look-up from
+// another thread ends at its own station before it.
+//
+// One Start looks its station up three times: to make it, to queue the event, and in the group's thread. Each
+// of the three gets a display number and has its own line of the log for what it finds.
 static Station* find_station(const PluginContext* context, int display_num) {
   Station* station = context->stations;
   while (station && station->display_num != display_num) station = station->next;
   return station;
 }
 
-// Null when memory is short.
+// Returns null when memory is short.
 static Station* new_station(const char* display, int display_num, int station_type) {
   void* memory = malloc(sizeof(Station));
   if (!memory) return nullptr;
@@ -227,20 +161,21 @@ EventOwner dm_new_event(PluginContext* context, int kind) {
   return event;
 }
 
-// Called and left with the station's mutex held. A thread that holds a mutex again and again is faster than
-// one that has to be woken for it: a burst would fill the queue with hundreds of events, and the call behind
-// them would wait for all their launches. So the worker gets the mutex for each event first, and no call
-// waits for more than one launch. A worker that gets no processor for ten milliseconds finds the event later.
+// The caller holds the station's mutex, before and after. Lets the worker take each queued event before the
+// next one is queued: a thread that takes a mutex again and again is faster than one that must first be woken
+// for it. A burst could otherwise queue hundreds of events, and the call after them would wait for all their
+// launches. This way no call waits for more than one launch. A worker that gets no processor for ten
+// milliseconds finds the event later.
 static void let_worker_take(Station* station) {
-  for (int polls = 0; station->events && polls < most_taken_polls; ++polls) {
+  for (int polls = 0; station->events && polls < max_taken_polls; ++polls) {
     pthread_mutex_unlock(&station->mutex);
     usleep(taken_poll_microseconds);
     pthread_mutex_lock(&station->mutex);
   }
 }
 
-// The first look at `ready` of a brand-new station comes when its worker waits: one that came before would
-// cost the caller a pause.
+// Waits for a new worker on `waiting` first, so that the first look at `ready` succeeds: a look that came too
+// early would cost the caller a pause.
 static void wait_for_worker(Station* station) {
   while (!station->was_waiting) station->was_waiting = sem_wait(&station->waiting) == 0;
   while (station->ready == 0) usleep(ready_poll_microseconds);
@@ -271,8 +206,8 @@ void* process_station_events(void* worker_station) {
   for (bool is_first_wait = true;; is_first_wait = false) {
     station->ready = 1;
     if (is_first_wait) sem_post(&station->waiting);
-    pthread_cond_wait(&station->cond,
-                      &station->mutex);  // once and in any case: nothing can be queued before it
+    // Waits once, without a look at the queue: no event can be queued before the wait.
+    pthread_cond_wait(&station->cond, &station->mutex);
     while (station->events) {
       const EventOwner event(station->events);
       station->events = event->next;
@@ -281,86 +216,38 @@ void* process_station_events(void* worker_station) {
   }
 }
 
-// ---- actors -------------------------------------------------------------------------------------------
+// ---- supervision --------------------------------------------------------------------------------------
 
-// Appends a copy of `text` to the vector; false when memory is short.
-static bool add_argument(char** argv, int* count, const char* text) {
-  argv[*count] = strdup(text);
-  if (!argv[*count]) return false;
-  argv[++*count] = nullptr;  // NOLINT(clang-analyzer-unix.Malloc): see replace_argument
-  return true;
-}
-
-// Puts a copy of `text` in the place of the last argument. The copy that stood there is deliberately not
-// freed: a few bytes a launch.
-static bool replace_argument(char** argv, int* count, const char* text) {
-  --*count;
-  return add_argument(argv, count, text);
-}
-
-int dm_expand_argv(const ActorDefinition* actor, int display_num, char* argv[most_arguments + 1]) {
-  char program[text_size];
-  text_format(program, sizeof program, "%s", actor->argv[0]);
-  char text[text_size];
-  int count = 0;
-  for (const char* const* word = actor->argv; *word; ++word) {
-    bool added = add_argument(argv, &count, *word);
-    if (strcmp(*word, "-display") == 0) {
-      text_format(text, sizeof text, ":%d", display_num);
-      added = added && add_argument(argv, &count, text);
-    } else if (strcmp(*word, "DISPLAY") == 0) {
-      text_format(text, sizeof text, ":%d", display_num);
-      added = added && replace_argument(argv, &count, text);
-    } else if (strcmp(*word, "--logfile") == 0) {
-      text_format(text, sizeof text, "/var/log/%s%d.log", program, display_num);
-      added = added && add_argument(argv, &count, text);
-    } else if (strcmp(*word, "CORVANE_DIR") == 0) {
-      ++word;
-      text_format(text, sizeof text, "%s/images/%s", image_directory, *word);
-      added = added && replace_argument(argv, &count, text);
-    }
-    if (!added) {
-      dm_free_argv(argv);
-      return -1;
-    }
-  }
-  return 0;
-}
-
-void dm_free_argv(char** argv) {
-  for (; *argv; ++argv) free(*argv);
-}
-
-// A vector whose words are not on the heap: a child does not have the daemon's heap, except for the stations.
-struct WordsOfChild {
-  char words[most_arguments][text_size];
-  char* vector[most_arguments + 1];
+// An argument vector that is not on the heap: of the daemon's heap, a child gets only the stations for sure.
+struct ChildArguments {
+  char texts[max_arguments][argument_size];
+  char* vector[max_arguments + 1];
 };
 
-static void copy_words(char* const* argv, WordsOfChild& copy) {
+static void copy_arguments(char* const* argv, ChildArguments& copy) {
   int count = 0;
   for (; argv[count]; ++count) {
-    text_format(copy.words[count], text_size, "%s", argv[count]);
-    copy.vector[count] = copy.words[count];
+    text_format(copy.texts[count], argument_size, "%s", argv[count]);
+    copy.vector[count] = copy.texts[count];
   }
   copy.vector[count] = nullptr;
 }
 
-// The child's side of a launch: async-signal-safe calls only, and nothing of the daemon's buffers, locks or
-// exit handlers if the program cannot be run.
+// The child's side of a launch, which makes only async-signal-safe calls. If the program cannot be run, the
+// child ends without flushing the daemon's buffers or running its exit handlers.
 [[noreturn]] static void run_actor(char* const* argv) {
   signals_give_back();
   execvp(argv[0], argv);
   _exit(0);
 }
 
-// Forks and records the child; called with the group's mutex held. Returns its pid, -1 when there is none
-// (the caller then marks the group idle), or 0 when the group belongs to a thread newer than `number`, whose
-// child must stay the only one.
+// Forks and records the child. The caller holds the group's mutex. Returns the child's pid; or -1 when the
+// fork failed, and the caller then marks the group idle; or 0 when a thread newer than `number` owns the
+// group, whose child must stay the only one.
 static pid_t launch(ActorGroup& group, unsigned number, void* stack, char* const* argv) {
   if (group.newest != number) return 0;
-  WordsOfChild copy;
-  copy_words(argv, copy);
+  ChildArguments copy;
+  copy_arguments(argv, copy);
   heap_leave_out_growth();
   const pid_t child = stack_fork(stack);
   group.child_pid = child;
@@ -370,11 +257,11 @@ static pid_t launch(ActorGroup& group, unsigned number, void* stack, char* const
   return child;
 }
 
-// Waits for the child's death, and only then takes its number from it: until it is reaped the system gives
-// the number to nobody else, and a stop that comes later knows that it must not signal it any more.
+// Waits for the child's death and only then reaps it, under the lock. Until it is reaped, the system does not
+// reuse its pid. A stop that comes later finds child_reaped and does not signal the pid.
 static void reap(ActorGroup& group, pid_t child) {
   siginfo_t death;
-  // Whatever else fails it is asked again: a wait behind the lock below must not be a long one.
+  // Retries on every error except ECHILD, so that the wait under the lock below is short.
   while (waitid(P_PID, static_cast<id_t>(child), &death, WEXITED | WNOWAIT) != 0 && errno != ECHILD) {
   }
   const MutexHold hold(group.child_mutex);
@@ -383,7 +270,7 @@ static void reap(ActorGroup& group, pid_t child) {
   }
 }
 
-// The group is idle, unless it belongs to a newer thread by now.
+// Marks the group idle, unless a newer thread owns it by now.
 static void mark_idle(ActorGroup& group, unsigned number) {
   const MutexHold hold(group.child_mutex);
   if (group.newest == number) group.is_running = 0;
@@ -421,7 +308,7 @@ void* method_start_thread(void* thread_start) {
   }
 
   for (;;) {
-    char* argv[most_arguments + 1];
+    char* argv[max_arguments + 1];
     if (dm_expand_argv(actor, display_num, argv) != 0) {
       mark_idle(group, number);
       log_debug("{DM} Unable to allocate memory\n");
@@ -451,7 +338,7 @@ void* method_start_thread(void* thread_start) {
         return nullptr;
       }
     }
-    // The child's number alone does not tell: the system may have given it to the child of a newer thread.
+    // The pid alone is not enough: the system may have reused it for the child of a newer thread.
     if (group.newest != number || group.child_pid != child) {
       log_debug(
           "Another process on the same actor group has been started: %d. Exit from the current thread\n",
@@ -470,7 +357,7 @@ void* init_group_thread(void* thread_start) {
   start.reset();
 
   log_debug("init_group_thread() for actor_code:%d, display_num:%d\n", actor_code, display_num);
-  if (actor_code == init_station.code) {
+  if (actor_code == init_station_code) {
     log_debug("No action needed for INIT_STATION. display_num: %d\n", display_num);
   } else {
     log_debug("Invalid actor code for INIT_GROUP: actor_code:%d, display_num:%d\n", actor_code, display_num);
@@ -483,7 +370,8 @@ static int create_group_thread(pthread_t* thread, void* (*body)(void*), ThreadSt
   start->stack = stack_take();
   if (!start->stack) return ENOMEM;
   pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
+  pthread_attr_init(&attributes);  // on Linux it always succeeds (pthread_attr_init(3))
+  // Cannot fail: stacks of the pool are aligned and larger than the least size (pthread_attr_setstack(3)).
   pthread_attr_setstack(&attributes, start->stack, pool_stack_size);
   const int rc = pthread_create(thread, &attributes, body, start);
   pthread_attr_destroy(&attributes);
@@ -507,9 +395,9 @@ void proc_method_start(Station* station, StationEvent* event) {
   ActorGroup& group = station->groups[actor->group];
   int rc = 0;
   {
-    // The hold makes one step of the test and the claim: an older thread of the group that is just about to
-    // launch again either has done so, and this start is refused, or finds that the group is taken. The new
-    // thread's first launch waits for the hold.
+    // Tests and claims the group in one step. An older thread of the group may be about to launch again: it
+    // has either done so, and this start is refused, or it finds that the group has a new owner. The new
+    // thread's first launch waits until this hold ends.
     const MutexHold hold(group.child_mutex);
     log_debug("group:%d, is_running:%d\n", actor->group, group.is_running.load());
     if (group.is_running != 0) {

@@ -1,5 +1,25 @@
 // SPDX-License-Identifier: MIT
-// display-manager: the actors that can run, the stations that run them, and what is asked of a station.
+// display-manager: the actors that can run, the stations that run them, and the requests to a station.
+//
+// A station is one X display. The main thread makes stations and queues events; an event is one request to
+// start or to stop an actor. Each station has one worker, which runs the procedures of the events strictly
+// one after another. The worker holds the station's mutex except while it waits for an event. So no event can
+// be queued between its last look at the queue and its wait.
+//
+// Each start that is not refused makes a thread. For an actor of groups 1 to 3 this thread supervises: it
+// launches the actor, waits for its death and launches it again. The worker goes on to the next event only
+// when the thread has made its first launch or has ended, so that a stop finds the child of the start before
+// it. Only a stop ends an actor.
+//
+// Owners: an event belongs to its maker, then to the queue, and the worker frees it. The thread of a start
+// owns its ThreadStart. The list of stations owns the stations; it begins in the PluginContext.
+//
+// Locks: station_table_mutex is held while a station is linked or unlinked, and never together with another
+// mutex. Station::mutex guards the queue. ActorGroup::child_mutex makes a launch, a signal and a reaping
+// exclude one another; it may be taken while Station::mutex is held. Look-ups take no lock.
+//
+// No thread is joined or detached, and a station with a worker is never removed: what a thread can reach
+// stays valid until the process ends, which may happen at any time.
 #pragma once
 
 #include <pthread.h>
@@ -13,7 +33,7 @@
 
 inline constexpr int actor_group_count = 4;  // 0: no process; 1: login; 2: injectors and image; 3: hot keys
 
-// ---- tables -------------------------------------------------------------------------------------------
+// ---- tables (actor-tables.cpp) ------------------------------------------------------------------------
 
 /** A kind of station. The table ends with code 0, which is no type. */
 struct StationType {
@@ -22,24 +42,45 @@ struct StationType {
 };
 extern const StationType station_type_table[];
 
-/** A helper program that can run on a station, with its words; see dm_expand_argv for the ones replaced. */
+inline constexpr int init_station_code = 1;  // the actor of group 0
+
+/** An actor: a helper program that can run on a station. dm_expand_argv expands its words to arguments. */
 struct ActorDefinition {
   const char* name;
   int code;
-  int group;             // a station runs at most one actor of a group; group 0 runs no process
+  int group;             // a station runs at most one actor of each group; group 0 runs no process
   const char* argv[13];  // program first, ended by null; an actor may have no program
 };
-/** All actors, ended by null; in the order of every lookup. */
+/** All actors, ended by null, in the order of every look-up. */
 extern const ActorDefinition* const actor_table[];
 
-/** The code of the station type of exactly this name, 0 if there is none. Any thread. */
+/** The code of the station type with exactly this name, 0 if none has it. Any thread. */
 int dm_lookup_station_type(const char* name);
 
-/** The code of the actor of exactly this name, 0 if there is none. Any thread. */
+/** The code of the actor with exactly this name, 0 if none has it. Any thread. */
 int dm_lookup_actor_code(const char* name);
 
-/** The actor of this code, null if there is none. Any thread. */
+/** The actor with this code, null if none has it. Any thread. */
 const ActorDefinition* dm_find_actor(int code);
+
+// ---- arguments (actor-arguments.cpp) ------------------------------------------------------------------
+
+inline constexpr int max_arguments = 9;
+inline constexpr size_t argument_size = 64;  // of a program's name or an argument, with its terminating zero
+
+/**
+ * Writes the argument vector of `actor` on display `display_num` into `argv`, ended by null. Of its words,
+ *   "DISPLAY" becomes ":N";                  "-display" stays and is followed by ":N";
+ *   "CORVANE_DIR" and the word after it become the path of that image;
+ *   "--logfile" stays and is followed by the path of the program's log for the display.
+ *
+ * Returns 0, and the caller frees the strings with dm_free_argv. Returns -1, with all strings freed, when
+ * memory is short. A program name or an expansion of more than 63 bytes ends the process. Any thread.
+ */
+int dm_expand_argv(const ActorDefinition* actor, int display_num, char* argv[max_arguments + 1]);
+
+/** Frees the strings of a vector that null ends, but not the vector. */
+void dm_free_argv(char** argv);
 
 // ---- stations and their queues ------------------------------------------------------------------------
 
@@ -47,8 +88,8 @@ inline constexpr int event_kind_start = 1;
 inline constexpr int event_kind_stop = 2;
 
 /**
- * One request to a station. Its maker owns it until add_station_event has taken it, then the queue; the
- * worker frees it when its procedure has returned.
+ * One request to a station. Its maker owns it until add_station_event accepts it. Then the queue owns it, and
+ * the worker frees it after its procedure has returned.
  */
 struct StationEvent {
   int kind;
@@ -61,111 +102,94 @@ struct StationEvent {
 };
 using EventOwner = Owned<StationEvent>;
 
-/** What a station knows of one actor group. */
+/** One actor group of a station. */
 struct ActorGroup {
   pthread_t thread;  // the last one made; neither joined nor detached
 
-  // Written under child_mutex by the worker and the group's threads, which also read single ones without it.
-  std::atomic<int>
-      is_running;  // 1 from a launch to the next stop or failed launch, also in the pause of a dead child
+  // Written under child_mutex by the worker and the group's threads, which read single fields without it.
+  std::atomic<int> is_running;   // 1 from a launch to the next stop or failed launch, also in a pause
   std::atomic<int> keep_alive;   // 1 from a start to the next stop
-  std::atomic<pid_t> child_pid;  // 0: none; still a dead child's number during its pause
-  std::atomic<unsigned> newest;  // number of the supervising thread that the group belongs to
+  std::atomic<pid_t> child_pid;  // 0: none; in a pause still the dead child's pid
+  std::atomic<unsigned> newest;  // number of the supervising thread that owns the group
 
-  // Held while the group is claimed for a new thread, and while a child is forked and recorded, signalled, or
-  // reaped: each of these sees the others done or not begun, so that a signal never meets a number that the
-  // system has given to somebody else.
+  // Held while a group is claimed for a new thread, and while a child is forked and recorded, signalled, or
+  // reaped. Each of these finds the others done or not begun, so the daemon never signals a pid that the
+  // system has given to another process.
   pthread_mutex_t child_mutex = PTHREAD_MUTEX_INITIALIZER;
-  bool child_reaped;  // child_pid is a number only; guarded by child_mutex
+  bool child_reaped;  // child_pid may have been reused; guarded by child_mutex
 };
 
-/** One X display and its worker. Linked for good once its worker runs. */
+/** One X display and its worker. Linked until the process ends, once its worker runs. */
 struct Station {
   pthread_t thread;  // the worker; neither joined nor detached
 
-  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards `events`; given up by the worker only to wait
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards `events`; the worker releases it only to wait
   pthread_cond_t cond = PTHREAD_COND_INITIALIZER;     // signalled for each event queued; one waiter
-  std::atomic<int> ready;  // 1 once the worker waits; polled, after `waiting`, to queue
+  std::atomic<int> ready;  // 1 once the worker waits; add_station_event polls it after `waiting`
 
   ActorGroup groups[actor_group_count];
 
-  int display_num;  // constant, as the two below; the key of the list
-  char* display;    // owned copy of the first caller's text, for whoever debugs the process
+  int display_num;  // constant, like the next two; the key of the list
+  char* display;    // owned copy of the first caller's text, for debuggers
   int station_type;
 
   StationEvent* events;  // owned; first in, first out
 
   Station* prev;               // used by the main thread only
-  std::atomic<Station*> next;  // written by the main thread, read by every lookup
+  std::atomic<Station*> next;  // written by the main thread, read by every look-up
 
   sem_t waiting;             // posted once by the worker, when it is about to wait for the first time
-  bool was_waiting = false;  // that has been waited for; used by the main thread only
+  bool was_waiting = false;  // whether `waiting` has been waited for; used by the main thread only
 
-  sem_t launched;  // posted once by each thread that proc_method_start made
+  sem_t launched;  // posted once by each thread that proc_method_start makes
 };
 
 /**
- * Makes sure that display `display_num` has a station with a running worker; `display` (copied) and
- * `station_type` are those of the first call. With --verbose, a new station is logged with all the others.
- * Returns 0, or -1 with a line in the log when memory or threads are short: then nothing is left of the
- * station. Main thread.
+ * Makes sure that display `display_num` has a station with a running worker. The station keeps the `display`
+ * (a copy) and `station_type` of the first call. With --verbose, a new station is logged with all others.
+ * Returns 0. Returns -1 and logs the reason when memory or threads are short; no station is then left. Main
+ * thread.
  */
 int dm_start_station_thread(PluginContext* context, const char* display, int display_num, int station_type);
 
 /**
- * A new event with kind and context filled in, to be filled in further by the caller.
- * Null when memory is short; the caller says so. Any thread.
+ * A new event with `kind`, `context` and `next` set. The caller fills in the rest.
+ * Null when memory is short; the caller logs that. Any thread.
  */
 EventOwner dm_new_event(PluginContext* context, int kind);
 
 /**
- * Queues `event` behind the others of the display's station and wakes the worker. Waits until a brand-new
- * worker is ready, and while the worker runs procedures.
- * Returns 0 and takes the event over, or -1 with a line in the log, leaving the event with the caller, when
- * the display has no station. Main thread.
+ * Queues `event` last on the display's station and wakes the worker. Waits until a new worker is ready, and
+ * while the worker runs procedures.
+ * Returns 0 and takes the event. Returns -1, logs it and leaves the event with the caller, when the display
+ * has no station. Main thread.
  */
 int add_station_event(EventOwner& event, int display_num);
 
 /** Body of a station's worker; `worker_station` is the Station. Never returns. */
 void* process_station_events(void* worker_station);
 
-// ---- actors -------------------------------------------------------------------------------------------
-
-inline constexpr int most_arguments = 9;
+// ---- supervision --------------------------------------------------------------------------------------
 
 /**
- * Writes the argument vector of `actor` on display `display_num` into `argv`, ended by null. Of its words,
- *   "DISPLAY" becomes ":N";                  "-display" stays and is followed by ":N";
- *   "CORVANE_DIR" and the word behind it become the path of that image;
- *   "--logfile" stays and is followed by the path of the program's log for the display.
- *
- * Returns 0, the strings being the caller's (dm_free_argv), or -1 with nothing left behind when memory is
- * short. A program name or an expansion of more than 63 bytes ends the process. Any thread.
- */
-int dm_expand_argv(const ActorDefinition* actor, int display_num, char* argv[most_arguments + 1]);
-
-/** Frees the strings of a vector ended by null, not the vector. */
-void dm_free_argv(char** argv);
-
-/**
- * Procedures of events, on the station's worker: start the actor's group unless it runs, end the child of
- * the actor's group. What they find wrong they say in the log. The start returns when the group's thread
- * has made its first launch or has ended, so that the next event finds what this one did.
+ * Procedures of events, on the station's worker: start the actor's group unless it runs, or end the child of
+ * the actor's group. They log each failure. The start returns when the group's thread has made its first
+ * launch or has ended, so that the next event finds its result.
  */
 void proc_method_start(Station* station, StationEvent* event);
 void proc_method_stop(Station* station, StationEvent* event);
 
-/** What proc_method_start hands to the thread it makes, which frees it. */
+/** What proc_method_start passes to the thread that it makes. The thread frees it. */
 struct ThreadStart {
-  StationEvent event;  // a copy; the queue's own is gone when its procedure returns
+  StationEvent event;  // a copy: the worker frees the original when the procedure returns
   unsigned number;     // of the thread in its group
-  sem_t* launched;     // the station's, to be posted once
+  sem_t* launched;     // the station's; posted once
   void* stack;         // the thread's own, from the pool
 };
 
 /**
  * Bodies of the threads that proc_method_start makes, for group 0 and for groups 1 to 3. `thread_start` is a
- * ThreadStart from malloc, which they free first thing.
+ * ThreadStart from malloc, which they free first.
  */
 void* init_group_thread(void* thread_start);
 void* method_start_thread(void* thread_start);

@@ -50,7 +50,7 @@ Template template_of(std::string_view input) {
   for (size_t i = 1; i < lines.size(); ++i) {
     const size_t taken = lines[i] == "CORVANE_DIR" ? 2 : 1;
     arguments += arguments_of(lines[i]);
-    if (arguments > most_arguments || i + taken > lines.size() || made.words.size() + taken > most_words)
+    if (arguments > max_arguments || i + taken > lines.size() || made.words.size() + taken > most_words)
       break;
     made.words.push_back(lines[i]);
     if (taken == 2) made.words.push_back(lines[++i]);
@@ -131,7 +131,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (size_t i = 0; i < from.words.size(); ++i) actor.argv[i] = from.words[i].c_str();
 
   static char unwritten[] = "unwritten";
-  char* argv[most_arguments + 1];
+  char* argv[max_arguments + 1];
   for (char*& argument : argv) argument = unwritten;
   int result = 0;
   copy_to_fail = from.copy_to_fail;

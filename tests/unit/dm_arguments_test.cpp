@@ -13,7 +13,7 @@ using Words = std::vector<std::string>;
 namespace {
 
 Words expanded(const ActorDefinition* actor, int display_num) {
-  char* argv[most_arguments + 1];
+  char* argv[max_arguments + 1];
   if (dm_expand_argv(actor, display_num, argv) != 0) return {"(no memory)"};
   Words words;
   for (char** word = argv; *word; ++word) words.push_back(*word);
@@ -62,7 +62,7 @@ TEST_F(ExpandArgv, words_are_compared_whole_and_with_their_case) {
 }
 
 TEST_F(ExpandArgv, a_vector_of_nine_arguments_is_the_largest) {
-  EXPECT_EQ(most_arguments, 9);
+  EXPECT_EQ(max_arguments, 9);
 }
 
 TEST_F(ExpandArgv, a_programs_name_of_63_bytes_fits) {
