@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// dm-dbus.cpp: from a call on the bus to one event in a station's queue.
+// dm-dbus.cpp: from a method call to one event in a station's queue.
 //
-// A call is checked against the tables, turned into an event and answered at once: true means queued, and
-// the log alone says what came of it. Everything here runs on the main thread. An event belongs to the
-// handler until add_station_event takes it.
+// A handler checks the call against the tables, queues an event and replies at once. True means queued; only
+// the log shows the result. Everything here runs on the main thread. The handler owns the event until
+// add_station_event takes it.
 #include "plugins/display-manager/dm-dbus.h"
 
 #include <cerrno>
@@ -16,7 +16,7 @@
 #include "common/reply.h"
 #include "plugins/display-manager/display-manager.h"
 
-// Reads a number that fits an int and leaves *end behind it; false when there is none.
+// Reads a number that fits an int, and sets *end to the character after it. Returns false without one.
 static bool parse_int(const char* text, int* number, const char** end) {
   char* stop = nullptr;
   errno = 0;
@@ -34,7 +34,7 @@ int dm_parse_display(const char* text) {
   const char* end = nullptr;
   if (!parse_int(colon + 1, &display_num, &end)) return -1;
   if (*end == '.') {
-    int screen_num = 0;  // checked, but no actor is told of it
+    int screen_num = 0;  // checked, but not used
     if (!parse_int(end + 1, &screen_num, &end)) return -1;
   }
   return *end == '\0' ? display_num : -1;
@@ -49,8 +49,8 @@ static DBusHandlerResult answer(DBusConnection* connection, DBusMessage* message
   return DBUS_HANDLER_RESULT_HANDLED;
 }
 
-// The checks stand in this order, which is not that of the arguments: the first that fails is the one that
-// the log names. A station that was made stays, also when its event could not be made or queued.
+// The checks deliberately do not follow the order of the arguments. The log names only the first that fails.
+// A new station stays, even if its event cannot be made or queued.
 DBusHandlerResult dbus_dm_start(DBusConnection* connection, DBusMessage* message, Plugin* plugin) {
   BusError error;
   const char* display = nullptr;

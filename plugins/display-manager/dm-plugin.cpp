@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 // dm-plugin.cpp: record and message handler of the display manager.
 //
-// The handler only tells the two methods apart; what they do is in dm-dbus.cpp, and what comes of it in
-// display-manager.cpp. It runs on the main thread and never waits for an actor.
+// The handler only tells the two methods apart: dm-dbus.cpp has the methods, display-manager.cpp what they
+// start. It runs on the main thread and never waits for an actor.
 #include "plugins/display-manager/dm-plugin.h"
 
 #include "common/logger.h"
 #include "plugins/display-manager/dm-dbus.h"
 
-static constexpr const char* dm_interface = "com.corvane.ControlServer.DisplayManager";
+static constexpr const char* interface_name = "com.corvane.ControlServer.DisplayManager";
 
 Plugin dm_plugin = {.name = "DisplayManager",
                     .path = "/com/corvane/ControlServer/DisplayManager",
@@ -27,9 +27,9 @@ void dm_fin(Plugin*) {
   log_debug("Finalize DisplayManager plugin\n");
 }
 
-// The line of a message that is not ours is written by hand, because readers of the log know it as it is:
-// where other lines have the function's name it has a longer text, which moves the interface behind "obj="
-// and the member behind "intf=". The path is not in it, and nothing stands behind "member=".
+// Writes the line for an unknown message without log_debug, because readers of the log know its form. In the
+// place of the function name it has a longer text. So the interface follows "obj=", the member follows
+// "intf=", nothing follows "member=", and the path is missing.
 static void log_unhandled(DBusMessage* message) {
   if (!plogger || plogger->level < LOG_LEVEL_DEBUG) return;
   plogger->write(plogger, "%s:%i:%s: DEBUG: Unhandled message: obj=%s, intf=%s, member=%s\n", __FILE__,
@@ -38,10 +38,10 @@ static void log_unhandled(DBusMessage* message) {
 }
 
 DBusHandlerResult dm_handle_dbus_message(DBusConnection* connection, DBusMessage* message, Plugin* plugin) {
-  if (dbus_message_is_method_call(message, dm_interface, "Start")) {
+  if (dbus_message_is_method_call(message, interface_name, "Start")) {
     return dbus_dm_start(connection, message, plugin);
   }
-  if (dbus_message_is_method_call(message, dm_interface, "Stop")) {
+  if (dbus_message_is_method_call(message, interface_name, "Stop")) {
     return dbus_dm_stop(connection, message, plugin);
   }
   log_unhandled(message);

@@ -7,11 +7,11 @@
 /** The plugin's row for the plugin table. */
 extern Plugin dm_plugin;
 
-/** Keeps `context`, which holds the station list, in the record. Returns 0; it cannot fail. */
+/** Stores `context`, which holds the list of stations, in the record. Returns 0; it cannot fail. */
 int dm_init(Plugin* plugin, PluginContext* context);
 
-/** Leaves a line in the log and stops nothing: stations end with the process, actors go on without it. */
+/** Only writes a line to the log: stations end with the process, and actors continue without it. */
 void dm_fin(Plugin* plugin);
 
-/** Answers Start and Stop; any other message is logged and left to the bus library. */
+/** Passes Start and Stop to their methods. Logs any other message and leaves it to libdbus. */
 DBusHandlerResult dm_handle_dbus_message(DBusConnection* connection, DBusMessage* message, Plugin* plugin);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // dummy-plugin.cpp: record and message handler of the example plugin.
 //
-// A handler tests its methods one after another and returns what the first that fits returns; what fits
-// none is logged and left unhandled. Everything runs on the main thread and answers at once.
+// A handler tests its methods one after another and returns the result of the first that matches. It logs any
+// other message and leaves it unhandled. Everything runs on the main thread and returns at once.
 #include "plugins/dummy/dummy-plugin.h"
 
 #include "common/logger.h"

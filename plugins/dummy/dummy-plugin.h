@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// dummy-plugin: the smallest complete plugin, to be copied by whoever writes the next one.
+// dummy-plugin: the smallest complete plugin, to copy for the next one.
 #pragma once
 
 #include "plugins/plugin.h"
@@ -7,11 +7,11 @@
 /** The plugin's row for the plugin table. */
 extern Plugin dummy_plugin;
 
-/** Keeps `context` in the record. Returns 0; it cannot fail. */
+/** Stores `context` in the record. Returns 0; it cannot fail. */
 int dummy_init(Plugin* plugin, PluginContext* context);
 
-/** Leaves a line in the log; there is nothing to undo. */
+/** Only writes a line to the log: there is nothing to undo. */
 void dummy_fin(Plugin* plugin);
 
-/** Answers HelloWorld; any other message is logged and left to the bus library. */
+/** Answers HelloWorld. Logs any other message and leaves it to libdbus. */
 DBusHandlerResult dummy_handle_dbus_message(DBusConnection* connection, DBusMessage* message, Plugin* plugin);

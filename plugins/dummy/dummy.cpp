@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// dummy.cpp: what the example plugin does, apart from how it is reached.
+// dummy.cpp: the methods of the example plugin; dummy-plugin.cpp calls them.
 //
-// One function per bus method, with the method's name behind the plugin's prefix.
+// One function for each bus method, named by the plugin's prefix and the method's name.
 #include "plugins/dummy/dummy.h"
 
 #include "common/logger.h"

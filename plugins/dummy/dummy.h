@@ -5,7 +5,7 @@
 #include <dbus/dbus.h>
 
 /**
- * HelloWorld() -> s: answers "How are you?". Arguments that a caller sends are not read.
- * Returns DBUS_HANDLER_RESULT_HANDLED whatever becomes of the reply. Main thread.
+ * HelloWorld() -> s: answers "How are you?". It ignores all arguments.
+ * Returns DBUS_HANDLER_RESULT_HANDLED, even if the reply cannot be sent. Main thread.
  */
 DBusHandlerResult dbus_dummy_hello_world(DBusConnection* connection, DBusMessage* message);
