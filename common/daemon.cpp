@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// daemon.cpp: one daemon at a time, found again by its pid file.
+// daemon.cpp: one daemon at a time, found by its pid file.
 //
-// A pid in a file proves nothing by itself, so the executable of that process is compared with our own.
-// Everything here but the crash report happens before the daemon has threads. Results that no caller could
-// act on are deliberately not looked at: what matters is said in the log.
+// A pid in a file proves nothing, because it may have been reused. So the executable of that process is
+// compared with the daemon's own. Everything here except the crash report runs before the daemon has threads.
+// Results that no caller could act on are deliberately not checked; the log reports what matters.
 #include "common/daemon.h"
 
 #include <execinfo.h>
@@ -14,15 +14,16 @@
 #include <cstring>
 
 static constexpr unsigned pid_file_settling_seconds = 2;
-static constexpr size_t exe_link_size = 17;  // "/proc/999999/exe" and its zero
-static constexpr int most_frames = 255;
+static constexpr size_t exe_link_size = 17;  // "/proc/999999/exe" with its terminating zero
+static constexpr int max_frames = 255;
 
 struct CloseFile {
   void operator()(FILE* file) const noexcept { fclose(file); }
 };
 using FileOwner = std::unique_ptr<FILE, CloseFile>;
 
-static Logger* usable(Logger* logger) {
+// The given logger, or a new one on standard error in the place of null.
+static Logger* usable_logger(Logger* logger) {
   static Logger without_memory = {
       .level = LOG_LEVEL_DEBUG, .name = "stderr", .fp = nullptr, .write = log_write};
   if (!logger) logger = log_open("stderr");
@@ -34,11 +35,11 @@ static Logger* usable(Logger* logger) {
 }
 
 TextOwner read_symlink(const char* path, Logger* logger) {
-  // A missing buffer goes to the kernel as well, which refuses it: through a plain pointer, because the
-  // declaration of readlink would let the compiler drop the tests for it below.
+  // A null buffer is also passed to the kernel, which refuses it. The call goes through a plain pointer:
+  // after a direct call the compiler could drop the tests for null below, because of readlink's declaration.
   static ssize_t (*const volatile read_link)(const char*, char*, size_t) = readlink;
 
-  logger = usable(logger);
+  logger = usable_logger(logger);
   size_t size = 16;
   TextOwner target(static_cast<char*>(malloc(size)));
   ssize_t length = read_link(path, target.get(), size);
@@ -65,7 +66,7 @@ TextOwner read_symlink(const char* path, Logger* logger) {
 }
 
 int daemon_get_pid(const char* pidfile, Logger* logger) {
-  logger = usable(logger);
+  logger = usable_logger(logger);
   const FileOwner file(fopen(pidfile, "r"));
   if (!file) {
     logger->write(logger, "could not open pid file: %s for reading.\n", pidfile);
@@ -73,8 +74,8 @@ int daemon_get_pid(const char* pidfile, Logger* logger) {
   }
   sleep(pid_file_settling_seconds);
 
-  long long pid;  // wide enough that no number is taken for another one on either target
-  // NOLINTNEXTLINE(cert-err34-c): too large a number is the largest there is, and ends in the abort below
+  long long pid;  // wide, so that a number beyond int is not taken for another pid
+  // NOLINTNEXTLINE(cert-err34-c): a number out of range becomes the largest one, and ends in the abort below
   if (fscanf(file.get(), "%lld", &pid) != 1) return 0;
   const TextOwner own = read_symlink("/proc/self/exe", logger);
   char exe_link[exe_link_size];
@@ -85,7 +86,7 @@ int daemon_get_pid(const char* pidfile, Logger* logger) {
 }
 
 int daemon_start(const char* pidfile, Logger* logger) {
-  logger = usable(logger);
+  logger = usable_logger(logger);
   if (fork() > 0) exit(0);
   [[maybe_unused]] const int changed = chdir("/");
   setsid();
@@ -115,8 +116,8 @@ int daemon_stop(const char* pidfile, int sig, Logger* logger) {
 }
 
 void log_backtrace(Logger* logger) {
-  logger = usable(logger);
-  void* frames[most_frames];
-  const int count = backtrace(frames, most_frames);
+  logger = usable_logger(logger);
+  void* frames[max_frames];
+  const int count = backtrace(frames, max_frames);
   if (logger->fp) backtrace_symbols_fd(frames, count, fileno(logger->fp));
 }

@@ -1,20 +1,18 @@
 // SPDX-License-Identifier: MIT
-// heap.cpp: why forks do not get slower with what dead threads have left on the heap.
+// heap.cpp: keeps forks fast although each dead thread leaves memory on the heap.
 //
-// A thread that is never joined leaves some 300 bytes on the heap, which nothing uses any more: the C
-// library's table of its thread-local variables. A fork copies the page tables of them all, which makes a
-// start and stop a fifth longer after 20,000 threads. So what the heap grows by is left out of children
-// (madvise(2), MADV_DONTFORK). A child finds the heap below the first growth that was left out, and every
-// piece above that was kept: its station. What else it needs is on the stack of the thread that forks, and
-// its environment on the main thread's.
+// A thread that is never joined leaves some 300 unused bytes on the heap: the C library's table of its
+// thread-local variables. A fork copies the page tables of all of them, and after 20,000 threads a start and
+// stop takes a fifth longer. So the growth of the heap is left out of children (madvise(2), MADV_DONTFORK). A
+// child gets the heap below the first growth that was left out, and every piece above it that was kept: its
+// station. Its arguments are on the stack of the thread that forks, its environment on the main thread's.
 //
-// One heap for all threads: the main thread takes memory for every message, the others only a few times for
-// an event or a launch, so that they seldom meet. A heap of its own for each would save hardly a wait, but
-// every fork would copy all of them.
+// All threads share one heap. They seldom wait for one another: the main thread allocates for every message,
+// the others only a few times for an event or a launch. A heap for each thread would save hardly any wait,
+// and every fork would copy all heaps.
 //
-// Each step in which the heap grows is a mapping of its own, so the steps are large; they take no memory
-// before it is used. A fixed step also keeps blocks of 128 KiB and more in mappings of their own
-// (mallopt(3)).
+// Each step by which the heap grows is a separate mapping, so the steps are large. They take no memory until
+// it is used. A fixed step also keeps blocks of 128 KiB and more in separate mappings (mallopt(3)).
 #include "common/heap.h"
 
 #include <malloc.h>
@@ -29,9 +27,9 @@
 
 static constexpr int growth_step = 4 * 1024 * 1024;
 
-static uintptr_t begin_of_growth;  // constant after heap_set_up; 0: nothing is ever left out
+static uintptr_t growth_begin;  // constant after heap_set_up; 0: nothing is ever left out
 
-// All that the heap has grown by is left out or kept up to here; 0: nothing is left out.
+// The growth below this address is left out or kept; 0: nothing is left out.
 static uintptr_t left_out_to;
 static pthread_mutex_t heap_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards left_out_to
 
@@ -53,29 +51,29 @@ void heap_set_up() {
   mallopt(M_ARENA_MAX, 1);
   if (!stacks_stay_out_of_children) return;
   mallopt(M_TOP_PAD, growth_step);
-  begin_of_growth = page_of(heap_end() + page_size() - 1);
+  growth_begin = page_of(heap_end() + page_size() - 1);
 }
 
 int heap_keep_for_children(void* memory, size_t size) {
   const auto begin = reinterpret_cast<uintptr_t>(memory);
-  if (begin_of_growth == 0 || begin >= heap_end()) return 0;  // a mapping of its own
+  if (growth_begin == 0 || begin >= heap_end()) return 0;  // a separate mapping
   const uintptr_t first_page = page_of(begin);
   const uintptr_t end = page_of(begin + size - 1) + page_size();
   int result = 0;
   pthread_mutex_lock(&heap_mutex);
   if (first_page < left_out_to) result = advise(first_page, end, MADV_DOFORK);
-  left_out_to = std::max({left_out_to, end, begin_of_growth});  // below the growth, children get everything
+  left_out_to = std::max({left_out_to, end, growth_begin});  // children get all of the heap below its growth
   pthread_mutex_unlock(&heap_mutex);
   return result;
 }
 
 void heap_leave_out_growth() {
-  if (begin_of_growth == 0) return;
+  if (growth_begin == 0) return;
   pthread_mutex_lock(&heap_mutex);
   const uintptr_t end = page_of(heap_end());
-  if (left_out_to != 0 && end < left_out_to)
-    left_out_to = end;  // it has shrunk, and will grow again from here
-  if (left_out_to != 0 && end > left_out_to && advise(left_out_to, end, MADV_DONTFORK) == 0)
-    left_out_to = end;
+  if (left_out_to != 0) {
+    if (end < left_out_to) left_out_to = end;  // the heap has shrunk and will grow again from here
+    if (end > left_out_to && advise(left_out_to, end, MADV_DONTFORK) == 0) left_out_to = end;
+  }
   pthread_mutex_unlock(&heap_mutex);
 }

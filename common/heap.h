@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: MIT
-// heap: one for all threads, and the part of it that no child gets.
+// heap: one heap for all threads, and the part of it that no child gets.
 #pragma once
 
 #include <cstddef>
 
 /**
- * One heap for all threads, which grows in large steps. Children always get the heap as it is now. Main
- * thread, before other threads exist.
+ * Makes all threads share one heap, which grows in large steps. Children always get the heap up to its
+ * present end. Main thread, before other threads exist.
  */
 void heap_set_up();
 
 /**
- * Makes sure that children get these `size` bytes of the heap. To be called before the process can fork from
- * the threads that need them there. Returns 0, or -1 when memory is short for it. Any thread.
+ * Makes sure that children get these `size` bytes of the heap. Call it before any thread can fork a child
+ * that needs them. Returns 0, or -1 when memory is short. Any thread.
  */
 int heap_keep_for_children(void* memory, size_t size);
 
 /**
- * Leaves out of children what the heap has grown by, except the pieces that were kept. Does nothing before
- * the first piece was kept. To be called before a fork whose child needs nothing else of the heap. Where
- * memory is short for it, the child gets it: no failure. Any thread.
+ * Leaves the growth of the heap out of children, except the pieces that were kept. Does nothing until the
+ * first piece is kept. Call it before a fork whose child needs nothing else of the heap. When memory is
+ * short, the child gets the growth, and that is no failure. Any thread.
  */
 void heap_leave_out_growth();

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 // logger.cpp: opening a log with one generation of backup, and writing whole lines to it.
 //
-// Every thread of the daemon writes through one logger. There is no mutex of ours: stdio locks a stream for
+// Every thread of the daemon writes through one logger. The logger has no mutex: stdio locks the stream for
 // each call, and log_write holds that lock over its three calls, so that prefix, message and flush of one
-// line stay together. Each line is flushed because the crash report writes to the descriptor behind the
-// stream. The prefix is the dearest part of a line, and the same for a whole second: each thread keeps the
-// last one that it wrote.
+// line stay together. Each line is flushed because the crash report writes to the stream's file descriptor.
+// The prefix is the costliest part to format and stays the same for a whole second, so each thread keeps its
+// last one.
 //
-// Files are opened with the mode "e", closed on exec: an actor may run as another user, and with the
-// descriptor that user could write to the log, truncate it, or take O_APPEND off.
+// Files are opened with the mode "e", closed on exec. An actor may run as another user, and with the
+// descriptor that user could write to the log, truncate it, or clear O_APPEND.
 #include "common/logger.h"
 
 #include <fcntl.h>
@@ -30,6 +30,7 @@ static FILE* open_appending(const char* path, const char* mode) {
   FILE* file = fopen(path, mode);
   if (file) {
     const int descriptor = fileno(file);
+    // Cannot fail: the descriptor was just opened, and only clearing O_APPEND may be refused (fcntl(2)).
     fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_APPEND);
   }
   return file;
@@ -78,7 +79,7 @@ namespace {
 struct Prefix {
   time_t second;
   size_t length;  // 0 before the thread's first line
-  char text[80];  // room for the largest numbers of struct tm
+  char text[80];  // fits the largest numbers of struct tm
 };
 
 }  // namespace
@@ -89,7 +90,7 @@ static void write_prefix(FILE* file, time_t now) {
   Prefix& prefix = last_prefix;
   if (prefix.length == 0 || prefix.second != now) {
     struct tm local;
-    localtime_r(&now, &local);
+    localtime_r(&now, &local);  // cannot fail: no year of the kernel's clock exceeds int
     const int length =
         snprintf(prefix.text, sizeof prefix.text, "%04d-%02d-%02d %02d:%02d:%02d:", local.tm_year + 1900,
                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
@@ -102,7 +103,7 @@ static void write_prefix(FILE* file, time_t now) {
 void log_write(Logger* logger, const char* format, ...) {
   if (!logger || !logger->fp) return;
   flockfile(logger->fp);
-  write_prefix(logger->fp, time(nullptr));  // behind the lock, so that times in a log never go back
+  write_prefix(logger->fp, time(nullptr));  // under the lock, so that the times in a log never go back
   va_list arguments;
   va_start(arguments, format);
   vfprintf(logger->fp, format, arguments);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// logger: the one way into the daemon's log.
+// logger: the one way to write to the daemon's log.
 #pragma once
 
 #include <cstdio>
@@ -11,37 +11,37 @@ inline constexpr int LOG_LEVEL_DEBUG = 5;
 struct Logger {
   int level;         // which call sites write; always LOG_LEVEL_DEBUG
   const char* name;  // the caller's constant text, not a copy
-  FILE* fp;          // null when the file could not be opened: the logger is then silent
+  FILE* fp;          // null when the file could not be opened; the logger is then silent
   void (*write)(Logger* logger, const char* format, ...) __attribute__((format(printf, 2, 3)));
 };
 
-/** The daemon's logger: null until main has parsed the command line, then set once and for good. */
+/** The daemon's logger. Null until main has parsed the command line, then set once and never changed. */
 extern Logger* plogger;
 
 /**
  * Opens a logger of level LOG_LEVEL_DEBUG on `name`: "stdout", "stderr", "null" (/dev/null), or the path of a
- * file. A regular file in the way is first renamed to the path with ".old" behind it, replacing an older
- * backup; if it cannot be renamed, the log goes on behind its old contents, with a line that says so.
- * Otherwise the file starts empty. Files are written with O_APPEND (open(2)), so that they can be truncated
- * under the running daemon.
+ * file. An existing regular file is first renamed: ".old" is appended to its path, and an older backup is
+ * replaced. If the rename fails, the log continues after the old contents, and its first new line reports the
+ * failure. Otherwise the file starts empty. Files are written with O_APPEND (open(2)), so that they can be
+ * truncated while the daemon runs.
  *
- * Returns the logger, which lives as long as the process; with a silent stream if the file could not be
- * opened. Returns null, after a note on standard error, when memory is short. A regular file whose path is
- * longer than 59 bytes ends the process: its backup's name does not fit. `name` must outlive the logger.
- * Any thread.
+ * Returns the logger, which exists until the process ends; it is silent if the file could not be opened.
+ * Writes to standard error and returns null when memory is short. An existing regular file whose path is
+ * longer than 59 bytes ends the process: the backup's name does not fit. `name` must outlive the logger. Any
+ * thread.
  */
 Logger* log_open(const char* name);
 
 /**
- * Writes one message, formatted as printf(3) does, behind the local time as "YYYY-MM-DD hh:mm:ss:", and
- * flushes the stream. The message brings its own newline. Called through Logger::write only.
+ * Writes the local time as "YYYY-MM-DD hh:mm:ss:" and one message, formatted as by printf(3), and flushes the
+ * stream. The message contains its newline. Called only through Logger::write.
  *
- * Any thread. A line reaches the stream in one piece: the stream's own lock is held from the first byte to
- * the flush. Does nothing for a null logger or a silent one; write errors are not reported.
+ * Any thread. A line reaches the stream in one piece: the function holds the stream's lock from the first
+ * byte to the flush. Does nothing for a null or silent logger. Write errors are not reported.
  */
 void log_write(Logger* logger, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// The call-site forms: a literal format behind the file, line and function of the caller.
+// For call sites: the file, line and function of the caller, then the message with its literal format.
 #define LOG_AT(threshold, word, format, ...)                                         \
   do {                                                                               \
     if (plogger && plogger->level >= (threshold))                                    \

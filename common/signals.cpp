@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
-// signals.cpp: an actor finds its signals as the daemon found them.
+// signals.cpp: an actor gets its signals as the daemon found them.
 //
-// An ignored signal stays ignored across exec (execve(2)), so what the daemon or a library of it ignores
-// would silently change every actor. A caught signal is reset by exec, but until then a crash of the child
-// would be reported as the daemon's, and take away its pid file. SIGTERM is the exception: it ends the daemon
-// (--stop) and its actors (Stop), so it stands at its default, unblocked, in the daemon and in them, however
-// the daemon was started.
+// An ignored signal stays ignored across exec (execve(2)). So a signal that the daemon or one of its
+// libraries ignores would silently change every actor. Exec resets a caught signal; but until then a crash of
+// the child would be reported as the daemon's and remove its pid file. SIGTERM is the exception: it ends the
+// daemon
+// (--stop) and its actors (Stop). So it is at its default and unblocked in all of them, however the daemon
+// was started.
 #include "common/signals.h"
 
 #include <csignal>
@@ -15,7 +16,7 @@ struct Disposition {
   struct sigaction at_start;
 };
 
-static sigset_t actor_mask;  // that of the start, without SIGTERM
+static sigset_t actor_mask;  // the mask at the daemon's start, without SIGTERM
 static Disposition dispositions[] = {
     {SIGCHLD, {}}, {SIGPIPE, {}}, {SIGSEGV, {}}, {SIGALRM, {}}, {SIGABRT, {}}};
 

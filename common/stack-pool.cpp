@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: MIT
-// stack-pool.cpp: why fork stays as fast after ten thousand threads as after one.
+// stack-pool.cpp: keeps fork as fast after ten thousand threads as after one.
 //
 // A fork copies the page tables of every mapping that its child gets. The child of a launch needs two stacks:
-// that of the thread that forked, and the main thread's, where the environment is. Every other one is left
-// out of children (madvise(2), MADV_DONTFORK): workers leave out their own, and the stacks of the threads
-// that launch come from blocks that are left out as a whole. stack_fork takes the forking thread's stack in
-// again for the time of the fork. A block is one mapping, so that this leaves no trace in the table of
-// mappings; without guard pages it stays one.
+// that of the thread that forks, and the main thread's, which holds the environment. All others are left out
+// of children (madvise(2), MADV_DONTFORK). Each worker leaves out its own stack. The stacks of the threads
+// that launch come from blocks that are left out as a whole, and stack_fork takes the stack of the forking
+// thread into the child for the time of the fork. Without guard pages a block stays one mapping, and this
+// leaves no trace in the table of mappings.
 //
-// That is only possible because nobody looks at other stacks in the child: _Fork(3) copies the process as
-// fork(2) does, but runs no handlers, takes no lock of the allocator, and does not visit the threads that are
-// gone. fork(2) does, so where it is used, every stack stays in the child as it is, and forks get slower with
-// each thread. It is used where the C library has no _Fork, and under the thread sanitizer, which follows
-// fork(2) only: in the child of a _Fork its own locks could be held for ever.
+// This works only because nothing reads the other stacks in the child. _Fork(3) copies the process like
+// fork(2), but it runs no handlers, takes no lock of the allocator, and does not visit the threads that the
+// child lacks. fork(2) does visit them. Where it is used, every stack stays in the child, and each thread
+// makes forks slower. It is used where the C library has no _Fork, and under the thread sanitizer, which
+// follows only fork(2): in the child of a _Fork the sanitizer's own locks could stay held.
 #include "common/stack-pool.h"
 
 #include <pthread.h>
@@ -40,7 +40,7 @@ pthread_mutex_t pool_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the five belo
 FreeStack* returned = nullptr;
 char* block_rest = nullptr;
 char* block_end = nullptr;
-char* workers_begin = nullptr;  // the last workers' stacks that lie side by side
+char* workers_begin = nullptr;  // the stacks of the last workers, as far as they are adjacent
 char* workers_end = nullptr;
 
 bool map_block() {
@@ -48,8 +48,8 @@ bool map_block() {
                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
   if (block == MAP_FAILED) return false;
   if (stacks_stay_out_of_children) madvise(block, block_size, MADV_DONTFORK);
-  madvise(block, block_size,
-          MADV_NOHUGEPAGE);  // a huge page would make 32 whole stacks of it at the first touch
+  // A huge page would take the memory of 32 whole stacks at the first touch.
+  madvise(block, block_size, MADV_NOHUGEPAGE);
   block_rest = static_cast<char*>(block);
   block_end = block_rest + block_size;
   return true;
@@ -86,6 +86,8 @@ void stack_return(void* stack) {
 
 void stack_set_defaults() {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  // The first three cannot fail (pthread_attr_init(3)). If the fourth fails, stacks keep their usual size,
+  // and the address space holds fewer of them.
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, default_stack_size);
@@ -95,18 +97,19 @@ void stack_set_defaults() {
 #endif
 }
 
-// Makes the lowest page of a stack its guard: within the mapping where the kernel can do that (Linux 6.13).
+// Makes the lowest page of a stack its guard, within the mapping where the kernel can do that (Linux 6.13).
 static void make_guard(void* stack) {
   const auto page_size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   if (madvise(stack, page_size, guard_install) != 0) mprotect(stack, page_size, PROT_NONE);
 }
 
-// Called with the pool's mutex held.
+// The caller holds the pool's mutex.
 static void advise_workers(int advice) {
   if (workers_begin) madvise(workers_begin, static_cast<size_t>(workers_end - workers_begin), advice);
 }
 
-// Called with the pool's mutex held: a stack beside the last ones joins them, and any other one begins anew.
+// Adds a worker's stack to the last ones if it is adjacent to them; otherwise only it counts from then on.
+// The caller holds the pool's mutex.
 static void join_workers(char* stack, size_t size) {
   if (stack + size == workers_begin) {
     workers_begin = stack;
@@ -140,7 +143,7 @@ void stack_prepare_own() {
     stack_expect_no_worker();
     return;
   }
-  void* stack = nullptr;
+  void* stack = nullptr;  // the next two calls cannot fail: the attributes are valid
   size_t stack_size = 0;
   size_t guard_size = 0;
   pthread_attr_getstack(&attributes, &stack, &stack_size);

@@ -6,10 +6,10 @@
 
 #include <cstddef>
 
-// What runs on these stacks needs 8 KiB while it serves, 12 KiB in a child whose search path is as long as
-// execvp(3) takes it, and 12 KiB for the report of a crash, measured on painted stacks. What bounds it:
-// nothing recurses, and every buffer is of fixed size (texts of 64 bytes, the stdio of a line of the log, 4
-// KiB for a path, 255 frames).
+// A thread on one of these stacks needs 8 KiB to serve, 12 KiB in a child with the longest search path that
+// execvp(3) accepts, and 12 KiB to report a crash. This was measured on painted stacks. It has a limit,
+// because nothing recurses and every buffer has a fixed size (texts of 64 bytes, stdio for a line of the log,
+// 4 KiB for a path, 255 frames).
 #ifdef __SANITIZE_THREAD__
 inline constexpr size_t pool_stack_size = size_t{1024} * 1024;  // the sanitizer keeps its state on the stack
 #else
@@ -18,14 +18,14 @@ inline constexpr size_t pool_stack_size = size_t{64} * 1024;
 inline constexpr size_t default_stack_size = size_t{64} * 1024;
 
 /**
- * Makes default_stack_size the default of the process, for threads of default attributes: with the usual 8
- * MiB the address space of 32 bits ends at a few hundred. Their guards are made by stack_prepare_own: one of
- * the C library's is a mapping, and forks get slower with each. All is left as it is under a sanitizer, which
- * needs more. Main thread, before other threads exist.
+ * Makes default_stack_size the default of the process, for threads with default attributes: with the usual 8
+ * MiB, the address space of 32 bits ends at a few hundred threads. stack_prepare_own makes their guards: a
+ * guard of the C library is a separate mapping, and each mapping slows forks. Does nothing under a sanitizer,
+ * which needs larger stacks. Main thread, before other threads exist.
  */
 void stack_set_defaults();
 
-/** Whether stacks stay out of children: not where fork(2) visits them there; see stack-pool.cpp. */
+/** Whether stacks are left out of children. Not where fork(2) visits them there; see stack-pool.cpp. */
 #if defined(CORVANE_HAS__FORK) && !defined(__SANITIZE_THREAD__)
 inline constexpr bool stacks_stay_out_of_children = true;
 #else
@@ -33,9 +33,9 @@ inline constexpr bool stacks_stay_out_of_children = false;
 #endif
 
 /**
- * A stack of pool_stack_size bytes without a guard page, for pthread_attr_setstack(3). It belongs to the
- * thread that is made on it and is never taken back: a thread that is neither joined nor detached keeps its
- * stack. Null when memory is short. Any thread.
+ * A stack of pool_stack_size bytes without a guard page, for pthread_attr_setstack(3). The thread that is
+ * made on it keeps it: a thread that is neither joined nor detached never gives its stack back. Null when
+ * memory is short. Any thread.
  */
 void* stack_take();
 
@@ -43,24 +43,25 @@ void* stack_take();
 void stack_return(void* stack);
 
 /**
- * Takes the stacks of the last workers into children, so that the next one's can become one mapping with
- * them; stack_prepare_own leaves all of them out again. Before the worker is made; one at a time.
+ * Takes the stacks of the last workers into children again, so that the next worker's stack can become one
+ * mapping with them. stack_prepare_own then leaves all of them out. Call it before the worker is made; one at
+ * a time.
  */
 void stack_expect_worker();
 
-/** Leaves them out again, when the worker that was expected could not be made. */
+/** Leaves those stacks out again when the worker could not be made. */
 void stack_expect_no_worker();
 
 /**
- * Gives the calling thread's own stack a guard, unless it has one, and leaves it out of children. For a
- * thread on a stack that the C library made and that never forks. Where memory is short for it, the stack
- * stays as it is: no failure.
+ * Gives the calling thread's stack a guard, unless it has one, and leaves the stack out of children. For a
+ * thread that never forks, on a stack that the C library made. When memory is short the stack stays
+ * unchanged, and that is no failure.
  */
 void stack_prepare_own();
 
 /**
- * fork(2) for a thread on `stack`, from the pool: the child has that stack and the main thread's, and makes
- * nothing but async-signal-safe calls. No fork handlers run (pthread_atfork(3)). Returns as fork does; -1 if
- * memory is short for taking the stack into the child.
+ * fork(2) for a thread on `stack`, from the pool. The child has that stack and the main thread's, and may
+ * make only async-signal-safe calls. No fork handlers run (pthread_atfork(3)). Returns like fork; -1 also
+ * when memory is short to take the stack into the child.
  */
 pid_t stack_fork(void* stack);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // text.cpp: the one place where a bounded buffer is filled.
 //
-// The check is ours and explicit, so that it holds in every build type: the compiler's own fortification is
-// a second net under it, not the first.
+// The check is explicit, so that every build type has it. The compiler's fortification is only a second
+// check.
 #include "common/text.h"
 
 #include <cstdarg>

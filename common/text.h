@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// text: owners of C memory and formatting into a buffer that must be large enough.
+// text: owners of C memory, and formatting into a buffer that must be large enough.
 #pragma once
 
 #include <cstddef>
@@ -18,11 +18,9 @@ using Owned = std::unique_ptr<T, FreeMemory>;
 using TextOwner = Owned<char>;
 
 /**
- * Formats as printf(3) does into `buffer` of `size` bytes, the terminating zero included.
+ * Formats like printf(3) into `buffer`, which has `size` bytes including the terminating zero.
  *
- * A text that does not fit ends the process with abort(3): the daemon's bounded buffers are limits of the
- * system, and a path or a name cut short would act on something that nobody meant.
- *
- * Any thread; the buffer stays the caller's.
+ * A text that does not fit ends the process with abort(3). The buffers are limits of the daemon, and a path
+ * or a name that is cut short would name another file or process. Any thread.
  */
 void text_format(char* buffer, size_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));

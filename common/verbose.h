@@ -3,7 +3,7 @@
 #pragma once
 
 /**
- * 1 after --verbose or -v, else 0. Written by the option parser before any thread exists, read by plugins.
- * The logger does not look at it: it is for what takes many lines.
+ * 1 after --verbose or -v, else 0. The option parser writes it before any thread exists; plugins read it. The
+ * logger ignores it: it is for reports of many lines.
  */
 inline int verbose = 0;
