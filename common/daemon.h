@@ -38,9 +38,9 @@ int daemon_get_pid(const char* pidfile, Logger* logger);
 int daemon_start(const char* pidfile, Logger* logger);
 
 /**
- * Sends `sig` to the daemon that `pidfile` names, and always removes the file. With `sig` 0 it only removes
- * the file: it does not read it, and does not wait.
- * Returns the result of unlink(2). Main thread; with `sig` 0 also the crash handler.
+ * Sends `sig`, if it is above 0, to the daemon that `pidfile` names, and always removes the file. With `sig`
+ * 0 it only removes the file: it does not read it, and does not wait. Returns the result of unlink(2). Main
+ * thread; with `sig` 0 also the crash handler.
  */
 int daemon_stop(const char* pidfile, int sig, Logger* logger);
 

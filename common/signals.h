@@ -4,9 +4,10 @@
 
 /**
  * Remembers the signal mask and the dispositions of SIGCHLD, SIGPIPE, SIGSEGV, SIGALRM and SIGABRT. Then:
- * sets SIGCHLD to its default, so that children can be waited for (sigaction(2), waitpid(2));
- * sets SIGTERM to its default and unblocks it, so that it ends the daemon and its actors;
- * unblocks SIGSEGV, so that a crash is reported.
+ * - sets SIGCHLD to its default, so that children can be waited for even if the daemon was started with
+ * SIGCHLD ignored (sigaction(2), waitpid(2));
+ * - sets SIGTERM to its default and unblocks it, so that it ends the daemon and its actors;
+ * - unblocks SIGSEGV, so that a crash is reported.
  * Main thread, once, before libdbus is used (which ignores SIGPIPE), before the crash handler is installed
  * and before any thread exists.
  */

@@ -86,8 +86,8 @@ void stack_return(void* stack) {
 
 void stack_set_defaults() {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  // The first three cannot fail (pthread_attr_init(3)). If the fourth fails, stacks keep their usual size,
-  // and the address space holds fewer of them.
+  // Only pthread_setattr_default_np could fail. Stacks then keep their usual size, and the address space
+  // holds fewer of them.
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, default_stack_size);
