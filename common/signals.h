@@ -3,13 +3,11 @@
 #pragma once
 
 /**
- * Remembers the signal mask and the dispositions of SIGCHLD, SIGPIPE, SIGSEGV, SIGALRM and SIGABRT. Then:
- * - sets SIGCHLD to its default, so that children can be waited for even if the daemon was started with
- * SIGCHLD ignored (sigaction(2), waitpid(2));
- * - sets SIGTERM to its default and unblocks it, so that it ends the daemon and its actors;
- * - unblocks SIGSEGV, so that a crash is reported.
- * Main thread, once, before libdbus is used (which ignores SIGPIPE), before the crash handler is installed
- * and before any thread exists.
+ * Remembers the signal mask and the dispositions of SIGCHLD, SIGPIPE, SIGSEGV, SIGALRM and SIGABRT. Sets
+ * SIGCHLD to its default: then children can be waited for, even if the daemon was started with SIGCHLD
+ * ignored (sigaction(2), waitpid(2)). Sets SIGTERM to its default and unblocks it, so that it ends the daemon
+ * and its actors. Unblocks SIGSEGV, so that a crash is reported. Main thread, once: before libdbus, which
+ * ignores SIGPIPE, before the crash handler, and before any other thread.
  */
 void signals_take_over();
 

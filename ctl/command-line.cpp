@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: MIT
-// command-line.cpp: what corvane-ctl is asked for.
+// command-line.cpp: the command line of corvane-ctl.
 //
-// Names are checked against the daemon's own tables. A wrong one is answered with all that there are.
+// Names are checked against the daemon's own tables. The message for an unknown name lists all known ones.
 #include <algorithm>
 
 #include "ctl/ctl.h"
 #include "plugins/display-manager/dm-dbus.h"
 
-// Whether two words differ in one place only, by at most two letters.
+// Whether two words differ in only one place, by at most two letters.
 static bool is_close(const std::string& a, const std::string& b) {
   const auto front = std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin();
   const auto back = std::mismatch(a.rbegin(), a.rend(), b.rbegin(), b.rend()).first - a.rbegin();
   return front + back > 0 && static_cast<size_t>(front + back) + 2 >= std::max(a.size(), b.size());
 }
 
-// Empty if the word is known; else what is wrong with it, the close words and all words.
+// Returns an empty text if the word is known, else an error message with the close words and all words.
 static std::string check(const std::string& kind, const std::string& word, const Words& known) {
   if (std::ranges::find(known, word) != known.end()) return "";
   std::string text = "no such " + kind + ": " + text_escaped(word) + "; there are";

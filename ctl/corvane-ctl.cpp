@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// corvane-ctl.cpp: the administrator's command beside the daemon.
+// corvane-ctl.cpp: the administrator's command.
 //
-// It is a caller as any other, and reads what everyone may read: the daemon does not know of it. A run that
-// does not end with status 0 writes one line on standard error, which says what to do.
+// It is a caller like any other, and reads only what every user may read: the daemon does not know it. A run
+// that fails writes one line to standard error, which says what to do.
 #include <unistd.h>
 
 #include <chrono>
@@ -33,15 +33,17 @@ Only root may start and stop. Exit status: 0 done, 1 refused or without effect,
 static constexpr const char* daemon_name = "com.corvane.ControlServer";
 static constexpr const char* no_daemon = "corvane-cs does not run; start it: service corvane-cs start";
 static constexpr const char* groups[] = {"no process", "login", "injectors and image", "hot keys"};
-static constexpr double longest_watch = 1.0;  // seconds
+static constexpr double max_watch = 1.0;  // seconds
 
+// Writes the text to standard error and returns the status.
 static int complain(int status, const std::string& text) {
   fflush(stdout);
   fprintf(stderr, "corvane-ctl: %s\n", text.c_str());
   return status;
 }
 
-// Calls a method with these words. Returns its answer, of this type; -1, with the error, without one.
+// Calls a method with these words. Returns its reply, of this type. Returns -1 without one, with the error
+// set.
 static int call(DBusConnection* bus, MessageOwner method, int type, const Words& words, BusError* error) {
   for (const std::string& word : words) {
     const char* text = word.c_str();
@@ -53,7 +55,7 @@ static int call(DBusConnection* bus, MessageOwner method, int type, const Words&
   return answer;
 }
 
-// The pid of the daemon; 0 when there is none.
+// The pid of the daemon, 0 when it does not run.
 static pid_t daemon_of(DBusConnection* bus) {
   BusError error;
   MessageOwner method(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
@@ -63,7 +65,7 @@ static pid_t daemon_of(DBusConnection* bus) {
 
 // ---- start and stop -----------------------------------------------------------------------------------
 
-// The exit status, -1 while it is not clear; what is printed; and the actor that the advice is to stop.
+// The exit status, -1 while it is not known; the text to print; and the actor that the user should stop.
 struct Outcome {
   int status = -1;
   std::string said = {};
@@ -76,24 +78,24 @@ static Row newest(const CommandLine& line, const Stations& stations) {
   return stations.rows.contains(key) ? std::prev(stations.rows.upper_bound(key))->second : Row{};
 }
 
-// What came of a start, so many seconds after its reply.
+// The result of a start, this many seconds after its reply.
 static Outcome judge_start(const CommandLine& line, const Row& before, const Row& now, double seconds) {
   const std::string process = "process " + std::to_string(now.process.pid);
   const bool runs = now.process.pid != 0;
   if (line.actor->group == 0) return {0, line.name + " is ready; it runs no process"};
-  // What runs after 0.3 s has not failed at its start.
+  // An actor that runs for 0.3 s has not failed at its start.
   if (runs && now.actor == line.actor && now.process.pid != before.process.pid)
     return {seconds < 0.3 ? -1 : 0, line.name + " runs, " + process};
-  if (!runs && now.state != "stopped" && (seconds >= longest_watch || now.starts > before.starts))
+  if (!runs && now.state != "stopped" && (seconds >= max_watch || now.starts > before.starts))
     return {1, line.name + ": " + now.reason + "; the daemon tries again every 2 s", now.actor};
-  if (seconds < longest_watch) return {-1, ""};
+  if (seconds < max_watch) return {-1, ""};
   if (!runs) return {1, line.name + ": no start was seen within 1 s"};
   if (now.actor == line.actor)
     return {1, line.name + " was already running, " + process + ": nothing changed", now.actor};
   return {1, line.name + ": its group was taken by " + now.actor->name + " (" + process + ")", now.actor};
 }
 
-// The same of a stop.
+// The result of a stop.
 static Outcome judge_stop(const CommandLine& line, const Row& before, const Row& now, double seconds) {
   const pid_t pid = before.process.pid;
   if (pid == 0 && before.child != 0 && before.state != "stopped")
@@ -103,7 +105,7 @@ static Outcome judge_stop(const CommandLine& line, const Row& before, const Row&
   if (now.process.pid != pid) return {0, line.words[1] + ends + std::to_string(seconds).substr(0, 3) + " s"};
   const bool ignores = (now.process.ignored >> (SIGTERM - 1) & 1U) != 0;
   const char* why = ignores ? "ignores signal 15" : "has not ended within 1 s";
-  return {seconds < longest_watch ? -1 : 1, line.words[1] + " " + now.actor->name + " still runs: it " + why};
+  return {seconds < max_watch ? -1 : 1, line.words[1] + " " + now.actor->name + " still runs: it " + why};
 }
 
 static int change(const CommandLine& line, DBusConnection* bus, pid_t daemon) {
@@ -136,15 +138,16 @@ static int change(const CommandLine& line, DBusConnection* bus, pid_t daemon) {
 
 // ---- status and watch ---------------------------------------------------------------------------------
 
-// A local time as in the daemon's log, or its end from the month on.
+// A local time as in the daemon's log; from character 5 on, without the year.
 static std::string text_time(time_t when, size_t from = 0) {
   struct tm local = {};
   char text[32] = "";
-  strftime(text, sizeof text, "%F %T", localtime_r(&when, &local));
+  localtime_r(&when, &local);  // cannot fail: no time here has a year beyond int
+  strftime(text, sizeof text, "%F %T", &local);
   return when != 0 ? text + from : "-";
 }
 
-// What begins the output, and that of watch again when another daemon runs.
+// Prints the head of the output. watch prints it again when another daemon runs.
 static int print_daemon(const CommandLine& line, const Stations& stations) {
   const int pid = stations.daemon.pid;
   const std::string since = text_time(stations.daemon.started);
@@ -183,7 +186,7 @@ static void print(const CommandLine& line, const Stations& stations, const Row& 
   puts("");
 }
 
-// Status; and watch, which prints a row again when it has changed.
+// The commands status and watch. watch prints a row again when it has changed.
 static int show(const CommandLine& line, DBusConnection* bus) {
   std::set<std::string> before;
   for (pid_t daemon = -1;; usleep(500000)) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// stations.cpp: what each station's groups do, from the process table (proc(5)) and from the daemon's log.
+// stations.cpp: the state of each station's groups, from the process table (proc(5)) and the daemon's log.
 //
-// Both are read anew for each look: the daemon writes its log, and logrotate truncates it, meanwhile.
+// Both are read again for each look, because the daemon writes its log and logrotate truncates it meanwhile.
 #include <dbus/dbus.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,25 +13,25 @@
 
 #include "ctl/ctl.h"
 
-static constexpr int most_bytes = 1 << 20;  // of a log
-static constexpr time_t restart_pause = 2;  // seconds; the daemon's
-static constexpr time_t given_up = 12;      // seconds; a restart that is later does not come
-static constexpr int failing_from = 3;      // children in a row that ended at once
-static constexpr int most_looks = 50;       // 20 ms apart, while an actor is being launched
+static constexpr int max_log_bytes = 1 << 20;  // of a log
+static constexpr time_t restart_pause = 2;     // seconds; the daemon's
+static constexpr time_t given_up = 12;         // seconds; after that no restart is expected
+static constexpr int failing_from = 3;         // consecutive children that ended at once
+static constexpr int most_looks = 50;          // 20 ms apart, while an actor is being launched
 
 // ---- the process table --------------------------------------------------------------------------------
 
-// The end of a file; empty when it cannot be read.
+// The last bytes of a file; empty when it cannot be read.
 static std::string contents(const std::string& path) {
-  static char buffer[most_bytes];
+  static char buffer[max_log_bytes];
   const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  lseek(file, -off_t{most_bytes}, SEEK_END);  // fails for a shorter file, which is read as a whole
-  const ssize_t length = read(file, buffer, most_bytes);
+  lseek(file, -off_t{max_log_bytes}, SEEK_END);  // fails for a shorter file, which is read as a whole
+  const ssize_t length = read(file, buffer, max_log_bytes);
   close(file);
   return {buffer, static_cast<size_t>(std::max<ssize_t>(length, 0))};
 }
 
-// The name of a process is its own choice, so the fields are counted from the last parenthesis on.
+// A process chooses its own name, so the fields are counted from the last parenthesis.
 bool process_parse(const std::string& stat, Process* process) {
   static const std::string machine = contents("/proc/stat");
   const double boot = strtod(machine.c_str() + std::min(machine.find("btime ") + 6, machine.size()), nullptr);
@@ -67,7 +67,7 @@ static std::vector<Process> children_of(pid_t parent) {
   return children;
 }
 
-// Why an actor does not run: its program is not on the daemon's PATH, if that can be read, or has ended.
+// Why an actor does not run: its program has ended, or is not on the daemon's PATH, if that can be read.
 static std::string reason_of(pid_t daemon, const std::string& program) {
   std::string environment = '\0' + contents("/proc/" + std::to_string(daemon) + "/environ");
   const size_t path = environment.find(std::string("\0PATH=", 6));
@@ -77,7 +77,7 @@ static std::string reason_of(pid_t daemon, const std::string& program) {
   return program + " was not found";
 }
 
-// The daemon's expansion deliberately keeps a few bytes each time, so that none is made twice.
+// dm_expand_argv deliberately leaks a few bytes each time, so no expansion is made twice.
 const std::string& actor_command(const ActorDefinition* actor, int display) {
   static std::map<std::pair<int, int>, std::string> commands;
   const auto [command, is_new] = commands.try_emplace({actor->code, display});
@@ -103,7 +103,7 @@ const ActorDefinition* actor_of(const std::string& command, GroupKey* key) {
 
 // ---- the log ------------------------------------------------------------------------------------------
 
-// The daemon's own descriptor leads to its log, also when that was renamed. Only root may look there.
+// The daemon's own descriptor leads to its log even after a rename. Only root may read it.
 static std::string log_of(pid_t daemon) {
   std::error_code error;
   for (int number = 0; number < 64; ++number) {
@@ -121,7 +121,7 @@ static time_t time_of(const std::string& line) {
   return mktime(&local);
 }
 
-// The group of an actor, made if there is none yet; what names no actor gets the one without a key.
+// The group of an actor, added if it is new. Without a valid actor it is the group without a key.
 static Row* group_of(Stations* stations, int display, int actor_code) {
   const ActorDefinition* actor = dm_find_actor(actor_code);
   if (!actor || display < 0) return &stations->groups[{}];
@@ -131,13 +131,13 @@ static Row* group_of(Stations* stations, int display, int actor_code) {
   return group;
 }
 
-// The group whose last child this is.
+// The group whose last child has this pid.
 static Row* group_with(Stations* stations, pid_t child) {
   Row* group = &stations->groups[stations->children[child]];
   return group->child == child ? group : &stations->groups[{}];
 }
 
-// NOLINTBEGIN(cert-err34-c): a number that does not fit is one of a forged line, and as good as any other
+// NOLINTBEGIN(cert-err34-c): a number that does not fit is from a forged line, and any value will do
 static void parse_line(const std::string& line, Stations* stations) {
   const size_t level = line.find(": DEBUG: ");
   const char* text = level == std::string::npos ? "" : &line[level + strlen(": DEBUG: ")];
@@ -168,8 +168,8 @@ static void parse_line(const std::string& line, Stations* stations) {
 // NOLINTEND(cert-err34-c)
 
 void log_parse(const std::string& log, Stations* stations) {
-  // The first line of a log that was not read as a whole may be the end of one.
-  size_t begin = log.size() < size_t{most_bytes} ? 0 : log.find('\n') + 1;
+  // If the log was not read as a whole, its first line may be incomplete.
+  size_t begin = log.size() < size_t{max_log_bytes} ? 0 : log.find('\n') + 1;
   for (size_t end = 0; (end = log.find('\n', begin)) != std::string::npos; begin = end + 1)
     parse_line(log.substr(begin, end - begin), stations);
 }
@@ -188,7 +188,7 @@ static void add_child(const Process& child, Stations* stations) {
   stations->rows.emplace(key, row);
 }
 
-// A child that does not exist, and whose death is not logged, has ended just now, or with an earlier daemon.
+// A child that is gone without a logged death has ended just now, or with an earlier daemon.
 static Row row_of_past(Row row, const Process& daemon, time_t now) {
   const time_t end = row.ended != 0 ? row.ended : row.launched < daemon.started ? row.launched : now;
   if (row.key.group == 0) row.state = "ready";
