@@ -38,10 +38,10 @@ static std::atomic<bool> is_pid_file_removed{false};
 static void end_if_child(int sig) {
   if (getpid() == daemon_pid) return;
   signal(sig, SIG_DFL);
-  sigset_t own;
-  sigemptyset(&own);
-  sigaddset(&own, sig);
-  pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
+  sigset_t raised;
+  sigemptyset(&raised);
+  sigaddset(&raised, sig);
+  pthread_sigmask(SIG_UNBLOCK, &raised, nullptr);
   raise(sig);
 }
 

@@ -42,8 +42,7 @@ static int complain(int status, const std::string& text) {
   return status;
 }
 
-// Calls a method with these words. Returns its reply, of this type. Returns -1 without one, with the error
-// set.
+// Calls a method with these words. Returns its reply, of this type, or -1 with the error set.
 static int call(DBusConnection* bus, MessageOwner method, int type, const Words& words, BusError* error) {
   for (const std::string& word : words) {
     const char* text = word.c_str();

@@ -365,7 +365,7 @@ void* init_group_thread(void* thread_start) {
   return nullptr;
 }
 
-// Makes a thread on a stack from the pool. Returns what pthread_create(3) returns.
+// Makes a thread on a stack from the pool. Returns 0 or an error number, like pthread_create(3).
 static int create_group_thread(pthread_t* thread, void* (*body)(void*), ThreadStart* start) {
   start->stack = stack_take();
   if (!start->stack) return ENOMEM;
@@ -402,7 +402,7 @@ void proc_method_start(Station* station, StationEvent* event) {
     log_debug("group:%d, is_running:%d\n", actor->group, group.is_running.load());
     if (group.is_running != 0) {
       log_debug("Sub thread of actor group for %d is already running.\n", actor->group);
-      [[maybe_unused]] const ThreadStart* left_behind = start.release();
+      [[maybe_unused]] const ThreadStart* leaked = start.release();
       return;  // NOLINT(clang-analyzer-unix.Malloc): the copy of a refused start is deliberately never freed
     }
     log_debug("Start method_start_thread for actor:%d\n", event->actor_code);

@@ -107,9 +107,9 @@ struct ActorGroup {
   pthread_t thread;  // the last one made; neither joined nor detached
 
   // Written under child_mutex by the worker and the group's threads, which read single fields without it.
-  std::atomic<int> is_running;   // 1 from a launch to the next stop or failed launch, also in a pause
+  std::atomic<int> is_running;   // 1 from a launch to the next stop or failed launch, also in the pause
   std::atomic<int> keep_alive;   // 1 from a start to the next stop
-  std::atomic<pid_t> child_pid;  // 0: none; in a pause still the dead child's pid
+  std::atomic<pid_t> child_pid;  // 0: none; in the pause after a death still the dead child's
   std::atomic<unsigned> newest;  // number of the supervising thread that owns the group
 
   // Held while a group is claimed for a new thread, and while a child is forked and recorded, signalled, or
