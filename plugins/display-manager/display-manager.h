@@ -107,7 +107,7 @@ struct ActorGroup {
   pthread_t thread;  // the last one made; neither joined nor detached
 
   // Written under child_mutex by the worker and the group's threads, which read single fields without it.
-  std::atomic<int> is_running;   // 1 from a launch to the next stop or failed launch, also in the pause
+  std::atomic<int> is_running;   // 1 from a launch to a stop or a failed launch; a death does not clear it
   std::atomic<int> keep_alive;   // 1 from a start to the next stop
   std::atomic<pid_t> child_pid;  // 0: none; in the pause after a death still the dead child's
   std::atomic<unsigned> newest;  // number of the supervising thread that owns the group
