@@ -1,9 +1,8 @@
 # SPDX-License-Identifier: MIT
-# conftest.py: hands the machine on which the packaged files are looked at to the tests of this folder.
+# conftest.py: the machine on which the tests of this folder look at the installed files.
 #
-# INSTALLED is a directory with everything as `cmake --install` puts it below /, with the prefix /usr. It is
-# laid over the private machine's own file system, so that what runs is what a user gets, in the place where
-# he gets it.
+# CORVANE_INSTALLED is a directory with all that `cmake --install` puts below /, with the prefix /usr. It
+# is laid over the private machine's own /usr, so that the tests run what a user gets, where the user gets it.
 import os
 import re
 import shutil
@@ -20,8 +19,9 @@ from support.processes import process_state
 
 BUS_SOCKET = "/run/dbus/system_bus_socket"
 BUS_CONFIGURATION = Path("/usr/share/dbus-1/system.conf")
-STRANGER = 65534  # a user without rights
 BUS_ERRORS = Path("/run/dbus/errors")
+STRANGER = 65534  # a user without rights
+OPTIONS = ["--disable", "--enable", "--pid", "--purge", "--start", "--stop", "--verbose"]
 
 
 @pytest.fixture
@@ -31,46 +31,35 @@ def installed():
 
 
 @pytest.fixture
-def laid_over(bare, installed, monkeypatch):
+def laid_over(bare, installed, monkeypatch):  # noqa: F811
     """A clean machine with the installed files below /usr in their places, the daemon among them."""
     bare.mount("-t", "overlay", "overlay", "-o", f"lowerdir={installed}/usr:/usr", "/usr")
     monkeypatch.setattr(machines, "DAEMON", "/usr/sbin/corvane-cs")
     return bare
 
 
-def start_system_bus(machine, policies, **limits):
-    """Starts the system's bus with its stock configuration, but with the policies of one directory only.
-
-    Limits are those of dbus-daemon(1).
-    """
-    text = BUS_CONFIGURATION.read_text()
-    assert BUS_SOCKET in text
-    text, count = re.subn("<includedir>system.d</includedir>", f"<includedir>{policies}</includedir>", text)
-    assert count == 1, text
-    text = re.sub("<include.*?>/etc/.*?</include.*?>", "", text)
-    elements = "".join(f'<limit name="{name}">{value}</limit>' for name, value in limits.items())
-    text = text.replace("</busconfig>", f"{elements}</busconfig>")
-    os.mkdir("/run/dbus")
-    configuration = Path("/run/dbus/system.conf")
-    configuration.write_text(text)
-    with BUS_ERRORS.open("w") as errors:
-        machine.bus = subprocess.Popen(
-            ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nosyslog", "--print-address=1"],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors, text=True)
-    machine.address = machine.bus.stdout.readline().strip().split(",")[0]
-    assert machine.address == f"unix:path={BUS_SOCKET}", BUS_ERRORS.read_text()
-
-
 @pytest.fixture
-def policies(bare, installed):
-    """A copy of the installed policies where the bus's own user can read them: he may not reach the sources."""
+def policies(bare, installed):  # noqa: F811
+    """A copy of the installed policies that the bus can read; its user may not reach the sources."""
     return Path(shutil.copytree(installed / "usr/share/dbus-1/system.d", "/run/stage/policies"))
 
 
 @pytest.fixture
 def system_bus(laid_over, policies):
-    """A clean machine with the installed files and a system bus that has their policy."""
-    start_system_bus(laid_over, policies)
+    """The same with a system bus: its stock configuration, but with the installed policies only."""
+    text = BUS_CONFIGURATION.read_text()
+    assert BUS_SOCKET in text
+    text, count = re.subn("<includedir>system.d</includedir>", f"<includedir>{policies}</includedir>", text)
+    assert count == 1, text
+    configuration = Path("/run/dbus/system.conf")
+    configuration.parent.mkdir()
+    configuration.write_text(re.sub("<include.*?>/etc/.*?</include.*?>", "", text))
+    command = ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nosyslog", "--print-address=1"]
+    pipes = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "text": True}
+    with BUS_ERRORS.open("w") as errors:
+        laid_over.bus = subprocess.Popen(command, stderr=errors, **pipes)
+    laid_over.address = laid_over.bus.stdout.readline().strip().split(",")[0]
+    assert laid_over.address == f"unix:path={BUS_SOCKET}", BUS_ERRORS.read_text()
     return laid_over
 
 
@@ -86,7 +75,7 @@ time.sleep(600)
 
 @pytest.fixture
 def held(laid_over):
-    """The pid of a stranger's process that runs the daemon's executable and is held by his other one."""
+    """The pid of a stranger's process that runs the daemon's executable and is held by its parent."""
     stranger = subprocess.Popen([sys.executable, "-c", HOLD], user=STRANGER, group=STRANGER, extra_groups=[])
     children = Path(f"/proc/{stranger.pid}/task/{stranger.pid}/children")
 
@@ -99,7 +88,7 @@ def held(laid_over):
 
 @pytest.fixture
 def lasting_actors(system_bus):
-    """The same, with actors that run until they are stopped."""
+    """A machine with a system bus and with actors that run until they are stopped."""
     for program in PROGRAMS:
         system_bus.remove(program)
         path = Path(f"/run/stage/actors/bin/{program}")
