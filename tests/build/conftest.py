@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 # conftest.py: configures, builds and installs the project in scratch directories, with plain CMake.
 #
-# The daemon is built once for all tests of this folder, on a machine that seems to lack GoogleTest. It is
-# installed below a DESTDIR, so that a file that is put outside of the prefix is found there and not in /.
+# The tests of this folder share one build, as on a machine without GoogleTest. They install below a DESTDIR,
+# so that a file outside of the prefix is found there and not in /.
 import os
 import subprocess
 from pathlib import Path
@@ -13,17 +13,17 @@ import pytest
 SOURCES = Path(__file__).resolve().parent.parent.parent
 NO_GTEST = "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON"
 
-# What the caller's own build or make left in the environment would decide here, too.
+# These variables of the caller's own build or make would change the results.
 FOREIGN = ("CFLAGS", "CXXFLAGS", "LDFLAGS", "DESTDIR", "MAKEFLAGS", "MFLAGS", "MAKELEVEL", "VERBOSE")
 
 
 def run(*command, **environment):
     """Runs a command; a completed process with standard output and standard error as one text."""
-    clean = {name: text for name, text in os.environ.items()
-             if name not in FOREIGN and not name.startswith(("CMAKE_", "CTEST_"))}
-    return subprocess.run([str(word) for word in command], env={**clean, "LC_ALL": "C", **environment},
-                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                          text=True)
+    inherited = {name: text for name, text in os.environ.items() if name not in FOREIGN}
+    clean = {name: text for name, text in inherited.items() if not name.startswith(("CMAKE_", "CTEST_"))}
+    streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.STDOUT}
+    words = [str(word) for word in command]
+    return subprocess.run(words, env={**clean, "LC_ALL": "C", **environment}, text=True, **streams)
 
 
 def succeed(*command, **environment):
@@ -38,8 +38,9 @@ def configure(directory, *options, sources=SOURCES):
 
 
 def build(directory, *targets):
-    """Builds targets, or all without one; a completed process."""
-    return run("cmake", "--build", directory, "--parallel", "2", *(["--target", *targets] if targets else []))
+    """Builds the targets, or everything; a completed process."""
+    target_options = ["--target", *targets] if targets else []
+    return run("cmake", "--build", directory, "--parallel", "2", *target_options)
 
 
 def install(directory, root, prefix):
@@ -59,7 +60,7 @@ def listed_tests(directory):
 
 @pytest.fixture(scope="session")
 def plain(tmp_path_factory):
-    """A build directory with everything built, without GoogleTest; and what the configuration printed."""
+    """A directory with everything built, without GoogleTest, and the output of the configuration."""
     directory = tmp_path_factory.mktemp("plain")
     output = configure(directory, NO_GTEST)
     built = build(directory)

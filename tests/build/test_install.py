@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
-# test_install.py: each file is installed inside the prefix, and those that name a place name the real one.
+# test_install.py: every file is installed below the prefix, and the files name each other's real places.
 #
-# The prefix is given when the files are installed, after the configuration with another one.
+# Each test gives the prefix when it installs, after a configuration with another one.
 import re
 
 import pytest
@@ -11,7 +11,7 @@ PREFIX = "/opt/some-prefix"
 UNIT = "lib/systemd/system/corvane-cs.service"
 
 # Below the prefix; with the prefix /usr, /etc and the system's directory of units are elsewhere.
-SHARED = sorted([
+SHARED = [
     "bin/corvane-ctl",
     "lib/tmpfiles.d/corvane-cs.conf",
     "sbin/corvane-cs",
@@ -30,8 +30,9 @@ SHARED = sorted([
     "share/man/man8/corvane-ctl.8",
     "share/zsh/vendor-completions/_corvane-cs",
     "share/zsh/vendor-completions/_corvane-ctl",
-])
+]
 OTHERS = ["etc/init.d/corvane-cs", "etc/logrotate.d/corvane-cs", UNIT]
+PROGRAMS = [f"{PREFIX}/{path}" for path in ("bin/corvane-ctl", "etc/init.d/corvane-cs", "sbin/corvane-cs")]
 
 
 @pytest.fixture(scope="module")
@@ -42,37 +43,35 @@ def root(plain, tmp_path_factory):
     return directory
 
 
-def mode(path):
-    return oct(path.stat().st_mode & 0o7777)
+def page_of(root, prefix):
+    return (root / prefix[1:] / "share/man/man8/corvane-cs.8").read_text()
 
 
-def pages(directory):
-    return sorted((directory / "share/man").glob("man*/*"))
-
-
-def test_every_file_is_inside_the_prefix(root):
+def test_every_file_is_below_the_prefix_and_only_programs_can_be_run(root):
     assert installed_files(root) == sorted(f"{PREFIX}/{path}" for path in SHARED + OTHERS)
+    modes = {path: oct((root / path[1:]).stat().st_mode & 0o7777) for path in installed_files(root)}
+    assert modes == {path: "0o755" if path in PROGRAMS else "0o644" for path in modes}
 
 
-def test_the_unit_names_the_daemon_where_it_is(root):
-    text = (root / PREFIX[1:] / UNIT).read_text()
-    assert re.findall(r"^ExecStart=(.*)", text, re.MULTILINE) == [f"{PREFIX}/sbin/corvane-cs"]
-    assert f" {PREFIX}/share/doc/corvane-cs/examples/stricter.conf" in text
+def test_the_unit_and_the_init_script_name_the_daemon_where_it_is(root):
+    unit = (root / PREFIX[1:] / UNIT).read_text()
+    assert re.findall(r"^ExecStart=(.*)", unit, re.MULTILINE) == [f"{PREFIX}/sbin/corvane-cs"]
+    assert f" {PREFIX}/share/doc/corvane-cs/examples/stricter.conf" in unit
+    script = (root / PREFIX[1:] / "etc/init.d/corvane-cs").read_text()
+    assert re.findall(r"^daemon=(.*)", script, re.MULTILINE) == [f"{PREFIX}/sbin/corvane-cs"]
 
 
-def test_the_init_script_names_the_daemon_where_it_is(root):
-    text = (root / PREFIX[1:] / "etc/init.d/corvane-cs").read_text()
-    assert re.findall(r"^daemon=(.*)", text, re.MULTILINE) == [f"{PREFIX}/sbin/corvane-cs"]
-
-
-def test_the_manual_pages_name_the_installed_files_where_they_are(root):
-    named = [path for page in pages(root / PREFIX[1:])
-             for path in re.findall(r"^\.It Pa (\S+)$", page.read_text(), re.MULTILINE)
-             if not path.startswith(("/var/", "/usr/share/corvane/"))]  # of the daemon at work, of the actors
-    assert len(named) > 10
-    for path in named:
-        assert path.startswith(f"{PREFIX}/"), path
-        assert list(root.glob(path[1:])), path
+def test_the_manual_pages_name_every_installed_file_where_it_is(root):
+    named = set()
+    pages = [page.read_text() for page in (root / PREFIX[1:] / "share/man").glob("man*/*")]
+    for path in re.findall(r"^\.It Pa (\S+)$", "\n".join(pages), re.MULTILINE):
+        if path.startswith(("/var/", "/usr/share/corvane/")):  # the running daemon or the actors make these
+            continue
+        found = [f"/{file.relative_to(root)}" for file in root.glob(path[1:])]
+        assert path.startswith(f"{PREFIX}/") and found, path
+        named.update(found)
+    unnamed = {path for path in installed_files(root) if "/share/man/" not in path} - named
+    assert unnamed == {f"{PREFIX}/bin/corvane-ctl", f"{PREFIX}/sbin/corvane-cs"}
 
 
 def test_no_installed_file_keeps_a_mark_to_be_replaced(root):
@@ -81,38 +80,25 @@ def test_no_installed_file_keeps_a_mark_to_be_replaced(root):
             assert re.findall(r"@\w+@", (root / path[1:]).read_text()) == [], path
 
 
-def test_what_is_no_program_cannot_be_run(root):
-    """Under the umask of this test, too."""
-    programs = [path for path in installed_files(root) if mode(root / path[1:]) != "0o644"]
-    assert programs == [f"{PREFIX}/bin/corvane-ctl", f"{PREFIX}/etc/init.d/corvane-cs", f"{PREFIX}/sbin/corvane-cs"]
-    assert {mode(root / path[1:]) for path in programs} == {"0o755"}
-
-
-def test_nothing_is_warned_of(plain, tmp_path):
+def test_a_note_says_that_the_bus_does_not_read_another_prefix_and_nothing_warns(plain, tmp_path):
     assert "Warning" not in plain.output
-    said = succeed("cmake", "--install", plain.directory, "--prefix", PREFIX, DESTDIR=str(tmp_path))
-    assert "Warning" not in said
-
-
-def test_the_caller_is_told_that_the_bus_does_not_read_another_prefix(plain, tmp_path):
-    said = succeed("cmake", "--install", plain.directory, "--prefix", PREFIX, DESTDIR=str(tmp_path))
-    assert f"the bus reads no policy in {PREFIX}/share/dbus-1/system.d" in said
-    said = succeed("cmake", "--install", plain.directory, "--prefix", "/usr", DESTDIR=str(tmp_path))
-    assert "the bus reads" not in said
+    for prefix, is_noted in ((PREFIX, True), ("/usr", False)):
+        printed = succeed("cmake", "--install", plain.directory, "--prefix", prefix, DESTDIR=str(tmp_path))
+        assert (f"the bus reads no policy in {prefix}/share/dbus-1/system.d" in printed) is is_noted
+        assert "Warning" not in printed
 
 
 def test_with_the_prefix_usr_files_go_where_the_system_looks(plain, tmp_path):
     asked = run("pkg-config", "--variable=systemdsystemunitdir", "systemd")
     units = asked.stdout.strip() if asked.returncode == 0 else "/lib/systemd/system"
-    assert install(plain.directory, tmp_path, "/usr") == sorted(
-        [f"/usr/{path}" for path in SHARED]
-        + ["/etc/init.d/corvane-cs", "/etc/logrotate.d/corvane-cs", f"{units}/corvane-cs.service"])
+    elsewhere = ["/etc/init.d/corvane-cs", "/etc/logrotate.d/corvane-cs", f"{units}/corvane-cs.service"]
+    expected = sorted([f"/usr/{path}" for path in SHARED] + elsewhere)
+    assert install(plain.directory, tmp_path, "/usr") == expected
     assert "\nExecStart=/usr/sbin/corvane-cs\n" in (tmp_path / units[1:] / "corvane-cs.service").read_text()
-    page = (tmp_path / "usr/share/man/man8/corvane-cs.8").read_text()
-    assert f"\n.It Pa {units}/corvane-cs.service\n" in page
+    assert f"\n.It Pa {units}/corvane-cs.service\n" in page_of(tmp_path, "/usr")
 
 
-def test_a_prefix_without_its_beginning_is_that_below_the_working_directory(plain, tmp_path, monkeypatch):
+def test_a_relative_prefix_is_below_the_working_directory(plain, tmp_path, monkeypatch):
     monkeypatch.chdir(tmp_path)
     install(plain.directory, tmp_path / "root", "here")
     unit = tmp_path / "root" / str(tmp_path)[1:] / "here" / UNIT
@@ -120,15 +106,20 @@ def test_a_prefix_without_its_beginning_is_that_below_the_working_directory(plai
 
 
 def test_each_place_can_be_chosen(plain, tmp_path):
-    places = {"CORVANE_UNIT_DIR": "/units", "CORVANE_INIT_DIR": "/init", "CORVANE_TMPFILES_DIR": "/tmpfiles",
-              "CORVANE_LOGROTATE_DIR": "share/rotation", "CMAKE_INSTALL_SBINDIR": "bin"}
+    places = {
+        "CORVANE_UNIT_DIR": "/units",
+        "CORVANE_INIT_DIR": "/init",
+        "CORVANE_TMPFILES_DIR": "/tmpfiles",
+        "CORVANE_LOGROTATE_DIR": "share/rotation",
+        "CMAKE_INSTALL_SBINDIR": "bin",
+    }
     configure(plain.directory, NO_GTEST, *[f"-D{name}={place}" for name, place in places.items()])
     try:
         files = install(plain.directory, tmp_path, PREFIX)
     finally:
         configure(plain.directory, NO_GTEST, *[f"-U{name}" for name in places])
-    assert {"/units/corvane-cs.service", "/init/corvane-cs", f"{PREFIX}/share/rotation/corvane-cs",
-            "/tmpfiles/corvane-cs.conf", f"{PREFIX}/bin/corvane-cs"} <= set(files)
+    chosen = ["/units/corvane-cs.service", "/init/corvane-cs", "/tmpfiles/corvane-cs.conf"]
+    chosen += [f"{PREFIX}/share/rotation/corvane-cs", f"{PREFIX}/bin/corvane-cs"]
+    assert set(chosen) <= set(files)
     assert f"\nExecStart={PREFIX}/bin/corvane-cs\n" in (tmp_path / "units/corvane-cs.service").read_text()
-    page = (tmp_path / PREFIX[1:] / "share/man/man8/corvane-cs.8").read_text()
-    assert "\n.It Pa /tmpfiles/corvane-cs.conf\n" in page
+    assert "\n.It Pa /tmpfiles/corvane-cs.conf\n" in page_of(tmp_path, PREFIX)
