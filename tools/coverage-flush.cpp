@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// coverage-flush.cpp: what a program has reached is on disk whenever its log is.
+// coverage-flush.cpp: writes the coverage counters to disk with each line of the log.
 //
-// Tests end the daemon with signal 9, and counters that are only written at exit would be lost. It flushes
-// its stream after each line of the log, so that is where they are written. Linked into the daemon of the
-// coverage preset only.
+// Tests end the daemon with SIGKILL, which loses counters that are written at exit only. The daemon flushes
+// its stream after each line of the log, and this file wraps the flush. Only the daemon of the coverage
+// preset links it.
 #include <cstdio>
 
 extern "C" {

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# conftest.py: runs the project's commands as other users and on other machines than this one.
+# conftest.py: runs the project's commands as other users and in containers.
 import os
 import subprocess
 from pathlib import Path
@@ -9,10 +9,10 @@ import pytest
 SOURCES = Path(__file__).resolve().parent.parent.parent
 TOOLS = SOURCES / "tools"
 NOBODY = 65534
-HAS_NAMESPACES = subprocess.run([TOOLS / "check-machine", "namespaces"], stderr=subprocess.DEVNULL)
+NAMESPACES = subprocess.run([TOOLS / "check-machine", "namespaces"], stderr=subprocess.DEVNULL)
+REASON = "needs namespaces, which a container refuses"
 
-needs_namespaces = pytest.mark.skipif(HAS_NAMESPACES.returncode != 0,
-                                      reason="needs namespaces, which a container refuses")
+needs_namespaces = pytest.mark.skipif(NAMESPACES.returncode != 0, reason=REASON)
 
 
 def run(*command, **options):
@@ -23,18 +23,18 @@ def run(*command, **options):
 
 
 def environment(**more):
-    """The caller's, without what a make that runs these tests hands to a make that they run."""
-    return {**{name: text for name, text in os.environ.items() if not name.startswith(("MAKE", "MFLAGS"))},
-            "HOME": "/", **more}
+    """The caller's environment without the variables that make hands to a make below it."""
+    inherited = {name: text for name, text in os.environ.items() if not name.startswith(("MAKE", "MFLAGS"))}
+    return {**inherited, "HOME": "/", **more}
 
 
-def in_container(*command, mounts=(), **options):
+def in_container(*command):
     """Runs a command as root of a container that has this machine's files, and an empty /run and /var/log."""
-    as_root = () if os.getuid() == 0 else ("--unshare-user", "--uid", "0", "--gid", "0")
-    return run(TOOLS / "as-container", *as_root, "--dev-bind", "/", "/", "--proc", "/proc", "--tmpfs", "/run",
-               "--tmpfs", "/var/log", *mounts, "--", *command, **options)
+    as_root = [] if os.getuid() == 0 else ["--unshare-user", "--uid", "0", "--gid", "0"]
+    mounts = ["--dev-bind", "/", "/", "--proc", "/proc", "--tmpfs", "/run", "--tmpfs", "/var/log"]
+    return run(TOOLS / "as-container", *as_root, *mounts, "--", *command)
 
 
 def lines_of(process):
-    """What a command said on standard error."""
+    """The lines on the standard error of a command."""
     return process.stderr.splitlines()
