@@ -4,19 +4,19 @@ add_library(corvane-build INTERFACE)
 target_compile_features(corvane-build INTERFACE cxx_std_20)
 target_include_directories(corvane-build INTERFACE ${PROJECT_SOURCE_DIR})
 
-# Offsets and times of 64 bits on 32-bit machines too: a log beyond 2 GiB, a clock beyond 2038.
+# 64-bit offsets and times on 32-bit machines: for a log beyond 2 GiB and a clock beyond 2038.
 target_compile_definitions(corvane-build INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 
-# No exceptions and no run-time types: the C++ run-time library is then not even mapped. The unwind tables
-# stay, for the crash report. Log lines name files from the root of the repository.
+# No exceptions and no run-time types, so that the daemon does not even map the C++ run-time library. The
+# crash report needs the unwind tables. Log lines name files from the root of the repository.
 target_compile_options(
   corvane-build
   INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wconversion
             $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
             -fasynchronous-unwind-tables -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
-# A release is hardened: position-independent, no writable relocations, guarded stacks and buffers. Marks for
-# jumps are for x86 alone, and not every compiler can probe a stack as it grows.
+# A release is hardened: position-independent code, read-only relocations, guarded stacks and buffers. Only
+# x86 has marks for jump targets, and not every compiler can probe a growing stack.
 include(CheckCXXCompilerFlag)
 check_cxx_compiler_flag(-fcf-protection CORVANE_HAS_CF_PROTECTION)
 check_cxx_compiler_flag(-fstack-clash-protection CORVANE_HAS_STACK_CLASH_PROTECTION)

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: MIT
-# install.cmake: where files are installed, and how those are installed that name such places.
+# install.cmake: where files are installed, and how to install a file that names such a place.
 #
-# All of it is below the prefix, except with the prefix /usr: /etc and the system's units are not in /usr. A
-# relative directory follows the prefix, an absolute one is taken as it is.
+# All places are below the prefix, except with the prefix /usr: /etc and the system's units are not in /usr. A
+# relative directory is below the prefix; an absolute one is used unchanged.
 include(GNUInstallDirs)
-set(CORVANE_UNIT_DIR "" CACHE STRING "Systemd units; empty: where the system has them, or below the prefix")
+set(CORVANE_UNIT_DIR "" CACHE STRING "Systemd units; empty: the system's directory, or below the prefix")
 set(CORVANE_TMPFILES_DIR lib/tmpfiles.d CACHE STRING "Directories that systemd makes at boot")
 set(CORVANE_INIT_DIR ${CMAKE_INSTALL_SYSCONFDIR}/init.d CACHE STRING "Init scripts")
 set(CORVANE_LOGROTATE_DIR ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d CACHE STRING "Snippets of logrotate")
@@ -16,8 +16,8 @@ if(NOT corvane_system_unit_dir)
 endif()
 
 # install_template(TEMPLATE FILE [PERMISSION...]): installs TEMPLATE.in as FILE. Both may name the places of
-# install-template.cmake.in, as @PLACE@; these are replaced when the file is installed, because
-# `cmake --install` can change the prefix. PERMISSIONs, those of install(), are added to a file's usual ones.
+# install-template.cmake.in, as @PLACE@. The installation replaces them, because `cmake --install` can change
+# the prefix. PERMISSIONs, as for install(), are added to a file's usual ones.
 function(install_template template file)
   set(permissions ${ARGN})
   configure_file(${PROJECT_SOURCE_DIR}/cmake/install-template.cmake.in install-${template}.cmake @ONLY)
