@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# actors.py: root starts actors, and the daemon watches them.
+# actors.py: root starts and stops actors, and the daemon restarts them.
 import os
 import re
 import signal
@@ -9,14 +9,14 @@ import machine
 from report import check, expect
 from services import service
 
+IMAGES = "/usr/share/corvane/images/kva-images.bundle"
 PROGRAMS = {
     (":1", "local-login"): "corvane-ls :1",
     (":1", "press-fkey"): "corvane-pfk -display :1 --verbose --logfile /var/log/corvane-pfk1.log",
     (":1", "xhotkey"): "corvane-xh -display :1",
     (":2", "remote-login"): "corvane-ls :2 -query localhost",
     (":2", "click-mouse"): "corvane-pfk -display :2 --mouse --verbose --logfile /var/log/corvane-pfk2.log",
-    (":3", "disable-station"):
-        "corvane-x11-put-image :3 /usr/share/corvane/images/kva-images.bundle disabled",
+    (":3", "disable-station"): f"corvane-x11-put-image :3 {IMAGES} disabled",
 }
 
 
@@ -30,7 +30,7 @@ def start_all():
     return f"{time.monotonic() - begun:.1f} s"
 
 
-@check("an actor is a child of the daemon and has the descriptors 0, 1 and 2 only")
+@check("an actor is a child of the daemon and has only the descriptors 0, 1 and 2")
 def descriptors():
     machine.start(":1", "local-login")
     pid = machine.pid_of(":1")
@@ -39,7 +39,7 @@ def descriptors():
     expect(sorted(found) == [0, 1, 2], found)
 
 
-@check("an actor that is killed is started again after two seconds")
+@check("the daemon restarts a killed actor after two seconds")
 def supervision():
     machine.start(":1", "local-login")
     killed = machine.pid_of(":1")
@@ -49,13 +49,13 @@ def supervision():
     return f"{seconds:.1f} s"
 
 
-@check("an actor that is stopped ends and is not started again")
+@check("a stopped actor exits, and the daemon does not restart it")
 def stop_one():
     machine.start(":1", "xhotkey")
     begun = time.monotonic()
     machine.stop(":1", "xhotkey")
-    machine.wait_for("the end of the actor's thread",
-                     lambda: "keep_alive field is FALSE. Exit from the" in machine.read(machine.LOG))
+    message = "keep_alive field is FALSE. Exit from the"
+    machine.wait_for("the end of the actor's thread", lambda: message in machine.read(machine.LOG))
     expect(not machine.actors(), machine.actors)
     return f"{time.monotonic() - begun:.1f} s"
 
@@ -80,7 +80,7 @@ def ctl_stop():
     expect(" ends, process " in result.output and not machine.actors(), result)
 
 
-@check("ten stations that are asked for in a row have their actors")
+@check("ten Starts in a row for ten stations start ten actors")
 def ten_stations():
     begun = time.monotonic()
     for number in range(11, 21):

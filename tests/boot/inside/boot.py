@@ -5,14 +5,14 @@ from report import check, expect
 from services import service, uptime
 
 
-@check("the machine boots, and each of its services starts", "systemd")
+@check("the machine boots, and all its services start", "systemd")
 @check("the machine boots into its runlevel", "sysvinit")
 def machine_boots():
     service.has_booted()
     return f"{uptime():.1f} s"
 
 
-@check("the boot starts one daemon, and it has its name on the bus")
+@check("the boot starts one daemon, and that daemon owns its name on the bus")
 def daemon_serves():
     expect(service.serves(), f"the service's pid: {service.pid()}")
     expect(machine.answers(), lambda: machine.call("HelloWorld"))
@@ -30,17 +30,17 @@ def one_attempt():
     expect(service.show("NRestarts") == "0", lambda: service.show("NRestarts"))
 
 
-@check("the log of the boot has all steps of the start and no failure")
+@check("the log has all steps of the start and no error")
 def log_of_the_boot():
     log = machine.read(machine.LOG)
     expect("Start mainloop ..." in log and "{EE}" not in log and "ERROR" not in log, log)
 
 
-@check("the daemon's umask, its log and its pid file are nothing that another user may write")
+@check("another user may write neither the log nor the pid file nor the daemon's new files")
 def modes():
     umask = machine.status_of(machine.daemons()[0], "Umask")
     expect(umask == "0022", "umask", umask)
     for path in (machine.LOG, machine.PID_FILE.parent, *machine.PID_FILE.parent.glob("*.pid")):
         found = path.stat()
-        expect(found.st_uid == 0 and found.st_mode & 0o022 == 0,
-               f"{path}: owner {found.st_uid}, mode {found.st_mode:o}")
+        is_safe = found.st_uid == 0 and found.st_mode & 0o022 == 0
+        expect(is_safe, f"{path}: owner {found.st_uid}, mode {found.st_mode:o}")

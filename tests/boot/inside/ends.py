@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# ends.py: the daemon is restarted, crashes, is killed or loses its bus, and comes back as the init does it.
+# ends.py: the daemon is restarted, crashes, is killed or loses its bus, and the init brings it back.
 import os
 import re
 import signal
@@ -11,12 +11,12 @@ from services import service
 
 
 def comes_back(old):
-    """Waits for the daemon after the one with the pid old; under sysvinit, starts it. Returns the seconds."""
+    """Waits for the daemon that follows the pid old; under sysvinit, starts it. Returns the seconds."""
     begun = time.monotonic()
     if service.name == "sysvinit":
         machine.wait_for("the daemon's end", lambda: old not in machine.daemons())
-        expect(machine.run(*service.command("status", "corvane-cs")).status in (1, 3),
-               lambda: machine.run(*service.command("status", "corvane-cs")))
+        result = machine.run(*service.command("status", "corvane-cs"))
+        expect(result.status in (1, 3), result)
         service.start()
     machine.wait_for("another daemon", lambda: machine.daemons() not in ([], [old]))
     service.wait()
@@ -56,8 +56,8 @@ def restart():
     return f"{result.seconds:.1f} s"
 
 
-@check("a crash is in the log with its stack, and the unit starts the next daemon", "systemd")
-@check("a crash is in the log with its stack, and the daemon can be started again", "sysvinit")
+@check("the log has the stack of a crash, and the unit starts the next daemon", "systemd")
+@check("the log has the stack of a crash, and the daemon can be started again", "sysvinit")
 def crash():
     old = service.pid()
     os.kill(old, signal.SIGSEGV)
@@ -68,7 +68,7 @@ def crash():
     return f"{seconds:.1f} s"
 
 
-@check("a daemon that is killed ten times in a row comes back each time, without its actors", "systemd")
+@check("the unit restarts a daemon that is killed ten times in a row, without its actors", "systemd")
 @check("a daemon that is killed ten times in a row can be started again each time", "sysvinit")
 def killed():
     slowest = 0
@@ -82,14 +82,14 @@ def killed():
     return f"the slowest in {slowest:.1f} s"
 
 
-@check("a daemon that is ended by SIGTERM is started again", "systemd")
+@check("the unit restarts a daemon that SIGTERM has ended", "systemd")
 def terminated():
     old = service.pid()
     os.kill(old, signal.SIGTERM)
     return f"{comes_back(old):.1f} s"
 
 
-@check("a reload of the bus leaves the daemon and its actors as they are")
+@check("a reload of the bus leaves the daemon and its actors unchanged")
 def bus_reloaded():
     machine.start(":1", "local-login")
     before = service.pid(), machine.actors()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# log.py: the machine's own job rotates the log while the daemon writes.
+# log.py: the machine's own job rotates the log of the running daemon.
 import gzip
 import pathlib
 
@@ -12,21 +12,21 @@ STATE = pathlib.Path("/var/lib/logrotate/status")
 
 
 def rotate():
-    """Runs the job as its timer does, on a machine where the last rotation was long ago."""
-    STATE.write_text("logrotate state -- version 2\n" + "".join(
-        f'"{path}" 2020-1-1-0:0:0\n' for path in (machine.LOG, machine.OLD_LOG)))
+    """Runs the job as its timer does. The last rotation seems to be years ago."""
+    rotations = [f'"{path}" 2020-1-1-0:0:0\n' for path in (machine.LOG, machine.OLD_LOG)]
+    STATE.write_text("logrotate state -- version 2\n" + "".join(rotations))
     return machine.succeed(*JOB[service.name])
 
 
 def unpacked(path):
-    """The newest rotated file of path, however it is packed."""
+    """The text of the newest rotated file of path, packed or not."""
     found = sorted(path.parent.glob(path.name + ".[1-9]*"))
     if not found:
         return ""
     return gzip.open(found[0], "rt").read() if found[0].suffix == ".gz" else machine.read(found[0])
 
 
-@check("the machine's logrotate job rotates the log, and the daemon goes on in the empty one")
+@check("the machine's logrotate job rotates the log, and the daemon writes to the empty one")
 def rotation():
     expect(machine.answers(), "it does not answer")
     pid, before = service.pid(), machine.read(machine.LOG)
@@ -39,7 +39,7 @@ def rotation():
     return f"{result.seconds:.1f} s"
 
 
-@check("the machine's logrotate job rotates the log of the daemon before, too")
+@check("the machine's logrotate job rotates the log of the previous daemon")
 def rotation_of_the_old_one():
     service.restart()
     service.wait()

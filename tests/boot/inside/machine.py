@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# machine.py: what the checks see of the machine and do to it: commands, processes, calls, the log.
+# machine.py: how the checks use the machine: commands, processes, calls, the log.
 import os
 import pathlib
 import re
@@ -15,17 +15,22 @@ PID_FILE = pathlib.Path("/run/corvane/corvane-cs.pid")
 DEAF = pathlib.Path("/run/deaf")  # makes actors that ignore SIGTERM
 NAME = "com.corvane.ControlServer"
 BUS = "unix:path=/run/dbus/system_bus_socket"
-USER = "someone"  # an ordinary user of this machine
-PATIENCE = 60  # seconds for what takes a few; this machine is an emulated one
+USER = "someone"  # an ordinary user
+PATIENCE = 60  # seconds for what takes a few on hardware; this machine is emulated
 
-ENVIRONMENT = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C",
-               "DEBIAN_FRONTEND": "noninteractive", "HOME": "/root", "TERM": "dumb"}
+ENVIRONMENT = {
+    "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+    "LC_ALL": "C",
+    "DEBIAN_FRONTEND": "noninteractive",
+    "HOME": "/root",
+    "TERM": "dumb",
+}
 
 
 class Result:
     def __init__(self, command, status, output, seconds):
         self.command = " ".join(command)
-        self.status = status  # None: it had not ended in time
+        self.status = status  # None: the command did not exit in time
         self.output = output
         self.seconds = seconds
 
@@ -34,11 +39,11 @@ class Result:
 
 
 def run(*command, seconds=PATIENCE, **more):
-    """Runs a command. Its output goes through a file, because a daemon that it starts would hold a pipe."""
+    """Runs a command. Its output goes to a file, because a daemon that it starts would keep a pipe open."""
     with tempfile.TemporaryFile() as output:
         begun = time.monotonic()
-        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
-                                   env={**ENVIRONMENT, **more})
+        streams = {"stdin": subprocess.DEVNULL, "stdout": output, "stderr": output}
+        process = subprocess.Popen(command, env={**ENVIRONMENT, **more}, **streams)
         try:
             status = process.wait(seconds)
         except subprocess.TimeoutExpired:
@@ -57,7 +62,7 @@ def succeed(*command, **more):
 
 
 def wait_for(what, question, seconds=PATIENCE):
-    """Asks until the answer is true, and returns the seconds it took."""
+    """Waits until question() is true, and returns the seconds."""
     begun = time.monotonic()
     while not question():
         if time.monotonic() - begun > seconds:
@@ -67,7 +72,7 @@ def wait_for(what, question, seconds=PATIENCE):
 
 
 def read(path):
-    """The text of a file, empty when there is none or the process that it is about has ended."""
+    """The text of a file; empty if the file does not exist or its process has exited."""
     try:
         return pathlib.Path(path).read_text(errors="replace")
     except OSError:
@@ -90,15 +95,14 @@ def executable(pid):
 
 
 def daemons():
-    """The pids of all daemons, also of those whose executable was replaced."""
+    """The pids of all daemons, including those whose executable was replaced."""
     return [pid for pid in processes() if executable(pid).startswith("/usr/sbin/corvane-cs")]
 
 
 def actors():
-    """{pid: command line} of all stand-ins that run, as inside/actor shows them."""
-    lines = {pid: read(f"/proc/{pid}/cmdline") for pid in processes()}
-    return {pid: line.split("\0")[0].removeprefix("actor ") for pid, line in lines.items()
-            if line.startswith("actor ")}
+    """{pid: command line} of all running stand-ins, as inside/actor shows them."""
+    names = {pid: read(f"/proc/{pid}/cmdline").split("\0")[0] for pid in processes()}
+    return {pid: name.removeprefix("actor ") for pid, name in names.items() if name.startswith("actor ")}
 
 
 def status_of(pid, field):
@@ -108,16 +112,16 @@ def status_of(pid, field):
 
 
 def bus_call(destination, path, method, *arguments, user="root"):
-    return run("setpriv", "--reuid", user, "--regid", user, "--init-groups", "dbus-send", "--system",
-               "--print-reply=literal", "--reply-timeout=20000", f"--dest={destination}", path, method,
-               *arguments)
+    as_user = ["setpriv", "--reuid", user, "--regid", user, "--init-groups"]
+    send = ["dbus-send", "--system", "--print-reply=literal", "--reply-timeout=20000"]
+    return run(*as_user, *send, f"--dest={destination}", path, method, *arguments)
 
 
-def call(member, *arguments, user="root", interface=None):
-    """Calls the display manager's object, or HelloWorld of the other one."""
-    place = "Dummy" if member == "HelloWorld" else "DisplayManager"
-    return bus_call(NAME, f"/com/corvane/ControlServer/{place}", f"{interface or f'{NAME}.{place}'}.{member}",
-                    *(f"string:{argument}" for argument in arguments), user=user)
+def call(member, *arguments, user="root"):
+    """Calls Start or Stop of the display manager, or HelloWorld of the other object."""
+    plugin = "Dummy" if member == "HelloWorld" else "DisplayManager"
+    path, method = f"/com/corvane/ControlServer/{plugin}", f"{NAME}.{plugin}.{member}"
+    return bus_call(NAME, path, method, *(f"string:{argument}" for argument in arguments), user=user)
 
 
 def ask_bus(member, *arguments, user="root"):
@@ -126,7 +130,7 @@ def ask_bus(member, *arguments, user="root"):
 
 
 def owner():
-    """The pid of the process that has the daemon's name; None without one, or without a bus."""
+    """The pid of the process that owns the daemon's name; None without one, or without a bus."""
     result = ask_bus("GetConnectionUnixProcessID", f"string:{NAME}")
     return int(result.output.split()[-1]) if result.status == 0 else None
 
@@ -153,13 +157,12 @@ def stop(display, actor):
 
 
 def start_by_hand():
-    """Starts a daemon in the background as an administrator may."""
+    """Starts a daemon with --start, as an administrator may."""
     return succeed("/usr/sbin/corvane-cs", "--start", DBUS_SESSION_BUS_ADDRESS=BUS)
 
 
 def state():
-    """What a maintainer wants to see after a check that failed."""
-    lines = [f"daemons: {daemons()}, owner of the name: {owner()}, pid file: {read(PID_FILE)!r}",
-             f"actors: {actors()}",
-             "the log's last lines:", *read(LOG).splitlines()[-5:]]
-    return "\n".join(lines)
+    """A summary for the maintainer, after a failed check."""
+    processes = f"daemons: {daemons()}, owner of the name: {owner()}, pid file: {read(PID_FILE)!r}"
+    last_lines = read(LOG).splitlines()[-5:]
+    return "\n".join([processes, f"actors: {actors()}", "the log's last lines:", *last_lines])

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
-# main.py: runs the checks of this boot, one after the other, and then restarts the machine or powers it off.
+# main.py: runs the checks of this boot one after the other, and then restarts the machine or powers it off.
 #
-# Both happen with running actors. A line that begins with @ tells the host that it is about to happen: the
-# host measures, and starts the machine again after the first time. A file on the disk tells the boots apart.
+# Both happen while actors run. A line that begins with @ announces the end to the host, which measures it and
+# starts the machine again after the first one. A file on the disk shows which boot this is.
 import pathlib
 import signal
 import traceback
@@ -31,7 +31,7 @@ def perform(modules, prepare):
 
 
 def leave(word, command):
-    """Has the machine end with running actors; the host misses the word when they do not start."""
+    """Ends the machine while actors run; without them the host never gets the word, and fails."""
     try:
         service.clean()
         for display in (":1", ":2", ":3"):

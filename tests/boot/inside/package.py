@@ -1,20 +1,21 @@
 # SPDX-License-Identifier: MIT
-# package.py: the package is upgraded, removed, purged and installed again on the running machine.
+# package.py: upgrades, removes, purges and installs the package again on the running machine.
 import re
-import subprocess
 
 import machine
 from report import check, expect
 from services import service
 
-# What dpkg itself says; all else comes from a script of a package.
-DPKG = re.compile(r"\(Reading database |Preparing to unpack |Unpacking |Setting up |Removing |Purging |"
-                  r"Processing triggers for |Selecting previously ")
+# The lines of dpkg itself; all others come from a script of a package.
+DPKG = re.compile(
+    r"\(Reading database |Preparing to unpack |Unpacking |Setting up |Removing |Purging |"
+    r"Processing triggers for |Selecting previously "
+)
 OF_THE_CHECKS = re.compile(r"/usr/local/|/var/tmp/|corvane-checks|/var/log/journal/")
 
 
 def dpkg(*arguments):
-    """Returns the seconds, and what the package's scripts printed."""
+    """Returns the seconds, and the output of the package's scripts."""
     result = machine.succeed("dpkg", *arguments, seconds=180)
     lines = [line for line in re.split(r"[\r\n]+", result.output) if line and not DPKG.match(line)]
     return result.seconds, "\n".join(lines)
@@ -52,13 +53,13 @@ def remove():
     return f"{seconds:.1f} s"
 
 
-@check("after the removal a start of the unit fails", "systemd")
+@check("after a removal the unit cannot be started", "systemd")
 def start_of_the_removed():
     result = machine.run(*service.command("start", "corvane-cs"))
     expect(result.status != 0 and not machine.daemons(), result, machine.daemons)
 
 
-@check("after the removal the init script, which stays, succeeds and starts nothing", "sysvinit")
+@check("after a removal the remaining init script succeeds and starts no daemon", "sysvinit")
 def script_of_the_removed():
     machine.succeed("sh", "/etc/init.d/corvane-cs", "start")
     expect(not machine.daemons(), machine.daemons)
@@ -67,13 +68,12 @@ def script_of_the_removed():
 @check("a purge leaves no file of the package")
 def purge():
     dpkg("--purge", "corvane-cs")
-    found = subprocess.run(["find", "/etc", "/usr", "/var", "/run", "-name", "*corvane*"], text=True,
-                           capture_output=True, check=False).stdout.splitlines()
-    found = [path for path in found if not OF_THE_CHECKS.search(path)]
-    expect(not found, *found)
+    found = machine.run("find", "/etc", "/usr", "/var", "/run", "-name", "*corvane*").output.splitlines()
+    left = [path for path in found if "corvane" in path and not OF_THE_CHECKS.search(path)]
+    expect(not left, *left)
 
 
-@check("a purge leaves systemd without its unit", "systemd")
+@check("after a purge systemd does not know the unit", "systemd")
 def units():
     result = machine.run("systemctl", "list-units", "--all", "--plain", "--no-legend", "corvane-cs*")
     expect(not result.output, result)

@@ -1,38 +1,40 @@
 # SPDX-License-Identifier: MIT
-# report.py: the list of checks, and the lines that say what came of them.
+# report.py: the list of checks, and the lines with their results.
 #
-# A check is a function with a sentence for its name. It returns None or the figure it measured, and raises
-# Seen when the machine does not do what the sentence says. Its line goes to the second serial port at once,
-# so that nothing that happens to the machine later can lose it.
+# A check is a function whose name is a sentence. It returns None or the figure that it measured, and raises
+# Seen if the machine does something else. Its line goes to the second serial port at once, so that nothing
+# that happens to the machine later can lose it.
 import traceback
 
 PORT = "/dev/ttyS1"
 
 
 class Seen(Exception):
-    """What was seen instead of what the check's name says."""
+    """Observations that contradict the sentence of a check."""
 
 
 class Check:
     def __init__(self, sentence, function, init):
         self.sentence = sentence
         self.function = function
-        self.init = init  # the only one it is for, or None
+        self.init = init  # the only init that it is for, or None
 
     def is_for(self, init):
         return self.init in (None, init)
 
 
 def check(sentence, init=None):
-    """Makes a check of a function, and adds it to the list `checks` of the function's module."""
+    """Turns a function into a check, and adds it to the list `checks` of the function's module."""
+
     def add(function):
         function.__globals__.setdefault("checks", []).append(Check(sentence, function, init))
         return function
+
     return add
 
 
 def expect(condition, *seen):
-    """seen: what the condition was read from; callables are asked only when it is false."""
+    """seen: observations for the report; callables are called only if the condition is false."""
     if not condition:
         raise Seen("\n".join(str(part() if callable(part) else part) for part in seen))
 
@@ -43,7 +45,7 @@ def say(text):
 
 
 def perform(one, prepare, explain):
-    """Runs the check one, and says what came of it; explain() adds to what a failed one has seen."""
+    """Runs the check one and reports its result; explain() adds observations to a failure."""
     try:
         prepare()
         figure = one.function()

@@ -1,11 +1,11 @@
 # SPDX-License-Identifier: MIT
-# second_boot.py: the machine was restarted with running actors, after the package was installed anew.
+# second_boot.py: the machine was restarted while actors ran, after a new installation of the package.
 import machine
 from report import check, expect
 from services import service, uptime
 
 
-@check("after a restart of the machine the installed daemon serves again, without actors")
+@check("after a restart of the machine the daemon serves again, without actors")
 def serves():
     service.has_booted()
     expect(service.serves() and machine.answers(), f"the service's pid: {service.pid()}")
@@ -13,6 +13,6 @@ def serves():
     return f"{uptime():.1f} s"
 
 
-@check("the log of the boot before is kept")
+@check("the log of the previous boot is kept")
 def old_log():
     expect("dbus_dm_start(): display=:3" in machine.read(machine.OLD_LOG), machine.read(machine.OLD_LOG))

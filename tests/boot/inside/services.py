@@ -9,7 +9,7 @@ from report import expect
 
 
 class Service:
-    """command() is what each init calls it by; the rest is the same."""
+    """The verbs that both inits share; each subclass has the commands of its init."""
 
     def start(self):
         return self.succeed("start")
@@ -24,15 +24,15 @@ class Service:
         return machine.succeed(*self.command(verb, name))
 
     def serves(self):
-        """Whether the service's own daemon, and no other, has the name."""
+        """Whether the service's own daemon is the only one, and owns the name."""
         running = machine.daemons()
         return len(running) == 1 and running == [self.pid()] and machine.owner() == running[0]
 
     def wait(self):
-        return machine.wait_for("the service's daemon, alone, to have the name", self.serves)
+        return machine.wait_for("the service's daemon to serve alone", self.serves)
 
     def clean(self):
-        """Brings the machine back to one daemon without actors, whatever the check before left."""
+        """Brings the machine back to one daemon without actors after any check."""
         machine.DEAF.unlink(missing_ok=True)
         if not machine.is_installed() or not machine.actors() and self.serves():
             return
@@ -63,12 +63,12 @@ class Systemd(Service):
         return machine.succeed("systemctl", "show", "--property", field, "--value", unit).output
 
     def has_booted(self):
-        """Waits until the machine has booted, and fails when a service of it has not."""
+        """Waits until the machine has booted, and fails if one of its services has failed."""
         result = machine.run("systemctl", "is-system-running", "--wait", seconds=300)
         expect(result.output == "running", result, lambda: machine.run("systemctl", "--failed"))
 
     def bus_before_daemon(self):
-        """Seconds from the bus's readiness for connections to the daemon's start."""
+        """Seconds from the moment when the bus takes connections to the start of the daemon."""
         bus = int(self.show("ActiveEnterTimestampMonotonic", "dbus.socket"))
         return (int(self.show("ExecMainStartTimestampMonotonic")) - bus) / 1e6
 
@@ -91,12 +91,13 @@ class Sysvinit(Service):
         expect(result.output == "N 2", result)
 
     def bus_before_daemon(self):
-        begun = [int(machine.read(f"/proc/{pid}/stat").rpartition(")")[2].split()[19])
-                 for pid in (self.bus_pid(), machine.daemons()[0])]
-        return (begun[1] - begun[0]) / os.sysconf("SC_CLK_TCK")
+        bus, daemon = (started(pid) for pid in (machine.read("/run/dbus/pid").strip(), machine.daemons()[0]))
+        return (daemon - bus) / os.sysconf("SC_CLK_TCK")
 
-    def bus_pid(self):
-        return int(machine.read("/run/dbus/pid"))
+
+def started(pid):
+    """The start of a process in clock ticks since the boot."""
+    return int(machine.read(f"/proc/{pid}/stat").rpartition(")")[2].split()[19])
 
 
 def uptime():

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# stricter.py: the unit with the stricter drop-in that the package brings as an example.
+# stricter.py: the unit with the stricter drop-in, an example of the package.
 import os
 import pathlib
 import shutil
@@ -24,7 +24,7 @@ def starts():
     expect(machine.answers(), lambda: machine.call("HelloWorld"))
 
 
-@check("with the stricter drop-in an actor starts, is started again and is stopped", "systemd")
+@check("with the stricter drop-in the daemon starts, restarts and stops an actor", "systemd")
 def watches():
     expect(machine.status_of(service.pid(), "NoNewPrivs") == "1", "the drop-in has no effect")
     machine.start(":1", "local-login")
@@ -35,10 +35,10 @@ def watches():
     machine.wait_for("its end", lambda: not machine.actors())
 
 
-@check("without the drop-in the unit is as before", "systemd")
+@check("without the drop-in the unit works as before", "systemd")
 def gone():
     shutil.rmtree(DIRECTORY)
     machine.succeed("systemctl", "daemon-reload")
     service.restart()
     service.wait()
-    expect(machine.status_of(service.pid(), "NoNewPrivs") == "0", "the drop-in has an effect still")
+    expect(machine.status_of(service.pid(), "NoNewPrivs") == "0", "the drop-in still has an effect")
