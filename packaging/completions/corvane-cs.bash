@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# corvane-cs.bash: bash completes the options of corvane-cs. Nothing follows an option that ends the program.
+# corvane-cs.bash: bash completes the options of corvane-cs. No word follows an option that ends the program.
 
 _corvane_cs() {
   local word

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-# corvane-ctl.bash: bash completes the words of corvane-ctl. The actors are those that it lists itself; displays are
-# those with an X server and those with a station.
+# corvane-ctl.bash: bash completes the words of corvane-ctl. It takes the actors from corvane-ctl, and offers
+# the displays that have an X server or a station.
 
 _corvane_ctl() {
   local cur words cword word offers="" after="" given=()
