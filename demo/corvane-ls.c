@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// corvane-ls.c: the login window of the demonstration: fills a station's screen and tells which station it
-// is, which process it is, and the last key or click that arrived.
+// corvane-ls.c: the login window of the demonstration. It fills a station's screen and shows the station, its
+// own pid, and the last key or click that arrived.
 //
-// It stays beneath the other windows, also when it comes back later than they.
+// It stays below the other windows, even if it starts after them.
 //
 // usage: corvane-ls DISPLAY [-query HOST]
 #include <stdio.h>
@@ -55,7 +55,7 @@ int main(int argc, char** argv) {
       snprintf(arrived, sizeof arrived, "click");
     }
     draw(&window, argv[1], host, arrived);
-    if (*arrived) {  // the title last: who sees it finds the drawing done
+    if (*arrived) {  // the title last: a program that reads it finds the drawing complete
       snprintf(title, sizeof title, "Login, %s", arrived);
       XStoreName(display, window.id, title);
     }

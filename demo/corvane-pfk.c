@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// corvane-pfk.c: the injector of the demonstration: presses F1 or clicks, once, as if somebody sat at the
-// station.
+// corvane-pfk.c: the injector of the demonstration. It presses F1 or clicks once, as a user at the station
+// would.
 //
-// Then it stays until it is ended: one that ended by itself would be started again and press again.
+// Then it waits for a signal: if it exited, the daemon would restart it, and it would press again.
 //
 // usage: corvane-pfk -display DISPLAY [--mouse] [--verbose] [--logfile FILE]
 #include <X11/extensions/XTest.h>
@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
   Display* display = display_of_option(argc, argv);
   int unused;
   if (!XTestQueryExtension(display, &unused, &unused, &unused, &unused)) {
-    fprintf(log, "%s takes no events from programs\n", DisplayString(display));
+    fprintf(log, "%s has no XTEST extension\n", DisplayString(display));
     return 1;
   }
   for (int down = 1; down >= 0; --down) {

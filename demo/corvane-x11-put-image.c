@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// corvane-x11-put-image.c: the image of the demonstration: covers a station's screen with an image of a
-// bundle.
+// corvane-x11-put-image.c: covers a station's screen with an image of a bundle, in the demonstration.
 //
 // A bundle is a sequence of images: a line with the name and the size in bytes, then a PNG file of that size.
 //
@@ -14,7 +13,7 @@ static cairo_status_t read_bundle(void* bundle, unsigned char* data, unsigned le
   return fread(data, 1, length, bundle) == length ? CAIRO_STATUS_SUCCESS : CAIRO_STATUS_READ_ERROR;
 }
 
-// The image of this name; null when the bundle has none that can be read.
+// The image of this name; null if the bundle has none that can be read.
 static cairo_surface_t* load_image(FILE* bundle, const char* wanted) {
   char name[64];
   long size;

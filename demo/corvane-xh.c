@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// corvane-xh.c: the hot-key watcher of the demonstration: takes F12 from all windows of a station, and shows
-// how often it was typed.
+// corvane-xh.c: the hot-key watcher of the demonstration. It takes F12 from all windows of a station, and
+// shows how often F12 was typed.
 //
 // usage: corvane-xh -display DISPLAY
 #include <X11/keysym.h>
@@ -31,7 +31,7 @@ int main(int argc, char** argv) {
     XNextEvent(display, &event);
     if (event.type == KeyPress) ++seen;
     draw(&window, seen);
-    if (event.type == KeyPress) {  // the title last: who sees it finds the drawing done
+    if (event.type == KeyPress) {  // the title last: a program that reads it finds the drawing complete
       char title[64];
       snprintf(title, sizeof title, "Hot key, seen %d", seen);
       XStoreName(display, window.id, title);

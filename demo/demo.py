@@ -1,12 +1,11 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: MIT
-# demo.py: shows the main job of the daemon to a newcomer: on the terminal, in pictures and on a page.
+# demo.py: shows the daemon's main job on the terminal, in pictures and on a page.
 #
-# It tells the story of story.py. Run it through private-machine --displays; it writes the picture of each
-# stage, all of them in one (stations.png) and a page that lays pictures and log beside each other
-# (index.html).
+# It runs the stages of story.py, through private-machine --displays. It writes a picture of each stage, a
+# picture of all stages (stations.png) and a page with pictures and log side by side (index.html).
 #
-# usage: demo.py DIRECTORY [SESSION]    SESSION: the display on which the stations are windows, for watching
+# usage: demo.py DIRECTORY [SESSION]    SESSION: the display that shows the stations in windows
 import html
 import sys
 import textwrap
@@ -14,14 +13,13 @@ import time
 from pathlib import Path
 
 from PIL import Image, ImageDraw
-
 from Xlib import error
 
 from support.displays import Stations, font
 from support.story import Story
 
 DESK, FRAME, PAPER, TEXT, FAINT = "#d9dee7", "#20242c", "#ffffff", "#222a38", "#5b6575"
-TIME_TO_WATCH = 3.0  # seconds a stage, for who watches the stations' windows
+TIME_TO_WATCH = 3.0  # seconds for each stage in windows
 
 STYLE = """
 body { font: 16px/1.5 "DejaVu Sans", sans-serif; color: #222a38; background: #f4f6f9; margin: 2rem auto;
@@ -38,7 +36,7 @@ code { background: #eef1f6; padding: .1em .3em; }
 
 
 def side_by_side(pictures):
-    """The screens of one stage on one desk, each with its display below."""
+    """The screens of one stage on one desk, each with the name of its display below."""
     width, height = next(iter(pictures.values())).size
     desk = Image.new("RGB", (20 + len(pictures) * (width + 40), height + 84), DESK)
     draw = ImageDraw.Draw(desk)
@@ -51,7 +49,7 @@ def side_by_side(pictures):
 
 
 def storyboard(stages):
-    """All stages in one picture: a row each, what happens on the left, the screens on the right."""
+    """All stages in one picture: a row for each, with the calls on the left and the screens on the right."""
     width, row, left = 1000, 136, 272
     board = Image.new("RGB", (width, len(stages) * row + 8), PAPER)
     draw = ImageDraw.Draw(board)
@@ -72,8 +70,9 @@ def storyboard(stages):
 def page(stages):
     sections = ""
     for place, stage in enumerate(stages, 1):
-        title, text, log, status = (html.escape(part) for part in (
-            stage.title, stage.text, "\n".join(stage.log), "\n".join(["$ corvane-ctl status", *stage.status])))
+        status = "\n".join(["$ corvane-ctl status", *stage.status])
+        parts = stage.title, stage.text, "\n".join(stage.log), status
+        title, text, log, status = (html.escape(part) for part in parts)
         calls = "<br>".join(f"<code>{html.escape(call)}</code>" for call in stage.calls)
         sections += f"""<section>
 <h2>{place}. {title}</h2>
@@ -88,8 +87,8 @@ def page(stages):
 <html lang="en"><head><meta charset="utf-8"><title>corvane-cs at work</title><style>{STYLE}</style></head>
 <body>
 <h1>corvane-cs at work on three stations</h1>
-<p>The daemon, the message bus, the displays and the pictures are real, the actors are small programs of the
-demonstration. Beside each picture stands what the daemon has logged since the one before.</p>
+<p>The daemon, the message bus, the displays and the pictures are real. The actors are small programs of the
+demonstration. Each picture has the lines beside it that the daemon has logged since the previous one.</p>
 {sections}</body></html>
 """
 
@@ -108,11 +107,11 @@ def main(directory, session=None):
         stations.clean()
     storyboard(stages).quantize(64).save(directory / "stations.png", optimize=True)
     (directory / "index.html").write_text(page(stages))
-    print(f"\nThe demo showed all that it told. Pictures and log, side by side: {directory}/index.html")
+    print(f"\nThe demo passed all stages. Pictures and log, side by side: {directory}/index.html")
 
 
 def show(stations, directory, time_to_watch):
-    """Prints each stage as it comes, and saves its pictures; returns all stages."""
+    """Prints each stage as it runs, and saves its pictures; returns all stages."""
     stages = []
     for stage in Story(stations).stages():
         stages.append(stage)

@@ -47,7 +47,7 @@ DemoWindow window_show(Display* display, Box box, const char* title, int on_top,
       cairo_xlib_surface_create(display, window.id, DefaultVisual(display, screen), width, height);
   cairo_surface_set_device_scale(window.surface, x_scale, y_scale);
 
-  // Whose window it is: _NET_WM_PID, which Xlib wants as a long.
+  // The pid of the window's process; Xlib wants it as a long.
   const long pid = getpid();
   XChangeProperty(display, window.id, XInternAtom(display, "_NET_WM_PID", False), XA_CARDINAL, 32,
                   PropModeReplace, (const unsigned char*)&pid, 1);
@@ -63,7 +63,7 @@ DemoWindow window_show(Display* display, Box box, const char* title, int on_top,
 
 cairo_t* window_draw_begin(const DemoWindow* window) {
   cairo_t* drawing = cairo_create(window->surface);
-  cairo_push_group(drawing);  // seen only when it is complete
+  cairo_push_group(drawing);  // shown only when it is complete
   cairo_translate(drawing, -window->box.x, -window->box.y);
   cairo_select_font_face(drawing, "DejaVu Sans", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_BOLD);
   return drawing;
