@@ -84,6 +84,7 @@ class Bus : public FakedTest {
   /** No test leaves a shortage of memory to the next one. */
   void TearDown() override {
     handled = TRUE;
+    bus.connection = connection;
     bus.watch = as_watch(&readable);
     results.clear();
     ccs_serve_watch(&bus);
