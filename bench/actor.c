@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // actor.c: an actor whose first instruction is timed.
 //
-// It begins where the kernel hands over, without a C library, asks the clock, and tells whoever reads the
-// pipe below; see struct Started in load.h. Then it waits for its end.
+// It starts at the entry point, without a C library, reads the clock, and writes the time to the pipe below;
+// see struct Started in load.h. Then it waits for a signal.
 #include <stdint.h>
 #include <sys/syscall.h>
 
@@ -34,7 +34,7 @@ __asm__(
     "call begin\n");
 #endif
 
-// `stack` holds the number of arguments, and behind it the arguments.
+// `stack` holds the number of arguments, and then the arguments.
 __attribute__((used)) void begin(const long* stack) {
   long now[2];
   call(SYS_clock_gettime, CLOCK_MONOTONIC, (long)now, 0);

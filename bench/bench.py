@@ -1,13 +1,13 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: MIT
-# bench.py: measures the daemon beside floors and peers and prints one table with a bar for each figure.
+# bench.py: compares the daemon with floors and peers, and prints a table with bars.
 #
-# Run it through tools/private-machine; README.md explains the method and the numbers. The run fails only with
-# --short, and then only for a count that is exact on every machine. A time never decides.
+# Run it through tools/private-machine; README.md explains the method and the rows. The run fails only with
+# --short, and only for a count that is exact on every machine. It never fails for a time.
 #
 # usage: bench.py DAEMON PROGRAMS RESULTS [--short] [--seed N] [--only SECTION...]
-#   DAEMON    its executable          PROGRAMS  directory of the bench's own programs
-#   RESULTS   directory of results.json and table.md
+#   DAEMON    the executable          PROGRAMS  directory of the programs of the bench
+#   RESULTS   directory for results.json and table.md
 import argparse
 import os
 import random
@@ -38,7 +38,7 @@ SECTIONS = {
 
 
 class Run:
-    """What every section is given."""
+    """What every section gets."""
 
     def __init__(self, options):
         self.daemon, self.programs, self.short = options.daemon, options.programs, options.short
@@ -49,7 +49,7 @@ class Run:
         self.random = random.Random(options.seed)
 
     def in_turn(self, subjects):
-        """The names in a new random order."""
+        """The names of the subjects in a new random order."""
         return self.random.sample(sorted(subjects), len(subjects))
 
 
@@ -83,7 +83,7 @@ def measure(run, options, priority):
     if not options.short and options.only == list(SECTIONS):
         run.results.write_page(f"{os.path.dirname(os.path.abspath(__file__))}/README.md", architecture)
     if options.short and run.results.broken_gates:
-        sys.exit(f"bench: counted, and not within its bar: {'; '.join(run.results.broken_gates)}")
+        sys.exit(f"bench: these counts have grown: {'; '.join(run.results.broken_gates)}")
 
 
 main()

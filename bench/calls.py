@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
-# calls.py: the daemon's example method beside echo services and the bus's own Ping.
+# calls.py: compares the daemon's HelloWorld with echo services and with the bus's own Ping.
 import os
-from statistics import median as plain_median
+import statistics
 
 from support.place import LOG, NAME
 
@@ -11,21 +11,21 @@ from results import median
 ECHO_LOG = "/var/log/corvane-bench-echo.log"
 PREFIX = len("2000-01-01 00:00:00:")
 
-# Where the daemon stands; the lines of its log, one write each, keep it from being better.
+# The daemon's present figures. One write for each line of the log limits them.
 LEAST_OF_FLOOR = 0.97
 MOST_CPU_OF_FLOOR = 1.03
 
 
 def lines_per_call(machine, target, log):
-    """The texts that a service writes for one call, without the time."""
-    machine.ask("calls", *target("HelloWorld"), 1, 2)  # the first may be answered before all is set up, which has lines
+    """The lines that a service logs for one call, without the time."""
+    machine.ask("calls", *target("HelloWorld"), 1, 2)  # until the service has logged its set-up
     os.truncate(log, 0)
     machine.ask("calls", *target("HelloWorld"), 1, 1)
     return [line[PREFIX:] for line in lines_of(log)]
 
 
 class Callee:
-    """A service that is called, and what it costs."""
+    """A service, and what a call of it costs."""
 
     def __init__(self, machine, target, process, member="HelloWorld", log=None):
         self.machine, self.target, self.process, self.member, self.log = machine, target, process, member, log
@@ -35,17 +35,18 @@ class Callee:
             os.truncate(self.log, 0)
         before = cpu_nanoseconds(self.process.pid)
         round_trip, total = self.machine.ask("calls", *self.target(self.member), outstanding, count)
-        return {"round trip": round_trip, "per call": total / count,
-                "cpu": (cpu_nanoseconds(self.process.pid) - before) / count}
+        cpu = cpu_nanoseconds(self.process.pid) - before
+        return {"round trip": round_trip, "per call": total / count, "cpu": cpu / count}
 
 
 def callees(run, machine):
-    # The floor with a log has the daemon's own path and interface, so that its lines have the same length.
-    log_target = Target("bench.echo_log", *DUMMY.words[1:])
+    # The floor with a log has the daemon's path and interface, so that its lines have the same length.
+    name = "bench.echo_log"
+    log_target = Target(name, *DUMMY.words[1:])
+    echo_log = machine.serve([f"{run.programs}/bench-echo-log", name, ECHO_LOG], name)
     result = {
         "daemon": Callee(machine, DUMMY, machine.serve([run.daemon], NAME), log=LOG),
-        "echo with log": Callee(machine, log_target, machine.serve(
-            [f"{run.programs}/bench-echo-log", "bench.echo_log", ECHO_LOG], "bench.echo_log"), log=ECHO_LOG),
+        "echo with log": Callee(machine, log_target, echo_log, log=ECHO_LOG),
         "Ping of the bus": Callee(machine, PING, machine.bus, "Ping"),
     }
     for kind, program in (("echo", "echo"), ("sd-bus echo", "echo-sd-bus"), ("GDBus echo", "echo-gdbus")):
@@ -55,26 +56,23 @@ def callees(run, machine):
             result[kind] = Callee(machine, floor_target(name), machine.serve([path, name], name))
         else:
             run.results.row(f"{kind}: its library is not installed", "")
-    daemon, floor = (lines_per_call(machine, callee.target, callee.log)
-                     for callee in (result["daemon"], result["echo with log"]))
+    logged = [result[name] for name in ("daemon", "echo with log")]
+    daemon, floor = (lines_per_call(machine, callee.target, callee.log) for callee in logged)
     if [len(line) for line in daemon] != [len(line) for line in floor]:
-        raise SystemExit(f"bench: echo-log.cpp does not write as the daemon does:\n{daemon}\n{floor}")
+        raise SystemExit(f"bench: echo-log.cpp and the daemon log different lines:\n{daemon}\n{floor}")
     return result
 
 
 def rounds(run, subjects, label, outstanding, count, how_many):
-    """figure -> the rounds of it, each a value for every subject."""
+    """figure -> its rounds, each with a value for every subject."""
     for callee in subjects.values():
-        callee.measure(outstanding, count)  # warm
-    figures = [{name: subjects[name].measure(outstanding, count) for name in run.in_turn(subjects)}
-               for _ in range(how_many)]
+        callee.measure(outstanding, count)  # warms the caches
+    figures = []
+    for _ in range(how_many):
+        figures.append({name: subjects[name].measure(outstanding, count) for name in run.in_turn(subjects)})
     run.results.numbers[label] = figures
-    return {figure: [{name: of[name][figure] for name in subjects} for of in figures]
-            for figure in ("round trip", "per call", "cpu")}
-
-
-def per_second(figures, name):
-    return f"{1e9 / median(figures, name):.0f}/s"
+    kinds = ("round trip", "per call", "cpu")
+    return {kind: [{name: of[name][kind] for name in subjects} for of in figures] for kind in kinds}
 
 
 def calls(run):
@@ -91,15 +89,15 @@ def calls(run):
     row("HelloWorld round trip, one processor", one["round trip"], "echo", 1.10)
     for other in others:
         row("HelloWorld round trip, one processor", one["round trip"], other)
-    row("HelloWorld round trip, any processor", spread["round trip"], "echo with log")
-
-    what = "HelloWorld, 32 outstanding, calls/s"
+    row("HelloWorld round trip, any processor", spread["round trip"], "echo with log", detail=True)
     for other in ("echo with log", "echo", *others):
-        ratio = plain_median(figures[other] / figures["daemon"] for figures in many["per call"])
-        judged = other == "echo with log"
-        values = [per_second(many["per call"], name) for name in ("daemon", other)]
-        run.results.row(what, values[0], other, values[1], f"{ratio:.3f}",
-                        *([f"at least {LEAST_OF_FLOOR}", ratio >= LEAST_OF_FLOOR] if judged else []))
+        ratio = statistics.median(of[other] / of["daemon"] for of in many["per call"])
+        values = [f"{1e9 / median(many['per call'], name):.0f}/s" for name in ("daemon", other)]
+        is_judged = other == "echo with log"
+        bar, met = (f"at least {LEAST_OF_FLOOR}", ratio >= LEAST_OF_FLOOR) if is_judged else ("", None)
+        what = "HelloWorld, 32 outstanding, calls/s"
+        run.results.row(what, values[0], other, values[1], f"{ratio:.3f}", bar, met, detail=not is_judged)
+
     row("service CPU per HelloWorld", one["cpu"], "echo with log", MOST_CPU_OF_FLOOR)
-    row("service CPU per HelloWorld", one["cpu"], "echo")
-    row("service CPU per HelloWorld, 32 outstanding", many["cpu"], "echo with log")
+    row("service CPU per HelloWorld", one["cpu"], "echo", detail=True)
+    row("service CPU per HelloWorld, 32 outstanding", many["cpu"], "echo with log", detail=True)

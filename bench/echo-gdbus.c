@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// echo-gdbus.c: a peer for calls: the echo service on GLib's bus library.
+// echo-gdbus.c: a peer for calls: the echo service on GDBus, GLib's D-Bus library.
 //
 // usage: bench-echo-gdbus NAME
 #include <gio/gio.h>

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // echo-log.cpp: the floor for calls with a log: answers HelloWorld and writes the daemon's lines about it.
 //
-// The lines are those that the daemon writes for one call, to the letter but for the time (the runner
-// compares their lengths before it measures), and are written as a plain program would: the time asked and
-// broken down for each line, the text formatted from its words, the stream flushed behind it.
+// The lines are those of the daemon for one call; only the time differs. bench.py compares their lengths
+// before it measures. This program writes them as a plain program does: it reads and splits the time for each
+// line, formats the text, and flushes the stream.
 //
 // usage: bench-echo-log NAME LOG
 #include <fcntl.h>
@@ -29,7 +29,7 @@ __attribute__((format(printf, 1, 2))) static void log_line(const char* format, .
   fflush(log_file);
 }
 
-// The daemon's own names, so that the lines have its lengths.
+// The daemon's names, so that the lines have the same lengths.
 static constexpr const char* daemon_path = "/com/corvane/ControlServer/Dummy";
 static constexpr const char* daemon_interface = "com.corvane.ControlServer.Dummy";
 

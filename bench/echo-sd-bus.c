@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// echo-sd-bus.c: a peer for calls: the echo service on systemd's bus library.
+// echo-sd-bus.c: a peer for calls: the echo service on sd-bus, systemd's D-Bus library.
 //
 // usage: bench-echo-sd-bus NAME
 #include <systemd/sd-bus.h>

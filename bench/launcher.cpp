@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-// launcher.cpp: the floor for starts: a program is started by two threads and a plain fork, and nothing else.
+// launcher.cpp: the floor for starts: two threads and a plain fork start a program.
 //
-// As in the daemon each station has a thread, which hands each start to a thread of its own, which forks,
-// executes and waits. As nothing of the daemon is here, threads and memory are as the C library makes them:
-// default stacks, default allocator, no log. The one thing looked after is that the thread of an ended start
-// is joined, so that what is compared does not grow.
+// As in the daemon, each station has a thread. It makes a thread for each start, which forks, executes and
+// waits. The floor has no code of the daemon: threads have default stacks, memory comes from the default
+// allocator, and no log is written. The station joins the threads of ended starts, so that the floor does not
+// grow.
 //
 // usage: bench-launcher NAME
 #include <pthread.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// load-calls.cpp: calls on the bus, and how long a service takes until it answers one at all.
+// load-calls.cpp: times calls on the bus, and the start of a service up to its first answer.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,7 +14,7 @@
 void load_await(const Words& words) {
   const int64_t begin = now();
   while (!dbus_bus_name_has_owner(bus, words[0].c_str(), nullptr)) {
-    if (now() - begin > int64_t{most_seconds} * 1000000000) fail("nobody is " + words[0]);
+    if (now() - begin > int64_t{most_seconds} * 1000000000) fail("no process owns the name " + words[0]);
     usleep(1000);
   }
 }
@@ -70,7 +70,7 @@ static void await_owner_change(const std::string& name, bool taken) {
   }
 }
 
-// Waits for the reply; false when the object is not there yet, as a service may take its name first.
+// Waits for the reply; false while the object does not exist, because a service may take its name first.
 static bool is_answered(dbus_uint32_t serial) {
   for (;;) {
     DBusMessage* message = next_message(true);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// load-starts.cpp: the time until an actor's first instruction, however the actor is started.
+// load-starts.cpp: times the start of an actor up to its first instruction.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -24,7 +24,7 @@ void starts_open() {
 
 static Started read_started() {
   Started started;
-  if (read(started_pipe, &started, sizeof started) != sizeof started) fail("half a start");
+  if (read(started_pipe, &started, sizeof started) != sizeof started) fail("incomplete record of a start");
   return started;
 }
 
@@ -34,7 +34,7 @@ static Started await_started() {
   return read_started();
 }
 
-// Looks at both, reply and pipe, whichever comes first.
+// Waits for the reply and for the actor, in either order.
 void load_start(const Words& words) {
   const std::string& display = words[4];
   int descriptor = -1;
@@ -81,7 +81,7 @@ void load_restart(const Words& words) {
   for (size_t i = 0; i + 1 < words.size(); i += 2) {
     killed[words[i + 1]] = now();
     kill(std::stoi(words[i]), SIGKILL);
-    usleep(20000);  // one after the other, so that they do not stand in each other's way when they come back
+    usleep(20000);  // one after the other, so that the restarts do not delay each other
   }
   while (!killed.empty()) {
     const Started started = await_started();

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// load.cpp: reads commands, one a line, carries them out and prints their figures; see load.h.
+// load.cpp: reads one command from each line, executes it and prints its figures; see load.h.
 //
-// It lives as long as the whole run: the runner decides what is measured next, and nothing that the runner
-// does falls into a measured time.
+// It runs until the end of the bench. bench.py decides what comes next, and none of its work falls into a
+// measured time.
 #include "bench/load.h"
 
 #include <fcntl.h>
@@ -47,7 +47,7 @@ pid_t spawn(const Words& command, int64_t* begin) {
   *begin = now();
   const pid_t child = fork();
   if (child == 0) {
-    dup2(nowhere, STDOUT_FILENO);  // where the figures go
+    dup2(nowhere, STDOUT_FILENO);  // standard output is for the figures
     execvp(argv[0], argv.data());
     _exit(127);
   }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// load: what drives a service on the bus, or starts a program itself, and takes the times.
+// load: the client that calls a service or starts a program, and takes the times.
 //
-// Each command prints one line with its figures. What cannot be carried out, or takes longer than
-// most_seconds, ends the program with 1 and a line on standard error.
+// Each command prints one line with its figures. If a command fails or takes longer than most_seconds, the
+// program exits with 1 and prints a line on standard error.
 #pragma once
 
 #include <dbus/dbus.h>
@@ -24,7 +24,7 @@ struct Target {
   std::string member;
 };
 
-/** What an actor says at its start; see actor.c. */
+/** What an actor reports at its start; see actor.c. */
 struct Started {
   int64_t nanoseconds;  // CLOCK_MONOTONIC at its first instruction
   int32_t pid;
@@ -36,7 +36,7 @@ struct Started {
 /** Nanoseconds of CLOCK_MONOTONIC. */
 int64_t now();
 
-/** Runs a program, which prints nothing here; `begin` is the time just before the fork. Returns its pid. */
+/** Runs a program without standard output; sets `begin` to the time before the fork. Returns its pid. */
 pid_t spawn(const Words& command, int64_t* begin);
 
 /** The connection to the session bus. */
@@ -48,14 +48,13 @@ Target target_of(const Words& words);
 /** Sends a call with `strings` as its arguments; returns its serial. */
 dbus_uint32_t send_call(const Target& target, const Words& strings);
 
-/** Waits for the next message; returns null, at once, when there is none and `wait` is false. The caller's.
- */
+/** Returns the next message, which the caller frees; without `wait`, null at once if there is none. */
 DBusMessage* next_message(bool wait);
 
-/** Whether `message` answers the call `serial`; an error as answer is a failure. */
+/** Whether `message` answers the call `serial`; fails if the answer is an error. */
 bool is_reply(DBusMessage* message, dbus_uint32_t serial);
 
-/** Waits for the reply to a call and drops it. */
+/** Waits for the reply to a call and frees it. */
 void await_reply(dbus_uint32_t serial);
 
 /** await NAME: waits until NAME has an owner. */
@@ -82,8 +81,7 @@ void load_start(const Words& words);
  * actor that is the program itself is then killed. */
 void load_run(const Words& words);
 
-/** started: waits for an actor that somebody else started; CLOCK_MONOTONIC at its first instruction, its pid.
- */
+/** started: waits for any other start of an actor; CLOCK_MONOTONIC at its first instruction, its pid. */
 void load_started(const Words& words);
 
 /** restart PID DISPLAY PID DISPLAY...: kills the actors; for each, ns until the next one's first instruction.

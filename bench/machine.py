@@ -1,10 +1,9 @@
 # SPDX-License-Identifier: MIT
-# machine.py: the machine of a measurement: a bus, the services on it, and what the kernel knows of them.
+# machine.py: the machine of a measurement: a bus, the services on it, and the kernel's figures about them.
 #
-# What is compared runs on one processor with the bus and the load: with more than one, the figures jump
-# between what a wake-up on the same and on another processor costs. Everything is started with a higher
-# priority where that is allowed, so that other work on the machine falls into as few measurements as
-# possible.
+# All compared programs run on one processor with the bus and the load. With several, the figures jump between
+# the cost of a wake-up on the same processor and on another one. Everything runs with a higher priority where
+# that is allowed, so that other work on the machine falls into few measurements.
 import contextlib
 import glob
 import os
@@ -21,7 +20,7 @@ PRIORITY = -15
 
 
 class Target:
-    """An interface of a service, in the words of the load; called with a member, the method."""
+    """An interface of a service as words for the load; a call with a member gives a method."""
 
     def __init__(self, service, path, interface):
         self.words = [service, path, interface]
@@ -49,7 +48,7 @@ def threads(pid):
 
 
 def cpu_nanoseconds(pid):
-    """Time that all threads of a process have run, user and system."""
+    """The processor time of all threads of a process, user and system."""
     return sum(int(lines_of(f"{thread}/schedstat")[0].split()[0]) for thread in threads(pid))
 
 
@@ -62,18 +61,18 @@ def context_switches(pid):
 
 
 def kib(pid, field):
-    """The sum of the fields of this name (a regular expression) over all of a process's memory."""
+    """The sum of the fields whose names match, over all memory of a process."""
     rollup = "".join(lines_of(f"/proc/{pid}/smaps_rollup"))
     return sum(int(n) for n in re.findall(rf"^{field}:\s+(\d+)", rollup, re.M))
 
 
 def private_kib(pid):
-    """Memory that no other process uses at the moment, pages of files included."""
+    """Memory that no other process uses at the moment, including pages of files."""
     return kib(pid, "Private_(?:Clean|Dirty)")
 
 
 def own_kib(pid):
-    """Memory that no other process can use: what the process has written to."""
+    """Memory that the process has written to, so that no other process can use it."""
     return kib(pid, "Anonymous")
 
 
@@ -86,21 +85,21 @@ def wait_for(what, condition):
 
 
 class Machine:
-    """A private bus and everything that runs on it; ends with the block that it is used in."""
+    """A private bus and everything that runs on it, until the end of a with block."""
 
     def __init__(self, programs):
-        self.programs = programs  # directory of the bench's own
+        self.programs = programs  # the directory of the bench's programs
         self.processors = sorted(os.sched_getaffinity(0))
         self.one = {self.processors[-1]}
         self.children = []
 
     def __enter__(self):
-        # It says on standard error what it would like to have and can do without, as more descriptors.
+        # The bus complains on standard error that it cannot raise its limit of descriptors.
         self.bus, address = start_bus(preexec_fn=self.pin, stderr=subprocess.DEVNULL)
         os.environ["DBUS_SESSION_BUS_ADDRESS"] = address
         self.children.append(self.bus)
-        self.load = self.start([f"{self.programs}/bench-load"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                               text=True)
+        pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "text": True}
+        self.load = self.start([f"{self.programs}/bench-load"], **pipes)
         return self
 
     def __exit__(self, *_):
@@ -130,7 +129,7 @@ class Machine:
         child.wait()
 
     def ask(self, *words):
-        """One command for the load; returns its figures."""
+        """Sends a command to the load; returns its figures."""
         print(*words, file=self.load.stdin, flush=True)
         answer = self.load.stdout.readline()
         if not answer.endswith("\n"):
@@ -146,10 +145,7 @@ class Machine:
 
 @contextlib.contextmanager
 def stage(programs):
-    """Everything that the measurements need and leave: the actors on the path, and a higher priority.
-
-    Gives the priority that was allowed.
-    """
+    """Sets up the actors on the path and a higher priority, and cleans up; yields the allowed priority."""
     processes.adopt_orphans()
     set_stage()
     for program in PROGRAMS:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// service.cpp: the least that a service on libdbus does, which is the floor for the daemon.
+// service.cpp: the least that a service on libdbus does: the floor for the daemon.
 #include "bench/service.h"
 
 #include <cstdio>

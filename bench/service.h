@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// service: what every floor that serves the bus has in common: one object that answers calls.
+// service: what all floors on the bus share: one object that answers calls.
 #pragma once
 
 #include <dbus/dbus.h>
@@ -14,7 +14,7 @@ void bench_reply(DBusConnection* connection, DBusMessage* call, int type, const 
 void bench_answer_hello(DBusConnection* connection, DBusMessage* call);
 
 /**
- * Serves the object `path` on the session bus as `name` until the bus ends, in the way of the bus library's
- * manual: it reads, writes and dispatches by itself. Only failures of set-up return, with an exit status.
+ * Serves the object `path` on the session bus as `name` until the bus ends. As in the manual of libdbus, one
+ * loop reads, writes and dispatches. Returns an exit status, 1 if the set-up fails.
  */
 int bench_serve(const char* name, const char* path, DBusObjectPathMessageFunction handler);

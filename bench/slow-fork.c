@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// slow-fork.c: preloaded into the daemon, makes every fork take a tenth of a second, so that whoever waits
-// for forks can be seen to wait for how many.
+// slow-fork.c: a preload library that makes every fork of the daemon take 0.1 s, so that the time of a wait
+// shows how many forks it waited for.
 #include <dlfcn.h>
 #include <time.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# starts.py: the daemon's main job beside the least that it takes, and beside other supervisors.
+# starts.py: compares the daemon's main job with a floor and with other supervisors.
 import os
 import shutil
 import statistics
@@ -9,9 +9,8 @@ from support.place import NAME
 from support.processes import stat_of
 
 import supervisors
-from machine import (DISPLAY_MANAGER, DUMMY, Machine, floor_target, mappings, own_kib, threads,
-                     wait_for)
-from results import median
+from machine import DISPLAY_MANAGER, DUMMY, Machine, floor_target, mappings, own_kib, threads, wait_for
+from results import median, microseconds
 
 FLOOR = "two-thread fork"
 FLOOR_NAME = "bench.launcher"
@@ -26,7 +25,7 @@ LEAST_STATIONS = 4000
 
 
 class Starter:
-    """The daemon or its floor, which start actors on the bus."""
+    """The daemon or its floor: a service that starts actors."""
 
     def __init__(self, machine, target, process):
         self.machine, self.target, self.process = machine, target, process
@@ -34,12 +33,12 @@ class Starter:
 
     def start(self, display, actor="local-login"):
         """Nanoseconds until the reply and until the actor's first instruction."""
-        reply, first, self.actors[display] = self.machine.ask("start", *self.target("Start"), display, actor,
-                                                              "PCI")
+        words = [*self.target("Start"), display, actor, "PCI"]
+        reply, first, self.actors[display] = self.machine.ask("start", *words)
         return reply, first
 
     def stop(self, display, actor="local-login"):
-        """Ends the actor and waits until its starter has seen that."""
+        """Ends the actor and waits until the service has noticed."""
         self.machine.ask("call", *self.target("Stop"), display, actor)
         pid = self.actors.pop(display)
         wait_for(f"the end of {pid}", lambda: stat_of(pid) is None)
@@ -59,14 +58,14 @@ def the_daemon(run, machine, **options):
 
 
 def the_floor(run, machine, stations):
-    """Its stacks of 8 MiB do not fit 32 bits for many stations; smaller ones are visited in the same time."""
+    """Many stacks of 8 MiB do not fit 32 bits; a fork takes the same time with smaller ones."""
     smaller_stacks = ["prlimit", f"--stack={2**20}"] if run.is_32_bit and stations > 200 else []
-    return Starter(machine, floor_target(FLOOR_NAME),
-                   machine.serve([*smaller_stacks, f"{run.programs}/bench-launcher", FLOOR_NAME], FLOOR_NAME))
+    command = [*smaller_stacks, f"{run.programs}/bench-launcher", FLOOR_NAME]
+    return Starter(machine, floor_target(FLOOR_NAME), machine.serve(command, FLOOR_NAME))
 
 
 def starts(run):
-    """From Start to the actor's first instruction, on machines with few and with many stations."""
+    """The time from Start to the actor's first instruction, with few and with many stations."""
     medians = []
     for stations in run.stations:
         what = f"Start to the actor's first instruction, {stations} station{'s' if stations > 1 else ''}"
@@ -83,18 +82,20 @@ def starts(run):
         medians.append(median(figures, "daemon"))
     growth = medians[-1] / medians[0]
     few, many = run.stations[0], run.stations[-1]
-    run.results.row(f"the same, growth from {few} to {many} stations", f"{growth:.2f}",
-                    bar=f"at most {MOST_GROWTH:.2f}", met=growth <= MOST_GROWTH)
+    what, bar = f"the same, growth from {few} to {many} stations", f"at most {MOST_GROWTH:.2f}"
+    run.results.row(what, f"{growth:.2f}", bar=bar, met=growth <= MOST_GROWTH)
 
 
 def peers(run):
-    """The same, of one station, beside those who start programs otherwise."""
+    """The same with one station, compared with other ways to start programs."""
     services = 3 if run.short else 16
     with Machine(run.programs) as machine:
         daemon = the_daemon(run, machine)
         daemon.fill(1)
-        subjects = {"daemon": lambda _: daemon.again(":1"),
-                    "fork by the client": lambda _: machine.ask("run", f"{run.programs}/bench-actor")[0]}
+        subjects = {
+            "daemon": lambda _: daemon.again(":1"),
+            "fork by the client": lambda _: machine.ask("run", f"{run.programs}/bench-actor")[0],
+        }
         bars = {"fork by the client": None, "s6": 1.00, "runit": 1.00, "supervisor": 1 / 3}
         memory = []
         for supervisor in supervisors.ALL:
@@ -104,8 +105,8 @@ def peers(run):
             one = supervisor(machine, services)
             subjects[one.name] = one.start
             memory.append(one)
-        figures = [{name: subjects[name](turn) for name in run.in_turn(subjects)}
-                   for turn in range(services)]
+        turns = range(services)
+        figures = [{name: subjects[name](turn) for name in run.in_turn(subjects)} for turn in turns]
         kib = {one.name: one.private_kib() for one in memory}
     run.results.numbers["starts beside peers"] = figures
     run.results.numbers["memory of peers"] = kib
@@ -117,7 +118,7 @@ def peers(run):
 
 
 def new_station(run):
-    """A first Start waits for the new worker; how much longer than on a station that has one."""
+    """How much longer the first Start takes on a new station: it waits for the new worker."""
     with Machine(run.programs) as machine:
         daemon = the_daemon(run, machine)
         figures = []
@@ -131,13 +132,13 @@ def new_station(run):
     for what, new, known in (("first instruction", "new", "known"), ("reply", "reply, new", "reply, known")):
         longer = statistics.median(of[new] - of[known] for of in figures) / 1e6
         values = [f"{median(figures, name) / 1e6:.2f} ms" for name in (new, known)]
-        run.results.row(f"first Start on a new station: {what}", values[0], "a known station", values[1],
-                        f"{longer:+.2f} ms", f"at most {MOST_MORE_ON_A_NEW_STATION} ms more",
-                        longer <= MOST_MORE_ON_A_NEW_STATION)
+        cells = values[0], "a known station", values[1], f"{longer:+.2f} ms"
+        bar, met = f"at most {MOST_MORE_ON_A_NEW_STATION} ms more", longer <= MOST_MORE_ON_A_NEW_STATION
+        run.results.row(f"first Start on a new station: {what}", *cells, bar, met, detail=what == "reply")
 
 
 def cycles(run):
-    """Start and Stop, again and again: each leaves the stack of a thread, and the next ones must not pay for it."""
+    """Many Starts and Stops: each leaves the stack of a thread, which must not slow the next ones."""
     count, sample = (200, 50) if run.short else (20000, 500)
     with Machine(run.programs) as machine:
         daemon = the_daemon(run, machine)
@@ -148,16 +149,16 @@ def cycles(run):
             begin = time.perf_counter_ns()
             daemon.start(":1")
             machine.ask("call", *DISPLAY_MANAGER("Stop"), ":1", "local-login")
-            while len(threads(pid)) > 2:  # asks without a pause, because it is timed
+            while len(threads(pid)) > 2:  # without a pause, because this is timed
                 pass
             return time.perf_counter_ns() - begin
 
         def pair():
-            """A cycle, and in the same moment a program that the client starts: the machine's speed, which changes."""
+            """A cycle, and at the same time a fork by the client, for the present speed of the machine."""
             return {"cycle": cycle(), "fork": machine.ask("run", f"{run.programs}/bench-actor")[0]}
 
         for _ in range(sample):
-            cycle()  # warm
+            cycle()  # warms the caches
         kib, maps = own_kib(pid), len(mappings(pid))
         first = [pair() for _ in range(sample)]
         for _ in range(count - 2 * sample):
@@ -165,20 +166,20 @@ def cycles(run):
         last = [pair() for _ in range(sample)]
         kib, maps = (own_kib(pid) - kib) / count, len(mappings(pid)) - maps
     run.results.numbers["cycles"] = {"first": first, "last": last}
-    longer = (statistics.median(of["cycle"] / of["fork"] for of in last)
-              / statistics.median(of["cycle"] / of["fork"] for of in first))
+    in_forks = [statistics.median(of["cycle"] / of["fork"] for of in part) for part in (first, last)]
+    longer = in_forks[1] / in_forks[0]
     what = f"{count} cycles of Start and Stop"
-    run.results.row(f"{what}: the last {sample}", f"{median(last, 'cycle') / 1000:.1f} us", f"the first {sample}",
-                    f"{median(first, 'cycle') / 1000:.1f} us", f"{longer:.3f}", f"at most {MOST_OF_FIRST_CYCLES:.2f}",
-                    longer <= MOST_OF_FIRST_CYCLES)
-    run.results.row(f"{what}: memory of each", f"{kib:.1f} KiB", bar=f"at most {MOST_KIB_A_CYCLE} KiB",
-                    met=kib <= MOST_KIB_A_CYCLE)
-    run.results.row(f"{what}: mappings of all", f"{maps:+d}", bar=f"at most {MOST_MAPPINGS_OF_ALL_CYCLES}",
-                    met=maps <= MOST_MAPPINGS_OF_ALL_CYCLES)
+    values = microseconds(last, "cycle"), f"the first {sample}", microseconds(first, "cycle"), f"{longer:.3f}"
+    row, bar = run.results.row, f"at most {MOST_OF_FIRST_CYCLES:.2f}"
+    row(f"{what}: the last {sample}", *values, bar, longer <= MOST_OF_FIRST_CYCLES)
+    bar, met = f"at most {MOST_KIB_A_CYCLE} KiB", kib <= MOST_KIB_A_CYCLE
+    row(f"{what}: memory of each", f"{kib:.1f} KiB", bar=bar, met=met)
+    bar, met = f"at most {MOST_MAPPINGS_OF_ALL_CYCLES}", maps <= MOST_MAPPINGS_OF_ALL_CYCLES
+    row(f"{what}: mappings of all", f"{maps:+d}", bar=bar, met=met, detail=True)
 
 
 def stations(run):
-    """How many stations fit, each with its worker and a running actor, up to a few more than the bar."""
+    """How many stations with a running actor fit the address space, up to a few more than the bar."""
     if not run.is_32_bit:
         return
     with Machine(run.programs) as machine:
@@ -188,12 +189,13 @@ def stations(run):
         except SystemExit as end:
             print(end, flush=True)
     served = len(daemon.actors)
-    run.results.row("stations with a running actor each, 32 bits", str(served), bar=f"at least {LEAST_STATIONS}",
-                    met=None if run.short else served >= LEAST_STATIONS)
+    met = None if run.short else served >= LEAST_STATIONS
+    what, bar = "stations with a running actor each, 32 bits", f"at least {LEAST_STATIONS}"
+    run.results.row(what, str(served), bar=bar, met=met)
 
 
 def replies(machine, station, pause):
-    """Seconds until the replies to Starts for three groups of a station that is known, with a pause between."""
+    """Seconds until the replies to Starts for three groups of a known station, with pauses between them."""
     machine.ask("call", *DISPLAY_MANAGER("Start"), f":{station}", "init-station", "PCI")
     waits = []
     for actor in ("local-login", "press-fkey", "xhotkey"):
@@ -203,33 +205,39 @@ def replies(machine, station, pause):
 
 
 def reply_while_launching(run):
-    """How long a Start waits for the launch of another on its station, when each fork takes FORK_SECONDS."""
+    """How long a Start waits for another launch on its station if each fork takes FORK_SECONDS."""
     stations = 3 if run.short else 8
     with Machine(run.programs) as machine:
-        the_daemon(run, machine, env={**os.environ, "LD_PRELOAD": f"{run.programs}/libbench-slow-fork.so"})
+        preload = f"{run.programs}/libbench-slow-fork.so"
+        the_daemon(run, machine, env={**os.environ, "LD_PRELOAD": preload})
         one = [wait for number in range(stations) for wait in replies(machine, number, FORK_SECONDS / 4)]
         burst = [wait for number in range(stations) for wait in replies(machine, stations + number, 0)]
     run.results.numbers["replies while a fork takes 0.1 s, in seconds"] = {"one": one, "burst": burst}
     for what, waits in (("longest", one), ("longest in a burst of three", burst)):
         forks = max(waits) / FORK_SECONDS
-        run.results.row(f"reply to Start on a known station while it launches, {what}", f"{forks:.2f} forks",
-                        bar="one fork", met=forks < 1.5)  # the rest is the call; a second fork would make it 2
+        what = f"reply to Start on a known station while it launches, {what}"
+        met = forks < 1.5  # the rest is the call; a second fork would make it 2
+        run.results.row(what, f"{forks:.2f} forks", bar="one fork", met=met, detail=waits is burst)
 
 
 def ready(run):
-    """From before the fork of the service until it has its name and answers."""
+    """The time from before the fork of the service until it owns its name and answers."""
     with Machine(run.programs) as machine:
-        commands = {"daemon": (DUMMY, [run.daemon]),
-                    "echo": (floor_target("bench.echo"), [f"{run.programs}/bench-echo", "bench.echo"])}
-        figures = [{name: machine.ask("ready", *commands[name][0]("HelloWorld"), *commands[name][1])[0]
-                    for name in run.in_turn(commands)} for _ in range(run.rounds + 1)]
-    del figures[0]  # nothing had been read from the disk
+        echo = [f"{run.programs}/bench-echo", "bench.echo"]
+        words = {
+            "daemon": [*DUMMY("HelloWorld"), run.daemon],
+            "echo": [*floor_target("bench.echo")("HelloWorld"), *echo],
+        }
+        figures = []
+        for _ in range(run.rounds + 1):
+            figures.append({name: machine.ask("ready", *words[name])[0] for name in run.in_turn(words)})
+    del figures[0]  # it had to read from the disk
     run.results.numbers["ready"] = figures
     run.results.ratio_row("start of the process to its first answer", figures, "echo", 1.10)
 
 
 def restart(run):
-    """How long after its death an actor is back."""
+    """The time from the exit of an actor to the first instruction of the next."""
     with Machine(run.programs) as machine:
         daemon = the_daemon(run, machine)
         daemon.fill(16)
@@ -237,5 +245,6 @@ def restart(run):
         seconds = [nanoseconds / 1e9 for nanoseconds in machine.ask("restart", *deaths)]
     run.results.numbers["restart, in seconds"] = seconds
     middle = statistics.median(seconds)
-    run.results.row("restart after a death", f"{middle:.4f} s ({min(seconds):.4f} to {max(seconds):.4f})",
-                    bar="2.000 to 2.015 s", met=min(seconds) >= 2.0 and middle <= 2.015)
+    value = f"{middle:.4f} s ({min(seconds):.4f} to {max(seconds):.4f})"
+    met = min(seconds) >= 2.0 and middle <= 2.015
+    run.results.row("restart after a death", value, bar="2.000 to 2.015 s", met=met)

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
-# supervisors.py: others that start and watch programs, each with a number of services that run an actor.
+# supervisors.py: other programs that start and watch programs, each with several services that run an actor.
 #
-# s6 and runit are asked by their own tools, as their users ask them. The tool of supervisor is a program in
-# Python that takes longer to load than all the others together, so supervisor is asked over its socket.
+# The bench uses the tools of s6 and runit, as their users do. The tool of supervisor is a Python program that
+# takes longer to load than all other steps together, so the bench uses supervisor's socket.
 import http.client
 import os
 import socket
@@ -20,7 +20,7 @@ ACTOR = f"{ACTORS}/corvane-ls"
 
 
 class Directories:
-    """What s6 and runit have in common: a directory for each service, and a process for each directory."""
+    """What s6 and runit share: a directory for each service, and a process for each directory."""
 
     def __init__(self, machine, services):
         self.machine = machine
@@ -28,7 +28,7 @@ class Directories:
         for directory in self.directories:
             os.makedirs(directory)
             os.symlink(ACTOR, f"{directory}/run")
-            Path(f"{directory}/down").touch()  # so that it waits to be asked
+            Path(f"{directory}/down").touch()  # so that the service waits for a start
         self.watcher = machine.start([*self.command, f"{STAGE}/{self.name}"])
         for directory in self.directories:
             pipe = f"{directory}/supervise/{self.pipe}"
@@ -38,7 +38,7 @@ class Directories:
         return self.machine.ask("run", *self.tool, self.directories[turn])[0]
 
     def private_kib(self):
-        """Of the process that watches all services, and of the one that watches each."""
+        """The memory of the process for all services, and of the process for each one."""
         each = children_of(self.watcher.pid)
         return private_kib(self.watcher.pid), sum(map(private_kib, each)) / len(each)
 
@@ -86,7 +86,7 @@ class Supervisor:
         self.idle = private_kib(self.process.pid)
 
     def answers(self):
-        """Whether it listens already: its socket can be there before."""
+        """Whether supervisor listens. Its socket can exist earlier."""
         try:
             return self.server.supervisor.getState()
         except (ConnectionRefusedError, FileNotFoundError):
