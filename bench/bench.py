@@ -71,8 +71,8 @@ def main():
 def measure(run, options, priority):
     architecture = "i386" if run.is_32_bit else "amd64"
     processors, load = len(os.sched_getaffinity(0)), os.getloadavg()[0]
-    run.results = Results(f"{architecture}, {processors} processors, load {load:.1f}, priority {priority}, "
-                          f"{run.rounds} rounds, seed {run.seed}:")
+    heading = f"{architecture}, {processors} processors, load {load:.1f}, priority {priority}, "
+    run.results = Results(f"{heading}{run.rounds} rounds, seed {run.seed}:")
     print(run.results.heading, flush=True)
     for section in options.only:
         began = time.monotonic()

@@ -9,8 +9,8 @@ from collections import Counter
 from support.place import LOG, STAGE
 
 from calls import lines_per_call
-from machine import (DUMMY, Machine, context_switches, floor_target, lines_of, mappings, own_kib,
-                     private_kib, threads, wait_for)
+from machine import DUMMY, Machine, context_switches, floor_target, lines_of, mappings, own_kib
+from machine import private_kib, threads, wait_for
 from starts import the_daemon
 
 COUNTED_CALLS = 1000

@@ -67,20 +67,27 @@ class UnixTransport(xmlrpc.client.Transport):
 
 class Supervisor:
     SOCKET = f"{STAGE}/supervisor.sock"
+    CONFIGURATION = f"""
+[unix_http_server]
+file={SOCKET}
+[supervisord]
+nodaemon=true
+logfile=/dev/null
+logfile_maxbytes=0
+pidfile={STAGE}/supervisor.pid
+[rpcinterface:supervisor]
+supervisor.rpcinterface_factory=supervisor.rpcinterface:make_main_rpcinterface
+"""
     name, program = "supervisor", "supervisord"
 
     def __init__(self, machine, services):
         self.machine, self.services = machine, services
-        with open(f"{STAGE}/supervisor.conf", "w") as file:
-            file.write(f"[unix_http_server]\nfile={self.SOCKET}\n"
-                       "[supervisord]\nnodaemon=true\nlogfile=/dev/null\nlogfile_maxbytes=0\n"
-                       f"pidfile={STAGE}/supervisor.pid\n"
-                       "[rpcinterface:supervisor]\n"
-                       "supervisor.rpcinterface_factory=supervisor.rpcinterface:make_main_rpcinterface\n")
+        configuration = f"{STAGE}/supervisor.conf"
+        with open(configuration, "w") as file:
+            file.write(self.CONFIGURATION)
             for number in range(services):
                 file.write(f"[program:a{number}]\ncommand={ACTOR}\nautostart=false\nstartsecs=0\n")
-        self.process = machine.start(["supervisord", "-c", f"{STAGE}/supervisor.conf"],
-                                     stdout=subprocess.DEVNULL)
+        self.process = machine.start(["supervisord", "-c", configuration], stdout=subprocess.DEVNULL)
         self.server = xmlrpc.client.ServerProxy("http://localhost", transport=UnixTransport())
         wait_for("supervisor", self.answers)
         self.idle = private_kib(self.process.pid)

@@ -8,6 +8,12 @@ from conftest import NO_GTEST, SOURCES, build, configure, listed_tests, succeed
 
 # g++ and clang warn of this line with the project's own options, and with no other.
 WARNED = "inline int warned(int of_no_use) { return 0; }\n"
+WITHOUT_OPTION = """#!/bin/sh
+for word; do
+  case $word in -fcf-protection*) echo "$word: not for this machine" >&2; exit 1 ;; esac
+done
+exec {} "$@"
+"""
 OBJECT = "common/CMakeFiles/corvane-common.dir/text.cpp.o"
 
 
@@ -62,12 +68,7 @@ def test_the_presets_make_warnings_errors(tmp_path):
 
 def test_a_compiler_that_has_no_option_of_x86_builds_the_code(tmp_path):
     compiler = tmp_path / "compiler"
-    compiler.write_text(f"""#!/bin/sh
-for word; do
-  case $word in -fcf-protection*) echo "$word: not for this machine" >&2; exit 1 ;; esac
-done
-exec {os.environ.get("CXX", "c++")} "$@"
-""")
+    compiler.write_text(WITHOUT_OPTION.format(os.environ.get("CXX", "c++")))
     compiler.chmod(0o755)
     configure(tmp_path, NO_GTEST, f"-DCMAKE_CXX_COMPILER={compiler}")
     done = build(tmp_path, OBJECT)
