@@ -122,7 +122,7 @@ def new_station(run):
     with Machine(run.programs) as machine:
         daemon = the_daemon(run, machine)
         figures = []
-        for number in range(1, min(run.rounds, 50) + 1):  # each round leaves a station behind
+        for number in range(1, min(run.rounds, 50) + 1):  # each round leaves a station
             reply, first = daemon.start(f":{number}")
             daemon.stop(f":{number}")
             known_reply, known = daemon.start(f":{number}")

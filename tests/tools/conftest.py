@@ -8,7 +8,7 @@ import pytest
 
 SOURCES = Path(__file__).resolve().parent.parent.parent
 TOOLS = SOURCES / "tools"
-NOBODY = 65534
+OTHER_USER = 65534
 NAMESPACES = subprocess.run([TOOLS / "check-machine", "namespaces"], stderr=subprocess.DEVNULL)
 REASON = "needs namespaces, which a container refuses"
 

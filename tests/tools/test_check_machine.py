@@ -3,10 +3,10 @@
 import os
 
 import pytest
-from conftest import NOBODY, TOOLS, in_container, lines_of, needs_namespaces, run
+from conftest import OTHER_USER, TOOLS, in_container, lines_of, needs_namespaces, run
 
 CHECK = TOOLS / "check-machine"
-as_nobody = ("setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups")
+as_other_user = ("setpriv", f"--reuid={OTHER_USER}", f"--regid={OTHER_USER}", "--clear-groups")
 needs_root = pytest.mark.skipif(os.getuid() != 0, reason="becomes another user, which only root can")
 
 
@@ -51,7 +51,7 @@ def test_the_files_of_an_interrupted_story_are_no_obstacle():
 @needs_root
 @pytest.mark.parametrize("command", ["check", "demo", "soak", "bench", "check-asan"])
 def test_a_user_who_may_not_make_namespaces_learns_it_first(command):
-    done = in_container(*as_nobody, "make", command)
+    done = in_container(*as_other_user, "make", command)
     assert done.returncode == 2 and done.stdout == ""
     sentence, *rest = lines_of(done)
     assert sentence.startswith("The daemon runs in private namespaces here, and this user may not make them")
@@ -69,7 +69,7 @@ def test_the_packaging_is_not_checked_in_a_container(command):
 @needs_root
 @pytest.mark.parametrize("command", ["check-packaging", "check-installed", "check-i386", "deb-i386"])
 def test_a_user_learns_first_that_a_command_needs_root(command):
-    done = run(*as_nobody, "make", command)
+    done = run(*as_other_user, "make", command)
     assert done.returncode == 2
     assert "Installing" not in done.stdout and "cmake" not in done.stdout
     assert lines_of(done)[0].startswith("This command needs root:")
