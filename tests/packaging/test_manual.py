@@ -116,7 +116,7 @@ def messages(*folders):
 
 
 def diagnostics(page):
-    """The messages of the page, with * for its slanted words. Each stands once and is explained."""
+    """The messages of the page, with * for its slanted words. Each occurs once, with an explanation."""
     explained, unexplained = set(), []
     for term, text in page.entries("DIAGNOSTICS"):
         for changing in term.iter("i"):
