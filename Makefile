@@ -109,8 +109,8 @@ check-variants: build-release
 	@ctest --preset release -C variants -R '^variant' -j $$(nproc) -V | \
 	  grep -E 'order .* of|tests (passed|failed)'
 
-# dpkg-buildpackage writes into the sources and beside them, so it gets a copy of all files but the ignored
-# ones.
+# dpkg-buildpackage writes into the sources and beside them, so it gets a copy of the files that are not
+# ignored.
 architecture = $(shell dpkg --print-architecture)
 deb = build/deb/$(architecture)
 deb:
@@ -203,7 +203,7 @@ lint-python:
 	black --check --quiet --line-length 110 $$files && \
 	flake8 --max-line-length 110 --extend-ignore E203 $$files
 
-# The two misspellings are in texts of the log that callers know.
+# The two misspellings are in fixed texts, the usage and the log.
 lint-words:
 	@tools/install-packages lint
 	tools/check-words
