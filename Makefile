@@ -203,11 +203,12 @@ lint-python:
 	black --check --quiet --line-length 110 $$files && \
 	flake8 --max-line-length 110 --extend-ignore E203 $$files
 
-# The two misspellings are in fixed texts, the usage and the log.
+# The usage and the log have two fixed misspellings, a test makes one, and Nd is a macro of manual pages.
 lint-words:
 	@tools/install-packages lint
 	tools/check-words
-	$(git) ls-files -z -co --exclude-standard | xargs -0 codespell --ignore-words-list assicated,occurrs
+	$(git) ls-files -z -co --exclude-standard | xargs -0 codespell \
+	  --ignore-words-list assicated,occurrs,strat,nd
 
 clean:
 	rm -rf build
