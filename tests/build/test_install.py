@@ -22,6 +22,8 @@ SHARED = [
     "share/dbus-1/system.d/com.corvane.ControlServer.DisplayManager.conf",
     "share/dbus-1/system.d/com.corvane.ControlServer.Dummy.conf",
     "share/dbus-1/system.d/com.corvane.ControlServer.conf",
+    "share/doc/corvane-cs/examples/start.c",
+    "share/doc/corvane-cs/examples/start.py",
     "share/doc/corvane-cs/examples/stricter.conf",
     "share/man/man5/com.corvane.ControlServer.DisplayManager.5",
     "share/man/man5/com.corvane.ControlServer.Dummy.5",
