@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// log.cpp: the reader of the daemon's log, in corvane-ctl.
+// log.cpp: the log reader of corvane-ctl.
 //
-// The input is the log, read at once and in two pieces. Whatever it says, no row runs, because the process
-// table is empty, and what is printed of it cannot act on a terminal or end a JSON string.
+// The input is the log, parsed both whole and in two pieces. The process table is empty, so no row may run,
+// whatever the log says. Text from the log must not control the terminal or end a JSON string when printed.
 #include <string>
 
 #include "ctl/ctl.h"
@@ -12,7 +12,7 @@ static std::string rows_of(Stations* stations) {
   stations_join(stations, {}, 1795262400);
   std::string text;
   for (const auto& [key, row] : stations->rows) {
-    expect(row.state != "runs" && row.process.pid == 0, "nothing runs, but display %d", key.display);
+    expect(row.state != "runs" && row.process.pid == 0, "no row that runs, but display %d does", key.display);
     expect(row.actor->code != 0 && key.display >= 0 && row.starts >= 0, "a row of a known actor");
     text +=
         std::to_string(key.display) + row.actor->name + row.state + row.reason + std::to_string(row.starts);
@@ -34,6 +34,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t middle = log.find('\n', size / 2) + 1;
   log_parse(log.substr(0, middle), &in_pieces);
   log_parse(log.substr(middle), &in_pieces);
-  expect(rows_of(&whole) == rows_of(&in_pieces), "the same in pieces");
+  expect(rows_of(&whole) == rows_of(&in_pieces), "the same rows from both pieces");
   return 0;
 }

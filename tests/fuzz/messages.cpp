@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
-// messages.cpp: the message handlers, from the core's on; an input is one or more messages as they go over
-// the wire (D-Bus wire format, "Message Protocol").
+// messages.cpp: the message handlers, entered through the core's. An input is one or more messages in the
+// D-Bus wire format ("Message Protocol").
 //
-// Each message goes to every plugin, as if it had come for its path: the handlers promise nothing about the
-// path. Answers are caught where they are sent. Stations are made without workers, so that what was queued is
-// still there at the end of an input and can be compared. Display 13 is the one for which no thread can be
-// had.
+// Every plugin gets each message, whatever its path: the handlers ignore the path. The target intercepts each
+// reply when it is sent. Stations have no workers, so queued events can be compared after the last message.
+// Thread creation fails for display 13.
 #include "tests/fuzz/messages.h"
 
 #include <pthread.h>
@@ -102,7 +101,7 @@ bool expect_stop(Model& model, const char* display, const char* actor) {
   return true;
 }
 
-// The one answer to `message` from `plugin`; empty when the bus library is to answer.
+// The one reply of `plugin` to `message`; empty if libdbus must reply.
 std::string expected_answer(Model& model, DBusMessage* message, const std::string& plugin) {
   const std::vector<const char*> texts = texts_of(message);
   const char* display_manager = "com.corvane.ControlServer.DisplayManager";
@@ -130,7 +129,7 @@ std::string answer_in(DBusMessage* reply) {
 }
 
 std::string address(const std::string& answer, dbus_uint32_t serial, const char* caller) {
-  return answer + " to " + std::to_string(serial) + " of " + (caller ? caller : "nobody");
+  return answer + " to " + std::to_string(serial) + " of " + (caller ? caller : "(no sender)");
 }
 
 void deliver(Model& model, DBusMessage* message, Plugin* plugin) {
@@ -146,7 +145,7 @@ void deliver(Model& model, DBusMessage* message, Plugin* plugin) {
   const std::string addressed =
       address(answer, dbus_message_get_serial(message), dbus_message_get_sender(message));
   expect(result == DBUS_HANDLER_RESULT_HANDLED, "handled, not %d", result);
-  expect(sent.size() == 2, "an answer and a flush, not %zu steps", sent.size());
+  expect(sent.size() == 2, "a reply and a flush, not %zu steps", sent.size());
   expect(sent[0] == addressed, "%s, not %s", addressed.c_str(), sent[0].c_str());
   expect(sent[1] == "flush", "a flush, not %s", sent[1].c_str());
 }
@@ -180,7 +179,7 @@ void compare_stations(const Model& model, const PluginContext& context) {
            station->display);
     expect(station->station_type == expected.station_type, "type %d, not %d", expected.station_type,
            station->station_type);
-    expect(station->prev == previous, "a list linked both ways");
+    expect(station->prev == previous, "a list linked in both directions");
     compare_events(expected, station, &context);
     previous = station;
     station = station->next;
@@ -206,8 +205,8 @@ void free_stations(PluginContext& context) {
 extern "C" {
 dbus_bool_t __wrap_dbus_connection_send(DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial);
 dbus_bool_t __wrap_dbus_connection_send(DBusConnection* on, DBusMessage* reply, dbus_uint32_t*) {
-  expect(on == connection, "an answer on the caller's connection");
-  expect(dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_METHOD_RETURN, "a return");
+  expect(on == connection, "a reply on the caller's connection");
+  expect(dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_METHOD_RETURN, "a method return");
   sent.push_back(
       address(answer_in(reply), dbus_message_get_reply_serial(reply), dbus_message_get_destination(reply)));
   return TRUE;
@@ -219,7 +218,7 @@ void __wrap_dbus_connection_flush(DBusConnection* on) {
   sent.push_back("flush");
 }
 
-// The fuzzer and the sanitizers make threads, too.
+// The fuzzer and the sanitizers create threads too.
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* data);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// messages: an input as the messages in it.
+// messages: splits an input into D-Bus messages.
 #pragma once
 
 #include <string_view>
@@ -7,5 +7,5 @@
 
 #include "common/dbus-owners.h"
 
-/** The messages that stand one behind the other in `input`, up to the first that the bus library refuses. */
+/** The consecutive messages in `input`, up to the first that libdbus rejects. */
 std::vector<MessageOwner> messages_of(std::string_view input);

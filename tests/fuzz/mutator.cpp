@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
-// mutator.cpp: changes to inputs of messages that leave them messages.
+// mutator.cpp: mutates message inputs so that most of them remain valid messages.
 //
-// Hardly any change to the bytes of a message leaves one that the bus library accepts, and the handlers would
-// see next to nothing. So three of four changes are made to what the messages say; the fourth is to the
-// bytes.
+// libdbus rejects a message after almost any change to its bytes, so the handlers would see almost none.
+// Three mutations in four therefore change a message's fields and arguments; the fourth changes bytes.
 #include <cstring>
 #include <random>
 #include <string>
@@ -49,7 +48,7 @@ std::string changed_text(const char* text, Random& random) {
   return dbus_validate_utf8(changed.c_str(), nullptr) ? changed.c_str() : text;
 }
 
-// Texts stay, or one in three changes or goes; arguments of other types go.
+// Each text may change or be dropped. Arguments from the first one of another type on are dropped.
 void copy_arguments(DBusMessage* from, DBusMessage* to, Random& random) {
   DBusMessageIter argument;
   dbus_message_iter_init(from, &argument);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// texts.cpp: numbers are read digit by digit, so that nothing here shares a mistake with strtol or scanf.
+// texts.cpp: reads numbers digit by digit, so that it cannot share an error with strtol(3).
 #include "tests/fuzz/texts.h"
 
 #include <climits>
@@ -9,15 +9,14 @@ TextOwner exact_text(std::string_view text) {
   return TextOwner(strndup(text.data(), text.size()));
 }
 
-std::vector<std::string> lines_of(std::string_view input) {
-  std::vector<std::string> lines;
-  while (!input.empty()) {
-    const std::string_view line = input.substr(0, input.find('\n'));
-    input.remove_prefix(std::min(line.size() + 1, input.size()));
-    lines.emplace_back(line.substr(0, line.find('\0')));
-  }
-  return lines;
-}
+namespace {
+
+/** A decimal number in C's notation, with leading white space and a sign. */
+struct Number {
+  bool found;
+  long long value;  // exact up to 17 digits; beyond that, some 18-digit number with the correct sign
+  size_t end;       // the position after the number
+};
 
 Number number_at(std::string_view text, size_t at) {
   const auto next_is_one_of = [&](std::string_view characters) {
@@ -36,6 +35,8 @@ Number number_at(std::string_view text, size_t at) {
   number.end = at;
   return number;
 }
+
+}  // namespace
 
 int display_named_by(std::string_view text) {
   const auto fits = [](const Number& number) {
