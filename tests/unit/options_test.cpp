@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// options_test.cpp: each option, their order, and what is none.
+// options_test.cpp: each option, the order of options, and usage errors.
 //
-// Calls that would reach the machine are noted on standard error, among what the product writes there, so
-// that a death test sees both in their order. The pid file is one in a directory of the test's own.
+// The fakes print their calls to standard error, among the product's own output, so that a death test sees
+// both in order. The pid file is in a temporary directory.
 #include "cs/options.h"
 
 #include <unistd.h>
@@ -61,7 +61,7 @@ class Options : public FakedTest {
   }
   ~Options() override { verbose = 0; }
 
-  /** Parses `arguments` behind the program's name. In a death test only when they end the process. */
+  /** Parses `arguments` after the program's name. Arguments that end the process need a death test. */
   static void parse(std::vector<std::string> arguments) {
     std::string program = "corvane-cs";
     std::vector<char*> argv = {program.data()};
@@ -71,14 +71,15 @@ class Options : public FakedTest {
     ccs_parse_options(argc, argv.data());
   }
 
-  /** What parsing `arguments`, which must return, writes to standard error. */
+  /** What the parser, which must return, writes to standard error. */
   static std::string error_output_of(const std::vector<std::string>& arguments) {
     CapturedDescriptor output(STDERR_FILENO);
     parse(arguments);
     return output.taken();
   }
 
-  /** The body of a death test: parses, says so if that returns, and shows the verbose flag in any case. */
+  /** The body of a death test: parses, and prints the verbose flag at exit. Exits with 99 if parsing returns.
+   */
   [[noreturn]] static void parse_to_the_end(const std::vector<std::string>& arguments) {
     fakes.fork = [] {
       fputs("fork\n", stderr);
@@ -86,7 +87,6 @@ class Options : public FakedTest {
     };
     atexit([] { fprintf(stderr, "verbose %d\n", verbose); });
     parse(arguments);
-    fputs("returned\n", stderr);
     _exit(99);
   }
 
@@ -94,7 +94,7 @@ class Options : public FakedTest {
   std::string pid_file = directory.path("pid");
 };
 
-// gtest makes its own children with fork, so that a death test may fake it in the child only.
+// GoogleTest forks for a death test, so fork is faked in its child only.
 class OptionsDeathTest : public Options {
  protected:
   OptionsDeathTest() { fakes.fork = nullptr; }
@@ -112,29 +112,19 @@ TEST_F(Options, the_usage_text_has_351_bytes_on_standard_error) {
   EXPECT_EQ(nothing.taken(), "");
 }
 
-TEST_F(Options, the_pid_file_has_its_fixed_path) {
-  EXPECT_STREQ(pid_file_path, "/var/run/corvane/corvane-cs.pid");
-}
-
-TEST_F(Options, no_argument_returns_at_once) {
+TEST_F(Options, no_argument_and_no_program_name_do_nothing) {
   EXPECT_EQ(error_output_of({}), "");
-  EXPECT_EQ(verbose, 0);
-}
-
-TEST_F(Options, not_even_a_program_name_returns_at_once) {
   char* const argv[] = {nullptr};
   ccs_parse_options(0, argv);
   EXPECT_EQ(verbose, 0);
 }
 
-TEST_F(Options, verbose_sets_the_flag_to_1) {
-  EXPECT_EQ(error_output_of({"--verbose"}), "");
-  EXPECT_EQ(verbose, 1);
-}
-
-TEST_F(Options, v_sets_the_flag_to_1) {
-  EXPECT_EQ(error_output_of({"-v"}), "");
-  EXPECT_EQ(verbose, 1);
+TEST_F(Options, verbose_and_v_set_the_flag_to_1) {
+  for (const char* option : {"--verbose", "-v"}) {
+    verbose = 0;
+    EXPECT_EQ(error_output_of({option}), "") << option;
+    EXPECT_EQ(verbose, 1) << option;
+  }
 }
 
 TEST_F(Options, enable_disable_and_purge_do_nothing) {
@@ -145,35 +135,29 @@ TEST_F(Options, enable_disable_and_purge_do_nothing) {
   }
 }
 
-TEST_F(Options, start_makes_a_daemon_with_a_pid_file_and_parsing_goes_on) {
+TEST_F(Options, start_daemonises_writes_the_pid_file_and_continues_parsing) {
   MemoryBook memory;
   EXPECT_EQ(error_output_of({"--start", "--verbose"}), "fork\nfork\n");
   EXPECT_EQ(contents_of(pid_file), std::to_string(getpid()));
   EXPECT_EQ(verbose, 1);
 }
 
-TEST_F(OptionsDeathTest, start_beside_a_running_daemon_speaks_on_standard_error) {
+TEST_F(OptionsDeathTest, start_reports_a_running_daemon_on_standard_error) {
   directory.file("pid", std::to_string(getpid()));
   EXPECT_EXIT(parse_to_the_end({"--start", "-v"}), ExitedWithCode(1),
               std::string("^fork\nfork\n") + time_prefix + "already running\nverbose 0\n$");
 }
 
-TEST_F(OptionsDeathTest, pid_prints_the_running_daemons_pid_to_standard_output_and_exits_with_0) {
+TEST_F(OptionsDeathTest, pid_prints_the_pid_to_standard_output_and_exits_with_0) {
   directory.file("pid", std::to_string(getpid()));
   CapturedDescriptor output(STDOUT_FILENO);
   EXPECT_EXIT(parse_to_the_end({"--pid"}), ExitedWithCode(0), "^verbose 0\n$");
-  EXPECT_EQ(output.taken(), std::to_string(getpid()) + "\n");
-}
-
-TEST_F(OptionsDeathTest, pid_prints_a_negative_number_as_it_is) {
   directory.file("pid", "-5");
-  CapturedDescriptor output(STDOUT_FILENO);
-  EXPECT_EXIT(parse_to_the_end({"--pid"}), ExitedWithCode(0),
-              std::string("^") + time_prefix + "cannot readlink\nverbose 0\n$");
-  EXPECT_EQ(output.taken(), "-5\n");
+  EXPECT_EXIT(parse_to_the_end({"--pid"}), ExitedWithCode(0), "cannot readlink\nverbose 0\n$");
+  EXPECT_EQ(output.taken(), std::to_string(getpid()) + "\n-5\n");
 }
 
-TEST_F(OptionsDeathTest, pid_without_a_daemon_prints_0_and_says_why_on_standard_error) {
+TEST_F(OptionsDeathTest, pid_without_a_pid_file_prints_0_and_reports_it_on_standard_error) {
   CapturedDescriptor output(STDOUT_FILENO);
   EXPECT_EXIT(parse_to_the_end({"--pid"}), ExitedWithCode(0),
               std::string("^") + time_prefix +
@@ -181,73 +165,57 @@ TEST_F(OptionsDeathTest, pid_without_a_daemon_prints_0_and_says_why_on_standard_
   EXPECT_EQ(output.taken(), "0\n");
 }
 
-TEST_F(OptionsDeathTest, behind_pid_nothing_is_looked_at) {
-  directory.file("pid", "no number");
+TEST_F(OptionsDeathTest, pid_acts_after_the_options_before_it_and_ignores_those_after_it) {
+  directory.file("pid", "garbage");
   CapturedDescriptor output(STDOUT_FILENO);
   EXPECT_EXIT(parse_to_the_end({"--pid", "--bogus", "-v", "word"}), ExitedWithCode(0), "^verbose 0\n$");
-  EXPECT_EQ(output.taken(), "0\n");
-}
-
-TEST_F(OptionsDeathTest, before_pid_everything_has_acted) {
-  directory.file("pid", "no number");
-  CapturedDescriptor output(STDOUT_FILENO);
   EXPECT_EXIT(parse_to_the_end({"-v", "--purge", "--pid"}), ExitedWithCode(0), "^verbose 1\n$");
-  EXPECT_EQ(output.taken(), "0\n");
+  EXPECT_EQ(output.taken(), "0\n0\n");
 }
 
-TEST_F(OptionsDeathTest, stop_sends_signal_15_removes_the_pid_file_and_exits_with_0) {
+TEST_F(OptionsDeathTest, stop_sends_sigterm_removes_the_pid_file_and_exits_with_0) {
   directory.file("pid", std::to_string(getpid()));
   EXPECT_EXIT(parse_to_the_end({"--stop", "--bogus"}), ExitedWithCode(0),
               "^kill another 15\nunlink /var/run/corvane/corvane-cs\\.pid\nverbose 0\n$");
 }
 
-TEST_F(OptionsDeathTest, stop_without_a_daemon_says_so_and_exits_with_0) {
+TEST_F(OptionsDeathTest, stop_without_a_pid_file_reports_it_and_exits_with_0) {
   EXPECT_EXIT(parse_to_the_end({"--stop"}), ExitedWithCode(0),
               std::string("^") + time_prefix +
                   "could not open pid file: /var/run/corvane/corvane-cs\\.pid for reading\\.\n"
                   "unlink /var/run/corvane/corvane-cs\\.pid\nverbose 0\n$");
 }
 
-TEST_F(OptionsDeathTest, stop_behind_start_stops_the_daemon_just_started) {
+TEST_F(OptionsDeathTest, stop_after_start_stops_the_daemon_just_started) {
   EXPECT_EXIT(parse_to_the_end({"--start", "--stop"}), ExitedWithCode(0),
               "^fork\nfork\nkill itself 15\nunlink /var/run/corvane/corvane-cs\\.pid\nverbose 0\n$");
 }
 
-TEST_F(OptionsDeathTest, a_first_argument_without_a_dash_gets_the_usage_text_only) {
-  for (const char* argument : {"start", "v", "+v", " --start"}) {
+TEST_F(OptionsDeathTest, an_argument_without_a_dash_gets_only_the_usage_text) {
+  for (const char* argument : {"start", "v", "+v", " --start", ""}) {
     EXPECT_EXIT(parse_to_the_end({argument}), ExitedWithCode(1),
                 text_pattern(usage + std::string("verbose 0\n")))
         << argument;
   }
-}
-
-TEST_F(OptionsDeathTest, an_empty_argument_gets_the_usage_text_only) {
-  EXPECT_EXIT(parse_to_the_end({""}), ExitedWithCode(1), text_pattern(usage + std::string("verbose 0\n")));
-}
-
-TEST_F(OptionsDeathTest, a_later_argument_without_a_dash_gets_the_usage_text_behind_the_options_before_it) {
   EXPECT_EXIT(parse_to_the_end({"--verbose", "start"}), ExitedWithCode(1),
               text_pattern(usage + std::string("verbose 1\n")));
 }
 
 TEST_F(OptionsDeathTest, an_unknown_option_is_named_before_the_usage_text) {
-  for (const std::string argument : {"--bogus", "-vv", "--verbose=1", "-", "--", "--Verbose", "-V", "--star",
-                                     "--starts", "--pid ", "---v", "--enable=1", "-disable"}) {
+  CapturedDescriptor output(STDOUT_FILENO);
+  for (const std::string& argument :
+       std::vector<std::string>{"--bogus", "-vv", "--verbose=1", "-", "--", "--Verbose", "-V", "--star",
+                                "--starts", "--pid ", "---v", "-disable", "--" + std::string(5000, 'o')}) {
     EXPECT_EXIT(
         parse_to_the_end({argument}), ExitedWithCode(1),
         text_pattern("corvane-cs: unknown command line option: " + argument + "\n" + usage + "verbose 0\n"))
         << argument;
   }
+  EXPECT_EQ(output.taken(), "");
 }
 
-TEST_F(OptionsDeathTest, an_unknown_option_ends_the_parsing) {
+TEST_F(OptionsDeathTest, parsing_ends_at_an_unknown_option) {
   EXPECT_EXIT(parse_to_the_end({"-v", "--bogus", "--pid"}), ExitedWithCode(1),
               text_pattern("corvane-cs: unknown command line option: --bogus\n" + std::string(usage) +
                            "verbose 1\n"));
-}
-
-TEST_F(OptionsDeathTest, usage_errors_leave_standard_output_empty) {
-  CapturedDescriptor output(STDOUT_FILENO);
-  EXPECT_EXIT(parse_to_the_end({"--bogus"}), ExitedWithCode(1), "unknown");
-  EXPECT_EQ(output.taken(), "");
 }
