@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
-// dm_dbus_test.cpp: display texts, and how Start and Stop check a call, queue an event and answer.
+// dm_dbus_test.cpp: display texts, and how Start and Stop check a call, queue an event and reply.
 //
-// Stations have no workers here, so that queued events can be looked at.
+// Stations have no workers here, so that the tests can inspect queued events.
 #include "plugins/display-manager/dm-dbus.h"
 
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 
-#include "plugins/display-manager/display-manager.h"
 #include "tests/unit/bus_calls.h"
 #include "tests/unit/capture.h"
+#include "tests/unit/dm_support.h"
 
 using Sent = std::vector<std::string>;
 
@@ -35,24 +35,38 @@ class DisplayManagerCalls : public BusCallTest {
       return thread_result;
     };
   }
-  ~DisplayManagerCalls() override {
-    for (Station* station = context.stations; station;) {
-      while (station->events) {
-        const EventOwner event(station->events);
-        station->events = event->next;
-      }
-      Station* next = station->next;
-      free(station->display);
-      free(station);
-      station = next;
-    }
-  }
+  ~DisplayManagerCalls() override { free_stations(context); }
 
   DBusHandlerResult start(const std::vector<const char*>& texts) {
     return dbus_dm_start(fake_connection, method_call(path, interface, "Start", texts).get(), &plugin);
   }
   DBusHandlerResult stop(const std::vector<const char*>& texts) {
     return dbus_dm_stop(fake_connection, method_call(path, interface, "Stop", texts).get(), &plugin);
+  }
+
+  /** Takes the stations away when memory is allocated for an event; real stations never go. */
+  void lose_stations_before_the_event() {
+    fakes.malloc = [this, allocate = fakes.malloc](size_t size) {
+      if (size == sizeof(StationEvent)) context.stations = nullptr;
+      return allocate(size);
+    };
+  }
+
+  /** Calls `look` when the reply is sent. */
+  void on_reply(const std::function<void()>& look) {
+    fakes.dbus_connection_send = [look, send = fakes.dbus_connection_send](
+                                     DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
+      look();
+      return send(on, reply, serial);
+    };
+  }
+
+  /** The events of the first station. */
+  size_t events_queued() const {
+    const Station* station = context.stations;
+    size_t count = 0;
+    for (const StationEvent* event = station ? station->events : nullptr; event; event = event->next) ++count;
+    return count;
   }
 
   PluginContext context = {};
@@ -75,26 +89,22 @@ std::string in_start(const std::string& message) {
 std::string in_stop(const std::string& message) {
   return "plugins/display-manager/dm-dbus.cpp:#:dbus_dm_stop: DEBUG: " + message;
 }
-std::string in_stations(const std::string& function, const std::string& message) {
-  return "plugins/display-manager/display-manager.cpp:#:" + function + ": DEBUG: " + message;
-}
-
 }  // namespace
 
 // ---- dm_parse_display ---------------------------------------------------------------------------------
 
-TEST(ParseDisplay, a_display_is_a_colon_and_a_number) {
+TEST(ParseDisplay, a_display_is_a_colon_and_a_number_within_int) {
   const struct {
     const char* text;
     int display;
   } cases[] = {{":0", 0},
-               {":3", 3},
                {":10", 10},
                {":007", 7},
                {"host:3", 3},
                {"host:0.0", 0},
+               {"127.0.0.1:6", 6},
+               {"a b c:12", 12},
                {":2.1", 2},
-               {":2.0", 2},
                {" :4", 4},
                {": 4", 4},
                {":\t\n 4", 4},
@@ -102,70 +112,47 @@ TEST(ParseDisplay, a_display_is_a_colon_and_a_number) {
                {":5.+1", 5},
                {":5. 1", 5},
                {":5.-1", 5},
-               {"::", -1},
-               {"a b c:12", 12},
                {":5.00", 5},
-               {"127.0.0.1:6", 6},
                {":6.2147483647", 6},
-               {":6.-2147483648", 6}};
+               {":6.-2147483648", 6},
+               {":2147483647.1", INT_MAX},
+               {":-2147483648", INT_MIN},
+               {":-5.1", -5},
+               {":-0", 0}};
   for (const auto& [text, display] : cases) EXPECT_EQ(dm_parse_display(text), display) << '"' << text << '"';
 }
 
 TEST(ParseDisplay, any_other_text_is_minus_1) {
   for (const char* text :
-       {"",      "0",    "7",     "host",  ":",      "host:", ":x",  ":1x",  ":1 ",   ":1.",
-        ":1..",  ":1.x", ":1.2x", ":1.2 ", ":1.2.3", ":1:2",  "::1", ":.1",  ": .1",  ":1,2",
-        ":0x10", ":+",   ":-",    ":+-1",  ":1.+",   ":1e1",  "1.2", ":1\n", ":1.2\n"})
+       {"",     "0",     "7",     "host",  ":",    "host:",  ":x",   ":1x", ":1 ",  ":1.",
+        ":1..", ":1.x",  ":1.2x", ":1.2 ", "::",   ":1.2.3", ":1:2", "::1", ":.1",  ": .1",
+        ":1,2", ":0x10", ":+",    ":-",    ":+-1", ":1.+",   ":1e1", "1.2", ":1\n", ":1.2\n"})
     EXPECT_EQ(dm_parse_display(text), -1) << '"' << text << '"';
 }
 
-TEST(ParseDisplay, negative_numbers_are_returned_as_they_stand) {
-  EXPECT_EQ(dm_parse_display(":-1"), -1);
-  EXPECT_EQ(dm_parse_display(":-5"), -5);
-  EXPECT_EQ(dm_parse_display(":-5.1"), -5);
-  EXPECT_EQ(dm_parse_display(":-0"), 0);
-}
-
-TEST(ParseDisplay, numbers_reach_to_the_limits_of_int) {
-  EXPECT_EQ(dm_parse_display(":2147483647"), INT_MAX);
-  EXPECT_EQ(dm_parse_display(":-2147483648"), INT_MIN);
-  EXPECT_EQ(dm_parse_display(":2147483647.1"), INT_MAX);
-}
-
-TEST(ParseDisplay, display_numbers_beyond_int_are_invalid) {
+TEST(ParseDisplay, numbers_beyond_int_are_minus_1) {
   for (const char* text :
-       {":2147483648", ":-2147483649", ":4294967296", ":4294967299", ":9223372036854775807",
-        ":9223372036854775808", ":-9223372036854775809", ":99999999999999999999999"})
+       {":2147483648", ":-2147483649", ":4294967299", ":9223372036854775808", ":-9223372036854775809",
+        ":1.2147483648", ":1.-2147483649", ":1.4294967296", ":1.99999999999999999999999"})
     EXPECT_EQ(dm_parse_display(text), -1) << text;
 }
 
-TEST(ParseDisplay, screen_numbers_beyond_int_are_invalid) {
-  for (const char* text : {":1.2147483648", ":1.-2147483649", ":1.4294967296", ":1.99999999999999999999999"})
-    EXPECT_EQ(dm_parse_display(text), -1) << text;
-}
-
-TEST(ParseDisplay, an_older_error_is_not_taken_for_one_of_the_conversion) {
+TEST(ParseDisplay, an_earlier_error_is_ignored) {
   errno = ERANGE;
   EXPECT_EQ(dm_parse_display(":2.1"), 2);
 }
 
-// ---- dbus_reply_boolean -------------------------------------------------------------------------------
-
-TEST_F(DisplayManagerCalls, a_boolean_is_answered_and_flushed) {
-  const MessageOwner call = method_call(path, interface, "Start", {});
-  dbus_reply_boolean(fake_connection, call.get(), 1);
-  dbus_reply_boolean(fake_connection, call.get(), 0);
-  EXPECT_EQ(sent, (Sent{"send b true to 7", "flush", "send b false to 7", "flush"}));
-}
-
 // ---- Start --------------------------------------------------------------------------------------------
 
-TEST_F(Start, a_valid_call_queues_an_event_and_is_answered_true) {
+TEST_F(Start, a_valid_call_queues_an_event_and_then_gets_true) {
+  size_t queued_at_reply = 0;
+  on_reply([&] { queued_at_reply = events_queued(); });
   EXPECT_EQ(start({"host:3.1", "press-fkey", "USB"}), DBUS_HANDLER_RESULT_HANDLED);
+  EXPECT_EQ(queued_at_reply, 1U);
   EXPECT_EQ(sent, answered_true);
   EXPECT_EQ(log.lines(),
             (Lines{in_start("dbus_dm_start(): display=host:3.1, actor=press-fkey, stationtype=USB"),
-                   in_stations("dm_start_station_thread", "Start a new station thread for :3"),
+                   dm_line("dm_start_station_thread", "Start a new station thread for :3"),
                    in_start("Start requested actor code: 4 on display :3")}));
   const Station* station = context.stations;
   ASSERT_NE(station, nullptr);
@@ -183,26 +170,12 @@ TEST_F(Start, a_valid_call_queues_an_event_and_is_answered_true) {
   EXPECT_EQ(event->next, nullptr);
 }
 
-TEST_F(Start, display_0_is_valid) {
-  start({":0", "xhotkey", "PCI"});
-  EXPECT_EQ(sent, answered_true);
-  EXPECT_EQ(log.lines().back(), in_start("Start requested actor code: 7 on display :0"));
-}
-
-TEST_F(Start, init_station_is_queued_like_any_other_actor) {
-  start({":1", "init-station", "COMMON"});
-  EXPECT_EQ(sent, answered_true);
-  const Station* station = context.stations;
-  EXPECT_EQ(station->events->actor_code, 1);
-  EXPECT_EQ(station->events->station_type, 1);
-}
-
-TEST_F(Start, a_second_call_uses_the_station_that_is_there) {
+TEST_F(Start, a_second_call_uses_the_existing_station) {
   start({":1", "local-login", "PCI"});
   log.forget();
   start({":1", "xhotkey", "USB"});
   EXPECT_EQ(log.lines(), (Lines{in_start("dbus_dm_start(): display=:1, actor=xhotkey, stationtype=USB"),
-                                in_stations("dm_start_station_thread", "station thread for :1 exists."),
+                                dm_line("dm_start_station_thread", "station thread for :1 exists."),
                                 in_start("Start requested actor code: 7 on display :1")}));
   const Station* station = context.stations;
   EXPECT_EQ(threads, 1);
@@ -214,22 +187,18 @@ TEST_F(Start, a_second_call_uses_the_station_that_is_there) {
   EXPECT_EQ(station->events->next->station_type, 3);
 }
 
-TEST_F(Start, too_few_arguments_are_left_unhandled_without_a_reply) {
-  EXPECT_EQ(start({":1", "xhotkey"}), DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
-  EXPECT_EQ(sent, (Sent{}));
-  EXPECT_EQ(log.lines(), (Lines{in_start("{DM} Unable to get args from DBus message: "
-                                         "Message has only 2 arguments, but more were expected")}));
-  EXPECT_EQ(context.stations, nullptr);
-}
-
-TEST_F(Start, the_error_of_unreadable_arguments_is_freed) {
+TEST_F(Start, too_few_arguments_are_logged_and_left_unhandled_without_a_reply) {
   int freed = 0;
   fakes.dbus_error_free = [&](DBusError* error) {
     freed += dbus_error_is_set(error) ? 1 : 0;
     __real_dbus_error_free(error);
   };
-  start({":1", "xhotkey"});
+  EXPECT_EQ(start({":1", "xhotkey"}), DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
   EXPECT_EQ(freed, 1);
+  EXPECT_EQ(sent, (Sent{}));
+  EXPECT_EQ(log.lines(), (Lines{in_start("{DM} Unable to get args from DBus message: "
+                                         "Message has only 2 arguments, but more were expected")}));
+  EXPECT_EQ(context.stations, nullptr);
 }
 
 TEST_F(Start, arguments_of_other_types_are_left_unhandled_without_a_reply) {
@@ -245,64 +214,47 @@ TEST_F(Start, arguments_of_other_types_are_left_unhandled_without_a_reply) {
                      "\"string\", but is actually of type \"int32\""));
 }
 
-TEST_F(Start, surplus_arguments_are_not_looked_at) {
+TEST_F(Start, surplus_arguments_are_ignored) {
   start({":1", "xhotkey", "PCI", "and", "more"});
   EXPECT_EQ(sent, answered_true);
 }
 
-TEST_F(Start, a_display_that_is_none_is_answered_false) {
-  for (const char* display : {"1", ":x", ":-1", ":-5", ":2147483648", ""}) {
+TEST_F(Start, a_failed_check_is_logged_and_answered_with_false_the_display_first_and_the_actor_last) {
+  const struct {
+    std::vector<const char*> arguments;  // display, actor, station type
+    const char* message;
+  } cases[] = {{{"1", "bad", "bad"}, "{DM} Invalid DISPLAY value : 1"},
+               {{":-1", "xhotkey", "PCI"}, "{DM} Invalid DISPLAY value : :-1"},
+               {{":-5", "xhotkey", "PCI"}, "{DM} Invalid DISPLAY value : :-5"},
+               {{"", "xhotkey", "PCI"}, "{DM} Invalid DISPLAY value : "},
+               {{":1", "bad", "pci"}, "{DM} Invalid station type: pci"},
+               {{":1", "xclock", "PCI"}, "{DM} Invalid actor name: xclock"}};
+  for (const auto& [arguments, message] : cases) {
     log.forget();
     sent.clear();
-    EXPECT_EQ(start({display, "xhotkey", "PCI"}), DBUS_HANDLER_RESULT_HANDLED);
+    EXPECT_EQ(start(arguments), DBUS_HANDLER_RESULT_HANDLED);
     EXPECT_EQ(sent, answered_false);
-    EXPECT_EQ(log.lines(), (Lines{in_start(std::string("dbus_dm_start(): display=") + display +
-                                           ", actor=xhotkey, stationtype=PCI"),
-                                  in_start(std::string("{DM} Invalid DISPLAY value : ") + display)}));
+    EXPECT_EQ(log.lines(), (Lines{in_start(std::string("dbus_dm_start(): display=") + arguments[0] +
+                                           ", actor=" + arguments[1] + ", stationtype=" + arguments[2]),
+                                  in_start(message)}));
   }
   EXPECT_EQ(context.stations, nullptr);
 }
 
-TEST_F(Start, a_station_type_that_is_none_is_answered_false) {
-  EXPECT_EQ(start({":1", "xhotkey", "pci"}), DBUS_HANDLER_RESULT_HANDLED);
-  EXPECT_EQ(sent, answered_false);
-  EXPECT_EQ(log.lines(), (Lines{in_start("dbus_dm_start(): display=:1, actor=xhotkey, stationtype=pci"),
-                                in_start("{DM} Invalid station type: pci")}));
-  EXPECT_EQ(context.stations, nullptr);
-}
-
-TEST_F(Start, an_actor_that_is_none_is_answered_false) {
-  EXPECT_EQ(start({":1", "xclock", "PCI"}), DBUS_HANDLER_RESULT_HANDLED);
-  EXPECT_EQ(sent, answered_false);
-  EXPECT_EQ(log.lines(), (Lines{in_start("dbus_dm_start(): display=:1, actor=xclock, stationtype=PCI"),
-                                in_start("{DM} Invalid actor name: xclock")}));
-  EXPECT_EQ(context.stations, nullptr);
-}
-
-TEST_F(Start, the_display_is_checked_before_the_station_type_and_that_before_the_actor) {
-  start({"bad", "bad", "bad"});
-  EXPECT_EQ(log.lines().back(), in_start("{DM} Invalid DISPLAY value : bad"));
-  log.forget();
-  start({":1", "bad", "bad"});
-  EXPECT_EQ(log.lines(), (Lines{in_start("dbus_dm_start(): display=:1, actor=bad, stationtype=bad"),
-                                in_start("{DM} Invalid station type: bad")}));
-}
-
-TEST_F(Start, a_station_that_cannot_be_made_is_answered_false) {
+TEST_F(Start, a_station_that_cannot_be_created_is_answered_with_false) {
   thread_result = EAGAIN;
   EXPECT_EQ(start({":1", "xhotkey", "PCI"}), DBUS_HANDLER_RESULT_HANDLED);
   EXPECT_EQ(sent, answered_false);
-  EXPECT_EQ(
-      log.lines(),
-      (Lines{in_start("dbus_dm_start(): display=:1, actor=xhotkey, stationtype=PCI"),
-             in_stations("dm_start_station_thread", "Start a new station thread for :1"),
-             in_stations("dm_start_station_thread", "{DM} Unable to start thread for display=1, rc=11")}));
+  EXPECT_EQ(log.lines(),
+            (Lines{in_start("dbus_dm_start(): display=:1, actor=xhotkey, stationtype=PCI"),
+                   dm_line("dm_start_station_thread", "Start a new station thread for :1"),
+                   dm_line("dm_start_station_thread", "{DM} Unable to start thread for display=1, rc=11")}));
   EXPECT_EQ(context.stations, nullptr);
 }
 
-TEST_F(Start, without_memory_for_the_event_it_is_answered_false_and_the_station_stays) {
+TEST_F(Start, without_memory_for_the_event_the_reply_is_false_and_the_station_stays) {
   MemoryBook memory;
-  memory.fail_malloc(2);  // behind the station
+  memory.fail_malloc(2);  // the first is the station's
   EXPECT_EQ(start({":1", "xhotkey", "PCI"}), DBUS_HANDLER_RESULT_HANDLED);
   EXPECT_EQ(sent, answered_false);
   EXPECT_EQ(log.lines().back(), in_start("{DM} Unable to allocate memory"));
@@ -313,65 +265,32 @@ TEST_F(Start, without_memory_for_the_event_it_is_answered_false_and_the_station_
   context.stations = nullptr;  // the book frees it
 }
 
-TEST_F(Start, an_event_that_cannot_be_queued_is_freed_and_answered_false) {
-  // A station never goes, so the test itself takes it away between the steps.
-  Station* station = nullptr;
+TEST_F(Start, an_event_that_cannot_be_queued_is_freed_before_the_reply_which_is_false) {
   MemoryBook memory;
-  const auto real_malloc = fakes.malloc;
-  fakes.malloc = [&](size_t size) {
-    if (size == sizeof(StationEvent)) station = context.stations.exchange(nullptr);
-    return real_malloc(size);
-  };
+  lose_stations_before_the_event();
+  std::vector<size_t> left_at_reply;
+  on_reply([&] { left_at_reply = memory.sizes_left(); });
   EXPECT_EQ(start({":1", "xhotkey", "PCI"}), DBUS_HANDLER_RESULT_HANDLED);
   EXPECT_EQ(sent, answered_false);
+  EXPECT_EQ(left_at_reply, (std::vector<size_t>{sizeof(Station)}));
   EXPECT_EQ(log.lines(),
             (Lines{in_start("dbus_dm_start(): display=:1, actor=xhotkey, stationtype=PCI"),
-                   in_stations("dm_start_station_thread", "Start a new station thread for :1"),
+                   dm_line("dm_start_station_thread", "Start a new station thread for :1"),
                    in_start("Start requested actor code: 7 on display :1"),
-                   in_stations("add_station_event", "{DM} Unable to find station entry for display 1"),
+                   dm_line("add_station_event", "{DM} Unable to find station entry for display 1"),
                    in_start("{DM} Unable to add event")}));
-  EXPECT_EQ(memory.sizes_left(), (std::vector<size_t>{sizeof(Station)})) << "the event is freed";
-}
-
-TEST_F(Start, an_event_that_cannot_be_queued_is_freed_before_the_caller_is_answered) {
-  Station* station = nullptr;
-  MemoryBook memory;
-  const auto real_malloc = fakes.malloc;
-  fakes.malloc = [&](size_t size) {
-    if (size == sizeof(StationEvent)) station = context.stations.exchange(nullptr);
-    return real_malloc(size);
-  };
-  std::vector<size_t> left_at_the_answer;
-  const auto send = fakes.dbus_connection_send;
-  fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
-    left_at_the_answer = memory.sizes_left();
-    return send(on, reply, serial);
-  };
-  start({":1", "xhotkey", "PCI"});
-  EXPECT_EQ(left_at_the_answer, (std::vector<size_t>{sizeof(Station)}));
-  EXPECT_EQ(sent, answered_false);
-}
-
-TEST_F(Start, the_event_is_queued_before_the_caller_is_answered) {
-  const auto send = fakes.dbus_connection_send;
-  bool was_queued = false;
-  fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
-    const Station* station = context.stations;
-    was_queued = station && station->events;
-    return send(on, reply, serial);
-  };
-  start({":3", "local-login", "USB"});
-  EXPECT_TRUE(was_queued);
-  EXPECT_EQ(sent, answered_true);
 }
 
 // ---- Stop ---------------------------------------------------------------------------------------------
 
-TEST_F(Stop, a_valid_call_queues_an_event_and_is_answered_true) {
+TEST_F(Stop, a_valid_call_queues_an_event_and_then_gets_true) {
   start({":3", "press-fkey", "USB"});
   log.forget();
   sent.clear();
+  size_t queued_at_reply = 0;
+  on_reply([&] { queued_at_reply = events_queued(); });
   EXPECT_EQ(stop({":3.0", "click-mouse"}), DBUS_HANDLER_RESULT_HANDLED);
+  EXPECT_EQ(queued_at_reply, 2U);
   EXPECT_EQ(sent, answered_true);
   EXPECT_EQ(log.lines(), (Lines{in_stop("display_num=3, actor_code=5")}));
   const Station* station = context.stations;
@@ -385,67 +304,31 @@ TEST_F(Stop, a_valid_call_queues_an_event_and_is_answered_true) {
   EXPECT_EQ(event->next, nullptr);
 }
 
-TEST_F(Stop, display_0_is_valid) {
-  start({":0", "xhotkey", "PCI"});
-  sent.clear();
-  stop({":0", "xhotkey"});
-  EXPECT_EQ(sent, answered_true);
-}
-
-TEST_F(Stop, the_event_is_queued_before_the_caller_is_answered) {
-  start({":3", "local-login", "USB"});
-  sent.clear();
-  const auto send = fakes.dbus_connection_send;
-  bool was_queued = false;
-  fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
-    was_queued = context.stations.load()->events->next != nullptr;
-    return send(on, reply, serial);
-  };
-  stop({":3", "local-login"});
-  EXPECT_TRUE(was_queued);
-  EXPECT_EQ(sent, answered_true);
-}
-
-TEST_F(Stop, a_display_without_a_station_is_answered_false_and_gets_none) {
+TEST_F(Stop, a_display_without_a_station_gets_none_and_the_event_is_freed_before_the_reply_which_is_false) {
   MemoryBook memory;
+  size_t left_at_reply = 99;
+  on_reply([&] { left_at_reply = memory.blocks_left(); });
   EXPECT_EQ(stop({":1", "xhotkey"}), DBUS_HANDLER_RESULT_HANDLED);
   EXPECT_EQ(sent, answered_false);
+  EXPECT_EQ(left_at_reply, 0U);
   EXPECT_EQ(log.lines(),
             (Lines{in_stop("display_num=1, actor_code=7"),
-                   in_stations("add_station_event", "{DM} Unable to find station entry for display 1"),
+                   dm_line("add_station_event", "{DM} Unable to find station entry for display 1"),
                    in_stop("{DM} Unable to add event")}));
   EXPECT_EQ(context.stations, nullptr);
-  EXPECT_EQ(memory.blocks_left(), 0U) << "the event is freed";
 }
 
-TEST_F(Stop, an_event_that_cannot_be_queued_is_freed_before_the_caller_is_answered) {
-  MemoryBook memory;
-  size_t left_at_the_answer = 99;
-  const auto send = fakes.dbus_connection_send;
-  fakes.dbus_connection_send = [&](DBusConnection* on, DBusMessage* reply, dbus_uint32_t* serial) {
-    left_at_the_answer = memory.blocks_left();
-    return send(on, reply, serial);
-  };
-  stop({":1", "xhotkey"});
-  EXPECT_EQ(left_at_the_answer, 0U);
-  EXPECT_EQ(sent, answered_false);
-}
-
-TEST_F(Stop, too_few_arguments_are_left_unhandled_without_a_reply) {
-  EXPECT_EQ(stop({":1"}), DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
-  EXPECT_EQ(sent, (Sent{}));
-  EXPECT_EQ(log.lines(), (Lines{in_stop("{DM} Unable to get args from DBus message: "
-                                        "Message has only 1 arguments, but more were expected")}));
-}
-
-TEST_F(Stop, the_error_of_unreadable_arguments_is_freed) {
+TEST_F(Stop, too_few_arguments_are_logged_and_left_unhandled_without_a_reply) {
   int freed = 0;
   fakes.dbus_error_free = [&](DBusError* error) {
     freed += dbus_error_is_set(error) ? 1 : 0;
     __real_dbus_error_free(error);
   };
-  stop({":1"});
+  EXPECT_EQ(stop({":1"}), DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
   EXPECT_EQ(freed, 1);
+  EXPECT_EQ(sent, (Sent{}));
+  EXPECT_EQ(log.lines(), (Lines{in_stop("{DM} Unable to get args from DBus message: "
+                                        "Message has only 1 arguments, but more were expected")}));
 }
 
 TEST_F(Stop, arguments_of_other_types_are_left_unhandled_without_a_reply) {
@@ -457,35 +340,39 @@ TEST_F(Stop, arguments_of_other_types_are_left_unhandled_without_a_reply) {
   EXPECT_EQ(sent, (Sent{}));
 }
 
-TEST_F(Stop, surplus_arguments_are_not_looked_at) {
+TEST_F(Stop, surplus_arguments_are_ignored) {
   start({":1", "xhotkey", "PCI"});
   sent.clear();
   stop({":1", "xhotkey", "PCI"});
   EXPECT_EQ(sent, answered_true);
 }
 
-TEST_F(Stop, a_display_that_is_none_is_answered_false) {
-  for (const char* display : {"1", ":-1", ":-5", ":2147483648"}) {
+TEST_F(Stop, a_failed_check_is_logged_and_answered_with_false_the_display_first) {
+  const struct {
+    std::vector<const char*> arguments;  // display, actor
+    const char* message;
+  } cases[] = {{{"1", "bad"}, "{DM} Invalid DISPLAY value : 1"},
+               {{":-1", "xhotkey"}, "{DM} Invalid DISPLAY value : :-1"},
+               {{":-5", "xhotkey"}, "{DM} Invalid DISPLAY value : :-5"},
+               {{":1", "xclock"}, "{DM} Invalid actor name: xclock"}};
+  for (const auto& [arguments, message] : cases) {
     log.forget();
     sent.clear();
-    EXPECT_EQ(stop({display, "xhotkey"}), DBUS_HANDLER_RESULT_HANDLED);
+    EXPECT_EQ(stop(arguments), DBUS_HANDLER_RESULT_HANDLED);
     EXPECT_EQ(sent, answered_false);
-    EXPECT_EQ(log.lines(), (Lines{in_stop(std::string("{DM} Invalid DISPLAY value : ") + display)}));
+    EXPECT_EQ(log.lines(), (Lines{in_stop(message)}));
   }
 }
 
-TEST_F(Stop, an_actor_that_is_none_is_answered_false) {
-  EXPECT_EQ(stop({":1", "xclock"}), DBUS_HANDLER_RESULT_HANDLED);
-  EXPECT_EQ(sent, answered_false);
-  EXPECT_EQ(log.lines(), (Lines{in_stop("{DM} Invalid actor name: xclock")}));
+TEST_F(Stop, display_0_is_valid_for_a_start_and_a_stop) {
+  start({":0", "xhotkey", "PCI"});
+  EXPECT_EQ(sent, answered_true);
+  sent.clear();
+  stop({":0", "xhotkey"});
+  EXPECT_EQ(sent, answered_true);
 }
 
-TEST_F(Stop, the_display_is_checked_before_the_actor) {
-  stop({"bad", "bad"});
-  EXPECT_EQ(log.lines(), (Lines{in_stop("{DM} Invalid DISPLAY value : bad")}));
-}
-
-TEST_F(Stop, without_memory_for_the_event_it_is_answered_false) {
+TEST_F(Stop, without_memory_for_the_event_the_reply_is_false) {
   start({":1", "xhotkey", "PCI"});
   log.forget();
   sent.clear();
@@ -503,7 +390,7 @@ TEST_F(Stop, without_memory_for_the_event_it_is_answered_false) {
   EXPECT_EQ(sent, answered_false);
   EXPECT_EQ(log.lines(),
             (Lines{in_stop("display_num=1, actor_code=7"), in_stop("{DM} Unable to allocate memory")}));
-  EXPECT_EQ(lines_at_malloc, (Lines{in_stop("display_num=1, actor_code=7")})) << "told before";
+  EXPECT_EQ(lines_at_malloc, (Lines{in_stop("display_num=1, actor_code=7")})) << "logged before";
   const Station* station = context.stations;
   EXPECT_EQ(station->events->next, nullptr);
 }

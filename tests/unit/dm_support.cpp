@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// dm_support.cpp: a station without threads, and children that are numbers.
+// dm_support.cpp: a station without threads, with fake children.
 #include "tests/unit/dm_support.h"
 
 #include <sys/mman.h>
@@ -32,6 +32,19 @@ int value_of(sem_t& semaphore) {
   return value;
 }
 
+void free_stations(PluginContext& context) {
+  for (Station* station = context.stations; station;) {
+    while (station->events) {
+      const EventOwner event(station->events);
+      station->events = event->next;
+    }
+    Station* next = station->next;
+    free(station->display);
+    free(station);
+    station = next;
+  }
+}
+
 StackPoolRunDry::StackPoolRunDry() {
   fakes.mmap = [](size_t, int, int) { return MAP_FAILED; };
   while (void* stack = stack_take()) taken_.push_back(stack);
@@ -62,7 +75,7 @@ void WorkersTest::let_workers_rest() {
   for (Station* station = context.stations; station; station = station->next) {
     while (station->ready == 0) usleep(500);
     for (bool resting = false; !resting;) {
-      pthread_mutex_lock(&station->mutex);  // the worker holds it but while it waits
+      pthread_mutex_lock(&station->mutex);  // the worker releases it only to wait
       resting = station->events == nullptr;
       pthread_mutex_unlock(&station->mutex);
     }
@@ -83,7 +96,7 @@ OneStationTest::OneStationTest() : stack(stack_take()) {
   fakes.waitid = [this](idtype_t type, id_t id, siginfo_t*, int options) {
     EXPECT_EQ(type, P_PID);
     EXPECT_EQ(options, WEXITED | WNOWAIT);
-    EXPECT_FALSE(is_held(child_mutex())) << "a stop must be able to signal meanwhile";
+    EXPECT_FALSE(is_held(child_mutex())) << "a stop must be able to signal during the wait";
     calls.push_back("wait " + std::to_string(id));
     if (on_wait) on_wait();
     return 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// dm_support: what the tests of stations and actors share.
+// dm_support: shared by the tests of stations and actors.
 #pragma once
 
 #include <functional>
@@ -12,14 +12,17 @@
 
 using Calls = std::vector<std::string>;
 
-/** The line that `function` of display-manager.cpp writes, or the lines, one for each message. */
+/** The log line of `function` in display-manager.cpp for a message, or one line for each message. */
 std::string dm_line(const std::string& function, const std::string& message);
 Lines dm_lines(const std::string& function, const std::vector<std::string>& messages);
 
 bool is_held(pthread_mutex_t& mutex);
 int value_of(sem_t& semaphore);
 
-/** As long as this lives, the pool of stacks is empty and the system has no memory for more. */
+/** Frees the stations of `context` with their events. They must have no workers. */
+void free_stations(PluginContext& context);
+
+/** While this lives, the stack pool is empty and cannot grow. */
 class StackPoolRunDry {
  public:
   StackPoolRunDry();
@@ -40,7 +43,7 @@ class DisplayManagerTest : public FakedTest {
   CapturedLog log;
 };
 
-/** A test with real workers. They never end, so their stations stay to the end of the process. */
+/** A test with real workers. Workers never end, so their stations stay until the process ends. */
 class WorkersTest : public DisplayManagerTest {
  protected:
   void TearDown() override {
@@ -48,16 +51,16 @@ class WorkersTest : public DisplayManagerTest {
     FakedTest::TearDown();
   }
 
-  /** Makes a start event of these values and queues it. */
+  /** Queues a start event with these values. */
   void queue(int display_num, int actor_code, void (*proc)(Station*, StationEvent*));
-  /** Waits until every worker has run all its events and waits for the next. */
+  /** Waits until every worker has run all its events and waits again. */
   void let_workers_rest();
 };
 
 /**
- * A test with one station, on display 3, that belongs to the test and has no worker. Everything that would
- * touch a process is faked and noted in `calls`; made-up children have the numbers 4711, 4712 and so on. That
- * the calls hold or do not hold the group's mutex, as they should, is checked everywhere.
+ * A test with one station, on display 3, that the test owns and that has no worker. Calls that would affect a
+ * process are faked and recorded in `calls`; fake children have the pids 4711, 4712 and so on. Each fake
+ * checks whether its caller holds the group's mutex.
  */
 class OneStationTest : public DisplayManagerTest {
  protected:
@@ -67,11 +70,11 @@ class OneStationTest : public DisplayManagerTest {
   ActorGroup& entry() { return station.groups[group]; }
   pthread_mutex_t& child_mutex() { return entry().child_mutex; }
 
-  /** What proc_method_start gives to thread `number` of the actor's group. */
+  /** The argument that proc_method_start passes to thread `number` of the actor's group. */
   ThreadStart* new_start(int actor_code, unsigned number = 1, int display_num = 3);
-  /** Runs the supervising thread's body on the test's own thread. */
+  /** Runs the supervising thread's body on the test's thread. */
   void supervise(int actor_code, unsigned number = 1, int display_num = 3);
-  /** Leaves the entry as proc_method_start does before its thread runs. */
+  /** Sets the entry as proc_method_start does before its thread runs. */
   void claim(unsigned number = 1);
 
   StationEvent event_for(int actor_code);
