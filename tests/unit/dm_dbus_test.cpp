@@ -89,6 +89,7 @@ std::string in_start(const std::string& message) {
 std::string in_stop(const std::string& message) {
   return "plugins/display-manager/dm-dbus.cpp:#:dbus_dm_stop: DEBUG: " + message;
 }
+
 }  // namespace
 
 // ---- dm_parse_display ---------------------------------------------------------------------------------

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// dm_procedures_test.cpp: what an event does on the station's worker, and the thread of group 0.
+// dm_procedures_test.cpp: the event procedures on the station's worker, and the thread of group 0.
 #include <cerrno>
 #include <thread>
 
@@ -8,14 +8,14 @@
 
 namespace {
 
-/** A test of the procedure: thread creation notes what it is asked for and may run in the thread's place. */
+/** Thread creation only records its arguments, and posts the launch in the thread's place. */
 class ProcMethodStart : public OneStationTest {
  protected:
   ProcMethodStart() {
     fakes.pthread_create = [this](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                                   void* data) {
-      EXPECT_TRUE(is_held(child_mutex())) << "from the test of the entry to its claim";
-      EXPECT_NE(log.text().find("Start method_start_thread"), std::string::npos) << "told before";
+      EXPECT_TRUE(is_held(child_mutex())) << "from the check of the entry to its claim";
+      EXPECT_NE(log.text().find("Start method_start_thread"), std::string::npos) << "logged before";
       threads.push_back({thread, body, {}, nullptr, 0});
       pthread_attr_getstack(attributes, &threads.back().stack, &threads.back().stack_size);
       if (result != 0) return result;
@@ -67,32 +67,14 @@ TEST_F(InitGroupThread, init_station_needs_no_action) {
   };
   EXPECT_EQ(init_group_thread(new_start(1)), nullptr);
   EXPECT_EQ(memory.blocks_left(), 0U) << "the copy is freed";
-  EXPECT_EQ(log_at_free, (std::vector<std::string>{""})) << "first thing";
-  EXPECT_EQ(value_of(station.launched), 1) << "told once";
+  EXPECT_EQ(log_at_free, (std::vector<std::string>{""})) << "before the first line";
+  EXPECT_EQ(value_of(station.launched), 1) << "posted once";
   EXPECT_EQ(log.lines(),
             dm_lines("init_group_thread", {"init_group_thread() for actor_code:1, display_num:3",
                                            "No action needed for INIT_STATION. display_num: 3"}));
 }
 
-TEST_F(InitGroupThread, no_entry_is_touched) {
-  for (ActorGroup& entry : station.groups) {
-    entry.is_running = 21;
-    entry.keep_alive = 22;
-    entry.child_pid = 23;
-    entry.newest = 24;
-    entry.child_reaped = true;
-  }
-  for (const int code : {1, 2}) init_group_thread(new_start(code));
-  for (const ActorGroup& entry : station.groups) {
-    EXPECT_EQ(entry.is_running, 21);
-    EXPECT_EQ(entry.keep_alive, 22);
-    EXPECT_EQ(entry.child_pid, 23);
-    EXPECT_EQ(entry.newest, 24U);
-    EXPECT_TRUE(entry.child_reaped);
-  }
-}
-
-TEST_F(InitGroupThread, any_other_actor_is_invalid) {
+TEST_F(InitGroupThread, any_other_actor_is_logged_as_invalid) {
   for (const int code : {0, 2, 7}) {
     log.forget();
     EXPECT_EQ(init_group_thread(new_start(code, 0, 4)), nullptr);
@@ -102,10 +84,10 @@ TEST_F(InitGroupThread, any_other_actor_is_invalid) {
                         "Invalid actor code for INIT_GROUP: actor_code:" + std::to_string(code) +
                             ", display_num:4"}));
   }
-  EXPECT_EQ(value_of(station.launched), 3) << "told once each";
+  EXPECT_EQ(value_of(station.launched), 3) << "posted once each";
 }
 
-TEST_F(InitGroupThread, the_worker_is_let_go_on_behind_the_lines) {
+TEST_F(InitGroupThread, the_worker_continues_after_the_lines) {
   Lines at_post;
   std::thread waiting([&] {
     while (__real_sem_wait(&station.launched) != 0) {
@@ -119,7 +101,7 @@ TEST_F(InitGroupThread, the_worker_is_let_go_on_behind_the_lines) {
 
 // ---- proc_method_start --------------------------------------------------------------------------------
 
-TEST_F(ProcMethodStart, a_group_is_claimed_and_its_thread_is_given_a_copy_of_the_event) {
+TEST_F(ProcMethodStart, a_group_is_claimed_and_its_thread_gets_a_copy_of_the_event) {
   group = 2;
   MemoryBook memory;
   start(4);
@@ -133,7 +115,7 @@ TEST_F(ProcMethodStart, a_group_is_claimed_and_its_thread_is_given_a_copy_of_the
   EXPECT_EQ(threads[0].start.event.actor_code, 4);
   EXPECT_EQ(threads[0].start.event.station_type, 1);
   EXPECT_EQ(threads[0].start.event.context, &context);
-  EXPECT_EQ(keep_alive_at_creation, 1) << "set before the thread is made";
+  EXPECT_EQ(keep_alive_at_creation, 1) << "set before the thread is created";
   EXPECT_EQ(entry().newest, 1U);
   EXPECT_EQ(entry().is_running, 0) << "only a launch sets it";
   EXPECT_EQ(memory.sizes_taken(), (std::vector<size_t>{sizeof(ThreadStart)}));
@@ -142,13 +124,13 @@ TEST_F(ProcMethodStart, a_group_is_claimed_and_its_thread_is_given_a_copy_of_the
                                   {"group:2, is_running:0", "Start method_start_thread for actor:4"}));
 }
 
-TEST_F(ProcMethodStart, it_returns_when_the_thread_has_launched_or_ended) {
+TEST_F(ProcMethodStart, it_returns_when_the_thread_has_launched_or_exited) {
   start(2);
   EXPECT_EQ(calls, (Calls{"wait for the launch"}));
-  EXPECT_EQ(value_of(station.launched), 0) << "taken up, so that the next start waits anew";
+  EXPECT_EQ(value_of(station.launched), 0) << "so that the next start waits again";
 }
 
-TEST_F(ProcMethodStart, an_interrupted_wait_for_the_launch_is_taken_up_again) {
+TEST_F(ProcMethodStart, an_interrupted_wait_for_the_launch_is_resumed) {
   int waits = 0;
   fakes.sem_wait = [&](sem_t* semaphore) {
     if (++waits <= 2) {
@@ -162,7 +144,7 @@ TEST_F(ProcMethodStart, an_interrupted_wait_for_the_launch_is_taken_up_again) {
   EXPECT_EQ(value_of(station.launched), 0);
 }
 
-TEST_F(ProcMethodStart, each_thread_has_a_stack_of_its_own_from_the_pool_and_knows_it) {
+TEST_F(ProcMethodStart, each_thread_gets_a_different_stack_of_the_pool_and_its_address) {
   for (const int code : {1, 2, 4, 7}) {
     group = dm_find_actor(code)->group;
     start(code);
@@ -175,7 +157,7 @@ TEST_F(ProcMethodStart, each_thread_has_a_stack_of_its_own_from_the_pool_and_kno
   for (const Thread& thread : threads) stack_return(thread.stack);
 }
 
-TEST_F(ProcMethodStart, the_stack_of_a_thread_that_could_not_be_made_is_taken_by_the_next) {
+TEST_F(ProcMethodStart, the_stack_of_a_failed_thread_is_reused_by_the_next) {
   result = EAGAIN;
   start(2);
   result = 0;
@@ -184,12 +166,12 @@ TEST_F(ProcMethodStart, the_stack_of_a_thread_that_could_not_be_made_is_taken_by
   stack_return(threads[1].stack);
 }
 
-TEST_F(ProcMethodStart, without_memory_for_a_stack_no_thread_is_made) {
+TEST_F(ProcMethodStart, without_memory_for_a_stack_no_thread_is_created) {
   MemoryBook memory;
   const StackPoolRunDry dry;
   start(2);
   EXPECT_EQ(threads.size(), 0U);
-  EXPECT_EQ(calls, (Calls{})) << "nobody is waited for";
+  EXPECT_EQ(calls, (Calls{})) << "no wait";
   EXPECT_EQ(memory.blocks_left(), 0U) << "the copy is freed";
   EXPECT_EQ(log.lines().back(), dm_line("proc_method_start", "{DM} Unable to start thread for event:2"));
 }
@@ -205,7 +187,7 @@ TEST_F(ProcMethodStart, each_thread_of_a_group_has_the_next_number) {
   EXPECT_EQ(station.groups[1].newest, 2U);
 }
 
-TEST_F(ProcMethodStart, group_0_gets_its_own_thread_and_is_never_claimed) {
+TEST_F(ProcMethodStart, group_0_has_another_thread_body_and_is_never_claimed) {
   group = 0;
   entry().child_pid = 23;
   entry().newest = 24;
@@ -223,7 +205,7 @@ TEST_F(ProcMethodStart, group_0_gets_its_own_thread_and_is_never_claimed) {
                                   {"group:0, is_running:0", "Start method_start_thread for actor:1"}));
 }
 
-TEST_F(ProcMethodStart, a_running_group_refuses_and_leaves_the_copy_behind) {
+TEST_F(ProcMethodStart, a_start_of_a_running_group_is_refused_and_its_copy_is_not_freed) {
   for (const int running : {1, 2, -1}) {
     log.forget();
     entry().is_running = running;
@@ -235,13 +217,13 @@ TEST_F(ProcMethodStart, a_running_group_refuses_and_leaves_the_copy_behind) {
                                              "Sub thread of actor group for 1 is already running."}));
   }
   EXPECT_EQ(threads.size(), 0U);
-  EXPECT_EQ(calls, (Calls{})) << "nobody is waited for";
+  EXPECT_EQ(calls, (Calls{})) << "no wait";
   EXPECT_EQ(entry().keep_alive, 0);
   EXPECT_EQ(entry().newest, 0U);
   EXPECT_FALSE(is_held(child_mutex()));
 }
 
-TEST_F(ProcMethodStart, an_actor_that_is_none_is_told_and_the_copy_freed) {
+TEST_F(ProcMethodStart, an_unknown_actor_is_logged_and_the_copy_is_freed) {
   MemoryBook memory;
   start(99);
   EXPECT_EQ(memory.sizes_taken(), (std::vector<size_t>{sizeof(ThreadStart)}));
@@ -261,7 +243,7 @@ TEST_F(ProcMethodStart, without_memory_for_the_copy_the_request_is_dropped) {
   EXPECT_EQ(log.lines(), dm_lines("proc_method_start", {"{DM} Unable to allocate memory"}));
 }
 
-TEST_F(ProcMethodStart, a_thread_that_cannot_be_made_is_told_and_not_waited_for) {
+TEST_F(ProcMethodStart, a_thread_that_cannot_be_created_is_logged_and_not_waited_for) {
   for (const int code : {1, 2, 4, 7}) {
     group = dm_find_actor(code)->group;
     entry().child_pid = 23;
@@ -273,9 +255,9 @@ TEST_F(ProcMethodStart, a_thread_that_cannot_be_made_is_told_and_not_waited_for)
     EXPECT_EQ(memory.blocks_left(), 0U) << "the copy is freed";
     EXPECT_EQ(calls, (Calls{}));
     EXPECT_EQ(entry().is_running, 0);
-    EXPECT_EQ(entry().keep_alive, group == 0 ? 0 : 1) << "set before the thread is made";
+    EXPECT_EQ(entry().keep_alive, group == 0 ? 0 : 1) << "set before the thread is created";
     EXPECT_EQ(entry().child_pid, 23);
-    EXPECT_EQ(entry().newest, 24U) << "the group stays with its older thread";
+    EXPECT_EQ(entry().newest, 24U) << "the group still belongs to its older thread";
     const std::string of_group = std::to_string(group);
     const std::string of_actor = std::to_string(code);
     EXPECT_EQ(log.lines(),
@@ -287,7 +269,7 @@ TEST_F(ProcMethodStart, a_thread_that_cannot_be_made_is_told_and_not_waited_for)
 
 // ---- proc_method_stop ---------------------------------------------------------------------------------
 
-TEST_F(ProcMethodStop, a_running_child_is_signalled_and_the_group_is_idle) {
+TEST_F(ProcMethodStop, a_running_child_gets_sigterm_and_the_group_becomes_idle) {
   claim();
   entry().is_running = 1;
   entry().child_pid = 4711;
@@ -301,12 +283,12 @@ TEST_F(ProcMethodStop, a_running_child_is_signalled_and_the_group_is_idle) {
             dm_lines("proc_method_stop", {"proc_method_stop", "proc_method_stop: child_pid 4711"}));
 }
 
-TEST_F(ProcMethodStop, the_child_is_not_kept_alive_when_it_is_signalled) {
+TEST_F(ProcMethodStop, keep_alive_is_cleared_after_the_lines_and_before_the_signal_whose_result_is_ignored) {
   claim();
   entry().is_running = 1;
   entry().child_pid = 4711;
   std::vector<int> kept_alive_at_lines;
-  fakes.time = [&] {  // taken for each line
+  fakes.time = [&] {  // read for each line
     kept_alive_at_lines.push_back(entry().keep_alive);
     return time_t{1};
   };
@@ -316,16 +298,16 @@ TEST_F(ProcMethodStop, the_child_is_not_kept_alive_when_it_is_signalled) {
     EXPECT_EQ(entry().child_pid, 4711);
     EXPECT_EQ(log.lines().size(), 2U);
     calls.push_back("kill");
-    return -1;  // not looked at
+    return -1;
   };
   stop(2);
   EXPECT_EQ(calls, (Calls{"kill"}));
-  EXPECT_EQ(kept_alive_at_lines, (std::vector<int>{1, 1})) << "told before";
+  EXPECT_EQ(kept_alive_at_lines, (std::vector<int>{1, 1}));
   EXPECT_EQ(entry().is_running, 0);
   EXPECT_EQ(entry().child_pid, 0);
 }
 
-TEST_F(ProcMethodStop, a_child_that_was_reaped_is_not_signalled) {
+TEST_F(ProcMethodStop, a_reaped_child_is_not_signalled) {
   claim();
   entry().is_running = 1;
   entry().child_pid = 4711;
@@ -339,7 +321,7 @@ TEST_F(ProcMethodStop, a_child_that_was_reaped_is_not_signalled) {
             dm_lines("proc_method_stop", {"proc_method_stop", "proc_method_stop: child_pid 4711"}));
 }
 
-TEST_F(ProcMethodStop, an_idle_group_or_no_child_means_nothing_to_stop) {
+TEST_F(ProcMethodStop, a_group_that_is_idle_or_has_no_child_is_left_unchanged) {
   const struct {
     int is_running;
     pid_t child_pid;
@@ -359,7 +341,7 @@ TEST_F(ProcMethodStop, an_idle_group_or_no_child_means_nothing_to_stop) {
   EXPECT_EQ(calls, (Calls{}));
 }
 
-TEST_F(ProcMethodStop, any_actor_of_the_group_ends_the_groups_child_and_no_other) {
+TEST_F(ProcMethodStop, any_actor_of_a_group_stops_that_groups_child_only) {
   for (const int other : {1, 2, 3}) {
     station.groups[other].is_running = 1;
     station.groups[other].child_pid = 1000 + other;
@@ -372,7 +354,7 @@ TEST_F(ProcMethodStop, any_actor_of_the_group_ends_the_groups_child_and_no_other
   EXPECT_EQ(station.groups[3].is_running, 1);
 }
 
-TEST_F(ProcMethodStop, an_actor_that_is_none_is_told) {
+TEST_F(ProcMethodStop, an_unknown_actor_is_logged) {
   entry().is_running = 1;
   entry().child_pid = 4711;
   stop(99);

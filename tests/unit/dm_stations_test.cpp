@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// dm_stations_test.cpp: making stations, queueing events, and the workers that run them.
+// dm_stations_test.cpp: creating stations, queueing events, and the workers that run them.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -12,7 +12,7 @@
 
 namespace {
 
-/** A test whose stations get no worker: thread creation only notes what it is asked for. */
+/** A test whose stations have no workers: thread creation only records its arguments. */
 class StartStationThread : public DisplayManagerTest {
  protected:
   StartStationThread() {
@@ -22,29 +22,22 @@ class StartStationThread : public DisplayManagerTest {
       return result;
     };
     fakes.seen_lock = [this](pthread_mutex_t* mutex) {
-      if (mutex == &station_table_mutex) ++table_locks;
+      if (mutex == &station_table_mutex) lines_at_table_locks.push_back(log.lines().size());
     };
   }
-  ~StartStationThread() override {
-    for (Station* station = context.stations; station;) {
-      Station* next = station->next;
-      free(station->display);
-      free(station);
-      station = next;
-    }
-  }
+  ~StartStationThread() override { free_stations(context); }
 
   int start(int display_num, int station_type = 1) {
     return dm_start_station_thread(&context, (":" + std::to_string(display_num)).c_str(), display_num,
                                    station_type);
   }
 
-  /** The display numbers in the order of the list, checked along the links in both directions. */
+  /** The display numbers in list order. Checks the links in both directions. */
   std::vector<int> listed() const {
     std::vector<int> displays;
     const Station* before = nullptr;
     for (const Station* station = context.stations; station; station = station->next) {
-      EXPECT_EQ(station->prev, before) << "behind :" << station->display_num;
+      EXPECT_EQ(station->prev, before) << "the link before :" << station->display_num;
       displays.push_back(station->display_num);
       before = station;
     }
@@ -59,7 +52,7 @@ class StartStationThread : public DisplayManagerTest {
   };
   std::vector<Created> created;
   int result = 0;
-  int table_locks = 0;
+  std::vector<size_t> lines_at_table_locks;
 };
 
 using NewEvent = DisplayManagerTest;
@@ -69,7 +62,7 @@ using AddStationEvent = OneStationTest;
 
 // ---- dm_start_station_thread --------------------------------------------------------------------------
 
-TEST_F(StartStationThread, a_new_station_is_linked_before_its_worker_is_made) {
+TEST_F(StartStationThread, a_new_station_is_linked_before_its_worker_is_created) {
   const Station* listed_at_creation = nullptr;
   const auto create = fakes.pthread_create;
   fakes.pthread_create = [&](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
@@ -83,14 +76,14 @@ TEST_F(StartStationThread, a_new_station_is_linked_before_its_worker_is_made) {
   EXPECT_EQ(listed_at_creation, station);
   EXPECT_EQ(created[0].station, station);
   EXPECT_EQ(created[0].thread, &station->thread);
-  EXPECT_EQ(created[0].attributes, nullptr) << "workers keep default attributes";
+  EXPECT_EQ(created[0].attributes, nullptr) << "workers have default attributes";
   EXPECT_EQ(created[0].body, process_station_events);
-  EXPECT_EQ(table_locks, 1);
+  EXPECT_EQ(lines_at_table_locks.size(), 1U);
   EXPECT_FALSE(is_held(station_table_mutex));
   EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread", {"Start a new station thread for :5"}));
 }
 
-TEST_F(StartStationThread, a_new_station_is_idle_and_keeps_what_it_is_given) {
+TEST_F(StartStationThread, a_new_station_is_idle_and_has_the_given_values) {
   const char text[] = "host:5.1";
   EXPECT_EQ(dm_start_station_thread(&context, text, 5, 2), 0);
   Station* station = context.stations;
@@ -114,7 +107,7 @@ TEST_F(StartStationThread, a_new_station_is_idle_and_keeps_what_it_is_given) {
   EXPECT_FALSE(is_held(station->mutex));
 }
 
-TEST_F(StartStationThread, an_existing_station_is_left_as_it_is) {
+TEST_F(StartStationThread, an_existing_station_is_left_unchanged) {
   start(5, 2);
   log.forget();
   EXPECT_EQ(dm_start_station_thread(&context, "other:5", 5, 3), 0);
@@ -124,7 +117,7 @@ TEST_F(StartStationThread, an_existing_station_is_left_as_it_is) {
   EXPECT_STREQ(station->display, ":5");
   EXPECT_EQ(station->station_type, 2);
   EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread", {"station thread for :5 exists."}));
-  EXPECT_EQ(table_locks, 1) << "lookups take no lock";
+  EXPECT_EQ(lines_at_table_locks.size(), 1U) << "lookups take no lock";
 }
 
 TEST_F(StartStationThread, new_stations_are_appended) {
@@ -148,69 +141,35 @@ TEST_F(StartStationThread, with_verbose_every_station_is_listed_from_1) {
       << "not for a station that exists";
 }
 
-TEST_F(StartStationThread, without_memory_for_the_record_nothing_is_left) {
-  MemoryBook memory;
-  memory.fail_malloc(1);
-  EXPECT_EQ(start(5), -1);
-  EXPECT_EQ(memory.blocks_left(), 0U);
-  EXPECT_EQ(created.size(), 0U);
-  EXPECT_EQ(listed(), (std::vector<int>{}));
-  EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread",
-                                  {"Start a new station thread for :5", "{DM} Unable to allocate memory."}));
+TEST_F(StartStationThread, without_memory_for_the_record_or_the_display_nothing_is_left) {
+  for (const bool has_record : {false, true}) {
+    log.forget();
+    MemoryBook memory;
+    has_record ? memory.fail_strdup(1) : memory.fail_malloc(1);
+    EXPECT_EQ(start(5), -1);
+    EXPECT_EQ(memory.blocks_left(), 0U);
+    EXPECT_EQ(created.size(), 0U);
+    EXPECT_EQ(listed(), (std::vector<int>{}));
+    EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread", {"Start a new station thread for :5",
+                                                                "{DM} Unable to allocate memory."}));
+  }
 }
 
-TEST_F(StartStationThread, the_record_is_allocated_before_the_display_is_copied) {
-  MemoryBook memory;
-  std::vector<size_t> taken_at_copy;
-  int copies = 0;
-  const auto book_strdup = fakes.strdup;
-  fakes.strdup = [&](const char* text) {
-    taken_at_copy = memory.sizes_taken();
-    ++copies;
-    return book_strdup(text);
-  };
-  start(5);
-  EXPECT_EQ(taken_at_copy, (std::vector<size_t>{sizeof(Station)}));
-  memory.fail_malloc(1);
-  EXPECT_EQ(start(6), -1);
-  EXPECT_EQ(copies, 1) << "nothing is copied for a record that is missing";
-  context.stations = nullptr;  // the book frees it
-}
-
-TEST_F(StartStationThread, without_memory_for_the_display_nothing_is_left) {
-  MemoryBook memory;
-  memory.fail_strdup(1);
-  Lines lines_at_copy;
-  const auto book_strdup = fakes.strdup;
-  fakes.strdup = [&](const char* text) {
-    lines_at_copy = log.lines();
-    return book_strdup(text);
-  };
-  EXPECT_EQ(start(5), -1);
-  EXPECT_EQ(lines_at_copy, dm_lines("dm_start_station_thread", {"Start a new station thread for :5"}))
-      << "told before memory is taken";
-  EXPECT_EQ(memory.blocks_left(), 0U);
-  EXPECT_EQ(created.size(), 0U);
-  EXPECT_EQ(listed(), (std::vector<int>{}));
-  EXPECT_EQ(log.lines(), dm_lines("dm_start_station_thread",
-                                  {"Start a new station thread for :5", "{DM} Unable to allocate memory."}));
-}
-
-TEST_F(StartStationThread, the_only_station_without_a_worker_leaves_no_trace) {
+TEST_F(StartStationThread, a_station_without_a_worker_is_logged_and_then_unlinked_and_freed) {
   MemoryBook memory;
   verbose = 1;
   result = EAGAIN;
   EXPECT_EQ(start(5), -1);
   EXPECT_EQ(memory.blocks_left(), 0U);
   EXPECT_EQ(context.stations, nullptr);
-  EXPECT_EQ(table_locks, 2) << "to link and to unlink";
+  EXPECT_EQ(lines_at_table_locks, (std::vector<size_t>{1, 2})) << "when it is linked and when it is unlinked";
   EXPECT_FALSE(is_held(station_table_mutex));
   EXPECT_EQ(log.lines(),
             dm_lines("dm_start_station_thread", {"Start a new station thread for :5",
                                                  "{DM} Unable to start thread for display=5, rc=11"}));
 }
 
-TEST_F(StartStationThread, linking_and_unlinking_happen_while_the_tables_mutex_is_held) {
+TEST_F(StartStationThread, stations_are_linked_and_unlinked_under_the_tables_mutex) {
   using Displays = std::vector<int>;
   std::vector<Displays> at_lock;
   std::vector<Displays> at_unlock;
@@ -229,8 +188,8 @@ TEST_F(StartStationThread, linking_and_unlinking_happen_while_the_tables_mutex_i
   EXPECT_EQ(at_unlock, (std::vector<Displays>{{1}, {1, 2}, {1, 2, 5}, {1, 2}}));
 }
 
-TEST_F(StartStationThread, a_worker_that_is_not_made_leaves_the_others_stacks_out_of_children) {
-  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
+TEST_F(StartStationThread, if_no_worker_is_created_the_other_workers_stacks_stay_out_of_children) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   std::thread([] { stack_prepare_own(); }).join();  // a worker
   std::vector<int> advices;
   fakes.madvise = [&](void*, size_t, int advice) {
@@ -242,50 +201,18 @@ TEST_F(StartStationThread, a_worker_that_is_not_made_leaves_the_others_stacks_ou
   EXPECT_EQ(advices, (std::vector<int>{MADV_DOFORK, MADV_DONTFORK}));
 }
 
-TEST_F(StartStationThread, a_station_without_a_worker_is_logged_before_it_is_unlinked) {
-  fakes.pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; };
-  std::vector<size_t> lines;  // when it is linked, and when it is unlinked
-  fakes.seen_lock = [&](pthread_mutex_t* mutex) {
-    if (mutex == &station_table_mutex) lines.push_back(log.lines().size());
-  };
-  EXPECT_EQ(dm_start_station_thread(&context, ":0", 0, 1), -1);
-  EXPECT_EQ(lines, (std::vector<size_t>{1, 2})) << "that it starts, and that it has no thread";
-}
-
-TEST_F(StartStationThread, the_last_of_several_without_a_worker_leaves_the_others) {
-  start(1);
-  start(2);
-  MemoryBook memory;
-  result = ENOMEM;
-  EXPECT_EQ(start(5), -1);
-  EXPECT_EQ(memory.blocks_left(), 0U);
-  EXPECT_EQ(listed(), (std::vector<int>{1, 2}));
-  EXPECT_EQ(log.lines().back(),
-            dm_line("dm_start_station_thread", "{DM} Unable to start thread for display=5, rc=12"));
-}
-
-TEST_F(StartStationThread, a_station_that_got_no_worker_can_be_made_afterwards) {
-  start(1);
-  result = EAGAIN;
-  EXPECT_EQ(start(5), -1);
-  result = 0;
-  EXPECT_EQ(start(5), 0);
-  EXPECT_EQ(start(6), 0);
-  EXPECT_EQ(listed(), (std::vector<int>{1, 5, 6}));
-}
-
-TEST_F(StartStationThread, unlinking_keeps_what_stands_behind_the_station) {
-  // Only the main thread links, so nothing stands there while the daemon runs; the links hold all the same.
+TEST_F(StartStationThread, unlinking_keeps_the_stations_after_it) {
+  // In the daemon only the main thread links, so no station follows. The links must be right anyway.
   start(1);
   for (const bool with_station_before : {true, false}) {
-    Station behind = {};
-    behind.display_num = 9;
+    Station after = {};
+    after.display_num = 9;
     Station* first = context.stations;
     if (!with_station_before) context.stations = nullptr;
     fakes.pthread_create = [&](pthread_t*, const pthread_attr_t*, void* (*)(void*), void* data) {
       auto* station = static_cast<Station*>(data);
-      station->next = &behind;
-      behind.prev = station;
+      station->next = &after;
+      after.prev = station;
       return EAGAIN;
     };
     EXPECT_EQ(start(5), -1);
@@ -297,7 +224,7 @@ TEST_F(StartStationThread, unlinking_keeps_what_stands_behind_the_station) {
 
 // ---- events -------------------------------------------------------------------------------------------
 
-TEST_F(NewEvent, kind_context_and_link_are_filled_in) {
+TEST_F(NewEvent, its_kind_context_and_link_are_set) {
   const EventOwner event = dm_new_event(&context, 2);
   ASSERT_NE(event, nullptr);
   EXPECT_EQ(event->kind, 2);
@@ -305,23 +232,11 @@ TEST_F(NewEvent, kind_context_and_link_are_filled_in) {
   EXPECT_EQ(event->next, nullptr);
 }
 
-TEST_F(NewEvent, start_is_kind_1_and_stop_is_kind_2) {
-  EXPECT_EQ(event_kind_start, 1);
-  EXPECT_EQ(event_kind_stop, 2);
-}
-
-TEST_F(NewEvent, without_memory_there_is_none_and_nothing_is_logged) {
+TEST_F(NewEvent, without_memory_it_is_null_and_nothing_is_logged) {
   MemoryBook memory;
   memory.fail_malloc(1);
   EXPECT_EQ(dm_new_event(&context, 1), nullptr);
   EXPECT_EQ(log.text(), "");
-}
-
-TEST_F(NewEvent, it_is_freed_with_its_owner) {
-  MemoryBook memory;
-  EXPECT_NE(dm_new_event(&context, 1), nullptr);
-  EXPECT_EQ(memory.sizes_taken(), (std::vector<size_t>{sizeof(StationEvent)}));
-  EXPECT_EQ(memory.blocks_left(), 0U);
 }
 
 TEST_F(AddStationEvent, without_a_station_the_event_stays_with_the_caller) {
@@ -338,7 +253,7 @@ TEST_F(AddStationEvent, the_queue_is_first_in_first_out) {
     EventOwner event = dm_new_event(&context, 1);
     queued = event.get();
     EXPECT_EQ(add_station_event(event, 3), 0);
-    EXPECT_EQ(event, nullptr) << "taken over";
+    EXPECT_EQ(event, nullptr) << "the queue owns it";
   }
   for (StationEvent* queued : in_order) {
     const EventOwner event(station.events);
@@ -349,14 +264,18 @@ TEST_F(AddStationEvent, the_queue_is_first_in_first_out) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(AddStationEvent, the_worker_is_signalled_once_under_the_stations_mutex) {
+TEST_F(AddStationEvent, a_ready_worker_is_signalled_once_under_the_stations_mutex_and_without_a_pause) {
   station.ready = 1;
   int signals = 0;
   fakes.pthread_cond_signal = [&](pthread_cond_t* condition) {
     EXPECT_EQ(condition, &station.cond);
     EXPECT_TRUE(is_held(station.mutex));
-    EXPECT_NE(station.events, nullptr) << "signalled behind the queueing";
+    EXPECT_NE(station.events, nullptr) << "signalled after the event is queued";
     ++signals;
+    return 0;
+  };
+  fakes.usleep = [](useconds_t) {
+    ADD_FAILURE() << "a pause";
     return 0;
   };
   EventOwner event = dm_new_event(&context, 1);
@@ -381,7 +300,7 @@ TEST_F(AddStationEvent, a_worker_that_is_not_ready_is_polled_every_500_microseco
   free(station.events);
 }
 
-TEST_F(AddStationEvent, the_first_look_at_a_worker_comes_when_it_waits) {
+TEST_F(AddStationEvent, ready_is_first_read_when_the_worker_waits) {
   Calls waits;
   fakes.sem_wait = [&](sem_t* semaphore) {
     EXPECT_EQ(semaphore, &station.waiting);
@@ -396,7 +315,7 @@ TEST_F(AddStationEvent, the_first_look_at_a_worker_comes_when_it_waits) {
   };
   fakes.usleep = [&](useconds_t) {
     waits.push_back("pause");
-    station.ready = 1;  // so that a test that fails ends
+    station.ready = 1;  // ends a test that fails
     return 0;
   };
   for (int i = 0; i < 2; ++i) {
@@ -405,21 +324,10 @@ TEST_F(AddStationEvent, the_first_look_at_a_worker_comes_when_it_waits) {
     free(station.events);
     station.events = nullptr;
   }
-  EXPECT_EQ(waits, (Calls{"wait", "wait"})) << "an interrupted one, and one for both events";
+  EXPECT_EQ(waits, (Calls{"wait", "wait"})) << "the first is interrupted, the second serves both events";
 }
 
-TEST_F(AddStationEvent, a_ready_worker_is_not_waited_for) {
-  station.ready = 1;
-  fakes.usleep = [](useconds_t) {
-    ADD_FAILURE() << "no pause is needed";
-    return 0;
-  };
-  EventOwner event = dm_new_event(&context, 1);
-  add_station_event(event, 3);
-  free(station.events);
-}
-
-TEST_F(AddStationEvent, an_event_in_the_queue_is_left_to_the_worker_before_the_next_is_queued) {
+TEST_F(AddStationEvent, the_worker_may_take_a_queued_event_before_the_next_is_queued) {
   station.ready = 1;
   EventOwner taken = dm_new_event(&context, 1);
   station.events = taken.get();
@@ -435,12 +343,12 @@ TEST_F(AddStationEvent, an_event_in_the_queue_is_left_to_the_worker_before_the_n
   EXPECT_EQ(add_station_event(event, 3), 0);
   EXPECT_EQ(pauses, (std::vector<useconds_t>{100, 100, 100}));
   EXPECT_EQ(station.events, queued);
-  EXPECT_EQ(taken->next, nullptr) << "queued behind what was taken meanwhile";
+  EXPECT_EQ(taken->next, nullptr) << "the worker owns it";
   EXPECT_FALSE(is_held(station.mutex));
   free(station.events);
 }
 
-TEST_F(AddStationEvent, a_worker_that_does_not_come_for_ten_milliseconds_finds_the_event_behind_the_other) {
+TEST_F(AddStationEvent, after_ten_milliseconds_without_the_worker_the_event_is_queued_after_the_other) {
   station.ready = 1;
   EventOwner left = dm_new_event(&context, 1);
   station.events = left.get();
@@ -474,8 +382,6 @@ namespace {
 
 class Worker : public WorkersTest {
  public:
-  Worker() { running = this; }
-
   void make_station(int display_num) {
     ASSERT_EQ(dm_start_station_thread(&context, ":0", display_num, 1), 0);
     ASSERT_TRUE(log.wait_for(dm_line("process_station_events",
@@ -497,8 +403,7 @@ class Worker : public WorkersTest {
            " on :" + std::to_string(display_num) + ", mutex held";
   }
 
-  /** Queues events 1 to 3 for display 1 while its worker waits and then lets it run them all; returns their
-   * lines. */
+  /** Queues events 1 to 3 for display 1, wakes its worker once, and returns the lines of the events. */
   Lines run_three_at_one_wake_up(void (*proc)(Station*, StationEvent*)) {
     let_workers_rest();
     log.forget();
@@ -510,23 +415,12 @@ class Worker : public WorkersTest {
     let_workers_rest();
     return log.lines();
   }
-
-  static inline Worker* running;
-  std::atomic<bool> gate{false};
 };
 
 }  // namespace
 
-TEST_F(Worker, it_becomes_ready_and_says_so_once) {
-  make_station(1);
-  let_workers_rest();
-  EXPECT_EQ(station_of(1)->ready, 1);
-  EXPECT_EQ(log.lines(), (Lines{dm_line("dm_start_station_thread", "Start a new station thread for :1"),
-                                dm_line("process_station_events", "Thread for Display 1 started...")}));
-}
-
-TEST_F(Worker, it_prepares_its_own_stack_before_it_says_that_it_starts) {
-  std::vector<std::pair<pthread_t, int>> advices;  // of the worker; the main thread's come before
+TEST_F(Worker, it_prepares_its_stack_before_it_logs_its_start) {
+  std::vector<std::pair<pthread_t, int>> advices;  // by the worker
   Lines lines_at_advice;
   const pthread_t main_thread = pthread_self();
   fakes.madvise = [&](void* where, size_t size, int advice) {
@@ -548,17 +442,17 @@ TEST_F(Worker, it_prepares_its_own_stack_before_it_says_that_it_starts) {
   EXPECT_EQ(lines_at_advice, dm_lines("dm_start_station_thread", {"Start a new station thread for :1"}));
 }
 
-TEST_F(Worker, the_first_event_of_a_brand_new_station_is_queued_without_a_pause) {
+TEST_F(Worker, the_first_event_of_a_new_station_is_queued_without_a_pause_and_runs) {
   std::atomic<bool> may_start{false};
   fakes.seen_lock = [&](pthread_mutex_t* mutex) {
     const Station* station = context.stations;
     if (!station || mutex != &station->mutex || !pthread_equal(pthread_self(), station->thread)) return;
-    while (!may_start) sched_yield();  // the worker comes late
+    while (!may_start) sched_yield();  // the worker is late
   };
   std::atomic<int> pauses{0};
   fakes.usleep = [&](useconds_t) {
     ++pauses;
-    may_start = true;  // so that a test that fails ends
+    may_start = true;  // ends a test that fails
     return 0;
   };
   fakes.sem_wait = [&](sem_t* semaphore) {
@@ -572,13 +466,7 @@ TEST_F(Worker, the_first_event_of_a_brand_new_station_is_queued_without_a_pause)
   fakes.usleep = nullptr;
 }
 
-TEST_F(Worker, the_first_event_of_a_brand_new_station_runs) {
-  ASSERT_EQ(dm_start_station_thread(&context, ":1", 1, 1), 0);
-  queue(1, 7, note);
-  EXPECT_TRUE(log.wait_for(noted(7, 1)));
-}
-
-TEST_F(Worker, events_run_in_the_order_of_their_queueing_under_the_stations_mutex) {
+TEST_F(Worker, events_run_in_queue_order_under_the_stations_mutex) {
   make_station(1);
   log.forget();
   Lines expected;
@@ -590,70 +478,24 @@ TEST_F(Worker, events_run_in_the_order_of_their_queueing_under_the_stations_mute
   EXPECT_EQ(log.lines(), expected);
 }
 
-TEST_F(Worker, events_queued_while_it_waits_are_all_run_at_one_wake_up) {
-  make_station(1);
-  let_workers_rest();
-  log.forget();
-  int signals = 0;
-  fakes.pthread_cond_signal = [&](pthread_cond_t*) { return ++signals; };
-  queue(1, 1, note);
-  queue(1, 2, note);
-  queue(1, 3, note);
-  fakes.pthread_cond_signal = nullptr;
-  EXPECT_EQ(log.text(), "") << "nobody was woken";
-  queue(1, 4, note);
-  ASSERT_TRUE(log.wait_for(noted(4, 1)));
-  EXPECT_EQ(log.lines(), (Lines{noted(1, 1), noted(2, 1), noted(3, 1), noted(4, 1)}));
-}
-
-TEST_F(Worker, each_event_is_freed_when_its_procedure_has_returned) {
-  make_station(1);
-  MemoryBook memory;
-  for (int number = 1; number <= 5; ++number) queue(1, number, note);
-  ASSERT_TRUE(log.wait_for(noted(5, 1)));
-  let_workers_rest();
-  EXPECT_EQ(memory.sizes_taken().size(), 5U);
-  EXPECT_EQ(memory.blocks_left(), 0U);
-}
-
-TEST_F(Worker, each_event_is_freed_before_the_next_procedure_runs) {
+TEST_F(Worker, it_stays_ready_unlinks_each_event_before_its_procedure_and_frees_it_after_that) {
   make_station(1);
   static const MemoryBook* book;
   const MemoryBook memory;
   book = &memory;
-  const Lines lines = run_three_at_one_wake_up([](Station*, StationEvent* event) {
-    log_debug("event %d of %zu\n", event->actor_code, book->blocks_left());
-  });
-  EXPECT_EQ(lines, (Lines{"tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 1 of 3",
-                          "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 2 of 2",
-                          "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 3 of 1"}));
-}
-
-TEST_F(Worker, each_event_is_unlinked_before_its_procedure_runs) {
-  make_station(1);
-  const auto proc = [](Station* station, StationEvent* event) {
+  const Lines lines = run_three_at_one_wake_up([](Station* station, StationEvent* event) {
     const StationEvent* head = station->events;
-    log_debug("event %d, then %d, link %s\n", event->actor_code, head ? head->actor_code : 0,
-              head == event->next ? "kept" : "lost");
-  };
-  EXPECT_EQ(run_three_at_one_wake_up(proc),
-            (Lines{"tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 1, then 2, link kept",
-                   "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 2, then 3, link kept",
-                   "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 3, then 0, link kept"}));
+    log_debug("%d of %zu, then %d, link %s, ready %d\n", event->actor_code, book->blocks_left(),
+              head ? head->actor_code : 0, head == event->next ? "kept" : "lost", station->ready.load());
+  });
+  const std::string start = "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: ";
+  EXPECT_EQ(lines,
+            (Lines{start + "1 of 3, then 2, link kept, ready 1", start + "2 of 2, then 3, link kept, ready 1",
+                   start + "3 of 1, then 0, link kept, ready 1"}));
+  EXPECT_EQ(memory.blocks_left(), 0U);
 }
 
-TEST_F(Worker, it_stays_ready_while_procedures_run) {
-  make_station(1);
-  const auto proc = [](Station* station, StationEvent* event) {
-    log_debug("event %d, ready %d\n", event->actor_code, station->ready.load());
-  };
-  EXPECT_EQ(run_three_at_one_wake_up(proc),
-            (Lines{"tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 1, ready 1",
-                   "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 2, ready 1",
-                   "tests/unit/dm_stations_test.cpp:#:operator(): DEBUG: event 3, ready 1"}));
-}
-
-TEST_F(Worker, it_says_that_it_starts_and_then_becomes_ready_under_the_stations_mutex) {
+TEST_F(Worker, it_logs_its_start_and_then_becomes_ready_under_the_stations_mutex) {
   std::atomic<int> ready_at_first_lock{-1};
   Lines lines_at_first_lock;
   fakes.seen_lock = [&](pthread_mutex_t* mutex) {
@@ -672,18 +514,4 @@ TEST_F(Worker, it_says_that_it_starts_and_then_becomes_ready_under_the_stations_
                    dm_line("process_station_events", "Thread for Display 1 started...")}));
   let_workers_rest();
   fakes.seen_lock = nullptr;
-}
-
-TEST_F(Worker, stations_work_side_by_side) {
-  make_station(1);
-  make_station(2);
-  queue(1, 1, [](Station* station, StationEvent* event) {
-    while (!running->gate) usleep(500);
-    note(station, event);
-  });
-  queue(2, 2, note);
-  ASSERT_TRUE(log.wait_for(noted(2, 2)));
-  for (const std::string& written : log.lines()) EXPECT_NE(written, noted(1, 1)) << "the first still waits";
-  gate = true;
-  EXPECT_TRUE(log.wait_for(noted(1, 1)));
 }

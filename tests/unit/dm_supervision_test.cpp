@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// dm_supervision_test.cpp: the thread that launches an actor, waits for it and launches it again.
+// dm_supervision_test.cpp: the thread that launches an actor, waits for it and relaunches it.
 //
-// It runs on the test's own thread: fork, waiting, signals and pauses are faked, and what another thread
-// would do meanwhile stands in the fake of the call during which it happens. Real children run in the last
-// tests. How the threads of a station meet is explored in tests/interleavings.
+// The thread's body runs on the test's thread. Fork, waits, signals and pauses are faked; a fake also does
+// what another thread would do during its call. The last tests use real children. tests/interleavings
+// explores how the threads of a station interact.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -23,19 +23,19 @@ using MethodStartThread = OneStationTest;
 
 }  // namespace
 
-// ---- method_start_thread: early ends ------------------------------------------------------------------
+// ---- method_start_thread: early exits -----------------------------------------------------------------
 
-TEST_F(MethodStartThread, without_its_station_it_ends) {
+TEST_F(MethodStartThread, it_exits_without_its_station_which_it_looks_up_before_the_actor) {
   MemoryBook memory;
-  supervise(2, 1, 4);
-  EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:2, display_num:4",
+  supervise(99, 1, 4);
+  EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:99, display_num:4",
                                        "{DM} Unable to find station info for display 4"}));
   EXPECT_EQ(value_of(station.launched), 1);
   EXPECT_EQ(memory.blocks_left(), 0U) << "the copy is freed";
   EXPECT_EQ(calls, (Calls{}));
 }
 
-TEST_F(MethodStartThread, without_its_actor_it_ends) {
+TEST_F(MethodStartThread, it_exits_without_its_actor) {
   supervise(99);
   EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:99, display_num:3",
                                        "{DM} Unable to find ACTOR definition for 99"}));
@@ -43,27 +43,26 @@ TEST_F(MethodStartThread, without_its_actor_it_ends) {
   EXPECT_EQ(calls, (Calls{}));
 }
 
-TEST_F(MethodStartThread, the_station_is_looked_for_before_the_actor) {
-  supervise(99, 1, 4);
-  EXPECT_EQ(log.lines().back(),
-            dm_line("method_start_thread", "{DM} Unable to find station info for display 4"));
-}
-
-TEST_F(MethodStartThread, in_a_running_group_it_ends) {
-  group = 2;
-  claim();
-  entry().is_running = 1;
-  entry().child_pid = 99;
-  supervise(4);
-  EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:4, display_num:3",
-                                       "{DM} Sub thread of actor group for 2 is already running."}));
-  EXPECT_EQ(value_of(station.launched), 1);
-  EXPECT_EQ(entry().is_running, 1);
-  EXPECT_EQ(entry().child_pid, 99);
+TEST_F(MethodStartThread, it_exits_in_a_running_group_even_if_the_actor_has_no_program) {
+  for (const int actor : {4, 1}) {
+    group = dm_find_actor(actor)->group;
+    claim();
+    entry().is_running = 1;
+    entry().child_pid = 99;
+    log.forget();
+    supervise(actor);
+    EXPECT_EQ(log.lines(),
+              thread_lines(
+                  {"method_start_thread() for actor_code:" + std::to_string(actor) + ", display_num:3",
+                   "{DM} Sub thread of actor group for " + std::to_string(group) + " is already running."}));
+    EXPECT_EQ(entry().is_running, 1);
+    EXPECT_EQ(entry().child_pid, 99);
+  }
+  EXPECT_EQ(value_of(station.launched), 2);
   EXPECT_EQ(calls, (Calls{}));
 }
 
-TEST_F(MethodStartThread, an_actor_without_a_program_ends_it) {
+TEST_F(MethodStartThread, it_exits_if_the_actor_has_no_program) {
   supervise(1);
   EXPECT_EQ(log.lines(), thread_lines({"method_start_thread() for actor_code:1, display_num:3",
                                        "{DM} No program specified in argv."}));
@@ -71,15 +70,7 @@ TEST_F(MethodStartThread, an_actor_without_a_program_ends_it) {
   EXPECT_EQ(calls, (Calls{}));
 }
 
-TEST_F(MethodStartThread, a_running_group_is_noticed_before_a_missing_program) {
-  group = 0;
-  entry().is_running = 1;
-  supervise(1);
-  EXPECT_EQ(log.lines().back(),
-            dm_line("method_start_thread", "{DM} Sub thread of actor group for 0 is already running."));
-}
-
-TEST_F(MethodStartThread, only_is_running_1_stands_in_its_way) {
+TEST_F(MethodStartThread, only_an_is_running_of_1_prevents_the_launch) {
   claim();
   entry().is_running = 2;
   on_wait = [&] { entry().keep_alive = 0; };
@@ -87,7 +78,7 @@ TEST_F(MethodStartThread, only_is_running_1_stands_in_its_way) {
   EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
 }
 
-TEST_F(MethodStartThread, without_memory_for_the_vector_it_ends_and_the_group_is_idle) {
+TEST_F(MethodStartThread, without_memory_for_the_vector_it_exits_and_the_group_becomes_idle) {
   claim();
   MemoryBook memory;
   memory.fail_strdup(1);
@@ -100,7 +91,8 @@ TEST_F(MethodStartThread, without_memory_for_the_vector_it_ends_and_the_group_is
   EXPECT_EQ(calls, (Calls{}));
 }
 
-TEST_F(MethodStartThread, the_copy_is_freed_first_thing_and_the_vector_before_the_launch_is_told) {
+TEST_F(MethodStartThread,
+       the_copy_is_freed_before_the_first_line_and_the_vector_before_the_line_of_the_launch) {
   claim();
   MemoryBook memory;
   std::vector<size_t> lines_at_free;
@@ -116,17 +108,16 @@ TEST_F(MethodStartThread, the_copy_is_freed_first_thing_and_the_vector_before_th
   };
   supervise(2);
   EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
-  EXPECT_EQ(lines_at_free, (std::vector<size_t>{0, 3, 3})) << "the copy; then, behind the log of two words, "
-                                                              "these";
+  EXPECT_EQ(lines_at_free, (std::vector<size_t>{0, 3, 3})) << "the copy, then the two logged arguments";
 }
 
-TEST_F(MethodStartThread, a_failed_fork_ends_it_and_is_never_signalled) {
+TEST_F(MethodStartThread, it_exits_after_a_failed_fork_and_a_stop_then_signals_nothing) {
   group = 3;
   claim();
   fork_fails = true;
   MemoryBook memory;
   size_t blocks_at_last_line = 0;
-  fakes.time = [&] {  // taken for each line
+  fakes.time = [&] {  // read for each line
     blocks_at_last_line = memory.blocks_left();
     return time_t{1};
   };
@@ -140,20 +131,20 @@ TEST_F(MethodStartThread, a_failed_fork_ends_it_and_is_never_signalled) {
   EXPECT_EQ(entry().is_running, 0);
   EXPECT_EQ(entry().child_pid, -1);
   EXPECT_EQ(memory.blocks_left(), 0U) << "the vector is freed";
-  EXPECT_GT(blocks_at_last_line, 0U) << "only when the failure has been told";
+  EXPECT_GT(blocks_at_last_line, 0U) << "only after the failure is logged";
   stop(7);
   EXPECT_EQ(log.lines().back(), dm_line("proc_method_stop", "{DM} sub process is not running"));
-  EXPECT_EQ(calls, (Calls{"fork"})) << "no kill of -1, which would be everybody";
+  EXPECT_EQ(calls, (Calls{"fork"})) << "kill(-1) would signal every process";
 }
 
-TEST_F(MethodStartThread, a_failed_fork_is_logged_and_then_makes_the_group_idle_in_one_hold_of_its_mutex) {
+TEST_F(MethodStartThread, a_failed_fork_is_logged_and_makes_the_group_idle_under_one_hold_of_the_mutex) {
   claim();
   on_sleep = [&] { fork_fails = true; };
   bool has_failed = false;
   on_fork = [&] { has_failed = fork_fails; };
   int running_at_the_line = -1;
   bool held_at_the_line = false;
-  fakes.time = [&] {  // taken for each line
+  fakes.time = [&] {  // read for each line
     running_at_the_line = entry().is_running;
     held_at_the_line = is_held(child_mutex());
     return time_t{1};
@@ -174,7 +165,7 @@ TEST_F(MethodStartThread, a_failed_fork_is_logged_and_then_makes_the_group_idle_
 
 // ---- method_start_thread: launches --------------------------------------------------------------------
 
-TEST_F(MethodStartThread, a_child_is_launched_waited_for_and_not_launched_again_after_a_stop) {
+TEST_F(MethodStartThread, a_child_is_launched_waited_for_and_not_relaunched_after_a_stop) {
   claim();
   on_wait = [&] { stop(2); };
   supervise(2);
@@ -193,10 +184,10 @@ TEST_F(MethodStartThread, a_child_is_launched_waited_for_and_not_launched_again_
   EXPECT_EQ(value_of(station.launched), 1);
 }
 
-TEST_F(MethodStartThread, the_worker_is_let_go_on_behind_the_line_of_the_launch) {
+TEST_F(MethodStartThread, the_worker_continues_after_the_line_of_the_launch) {
   claim();
   int posts_before_the_line = -1;
-  fakes.time = [&] {  // taken for each line
+  fakes.time = [&] {  // read for each line
     if (log.lines().size() == 3) posts_before_the_line = value_of(station.launched);
     return time_t{1};
   };
@@ -208,53 +199,20 @@ TEST_F(MethodStartThread, the_worker_is_let_go_on_behind_the_line_of_the_launch)
 }
 
 TEST_F(MethodStartThread, it_forks_on_its_own_stack) {
-  if (!stacks_stay_out_of_children) GTEST_SKIP() << "all stacks are the same to a child";
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "a child has all stacks";
   claim();
   fakes.madvise = [&](void* where, size_t size, int advice) {
     EXPECT_EQ(where, stack);
     EXPECT_EQ(size, pool_stack_size);
-    calls.push_back(advice == MADV_DOFORK ? "take in" : advice == MADV_DONTFORK ? "leave out" : "?");
+    calls.push_back(advice == MADV_DOFORK ? "share" : advice == MADV_DONTFORK ? "hide" : "?");
     return 0;
   };
   on_wait = [&] { entry().keep_alive = 0; };
   supervise(2);
-  EXPECT_EQ(calls, (Calls{"take in", "fork", "leave out", "wait 4711", "reap 4711"}));
+  EXPECT_EQ(calls, (Calls{"share", "fork", "hide", "wait 4711", "reap 4711"}));
 }
 
-TEST_F(MethodStartThread, a_stack_that_the_child_cannot_get_is_a_failed_fork) {
-  if (!stacks_stay_out_of_children) GTEST_SKIP() << "it gets every stack";
-  claim();
-  fakes.madvise = [](void*, size_t, int) {
-    errno = ENOMEM;
-    return -1;
-  };
-  on_wait = [&] { entry().keep_alive = 0; };  // so that a test that fails ends
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{}));
-  EXPECT_EQ(entry().child_pid, -1);
-  EXPECT_EQ(entry().is_running, 0);
-  EXPECT_EQ(value_of(station.launched), 1);
-  EXPECT_EQ(log.lines().back(), dm_line("method_start_thread",
-                                        "{DM} Unable to create child process. "
-                                        "Login thread for display 3"));
-}
-
-TEST_F(MethodStartThread, every_argument_is_logged) {
-  group = 2;
-  claim();
-  on_wait = [&] { entry().keep_alive = 0; };
-  supervise(5);
-  EXPECT_EQ(log.lines(),
-            thread_lines({"method_start_thread() for actor_code:5, display_num:3",
-                          "{DM} method_start_thread(): corvane-pfk", "{DM} method_start_thread(): -display",
-                          "{DM} method_start_thread(): :3", "{DM} method_start_thread(): --mouse",
-                          "{DM} method_start_thread(): --verbose", "{DM} method_start_thread(): --logfile",
-                          "{DM} method_start_thread(): /var/log/corvane-pfk3.log",
-                          "DISPLAY=:3, actor_code=5, child=4711", "Child process died: 4711",
-                          "keep_alive field is FALSE. Exit from the current thread"}));
-}
-
-TEST_F(MethodStartThread, a_child_that_dies_by_itself_is_launched_again_after_2_seconds) {
+TEST_F(MethodStartThread, a_child_that_dies_is_relaunched_after_2_seconds) {
   claim();
   on_wait = [&, deaths = 0]() mutable {
     EXPECT_FALSE(entry().child_reaped);
@@ -262,15 +220,15 @@ TEST_F(MethodStartThread, a_child_that_dies_by_itself_is_launched_again_after_2_
     if (++deaths == 3) entry().keep_alive = 0;
   };
   on_sleep = [&] {
-    EXPECT_EQ(entry().is_running, 1) << "a start in the pause is refused";
+    EXPECT_EQ(entry().is_running, 1) << "so that a start in the pause is refused";
     EXPECT_TRUE(entry().child_reaped);
   };
   MemoryBook memory;
   supervise(3);
   EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "fork", "wait 4712", "reap 4712",
                           "sleep 2", "fork", "wait 4713", "reap 4713"}));
-  EXPECT_EQ(value_of(station.launched), 1) << "told at the first launch only";
-  EXPECT_EQ(memory.texts_left(), (Words{"DISPLAY", "DISPLAY", "DISPLAY"})) << "all else is freed";
+  EXPECT_EQ(value_of(station.launched), 1) << "posted at the first launch only";
+  EXPECT_EQ(memory.texts_left(), (Words{"DISPLAY", "DISPLAY", "DISPLAY"})) << "the rest is freed";
   Lines expected = thread_lines({"method_start_thread() for actor_code:3, display_num:3"});
   for (const char* child : {"4711", "4712", "4713"}) {
     for (const std::string& message :
@@ -286,30 +244,14 @@ TEST_F(MethodStartThread, a_child_that_dies_by_itself_is_launched_again_after_2_
   EXPECT_EQ(log.lines(), expected);
 }
 
-TEST_F(MethodStartThread, each_group_has_its_own_entry) {
-  group = 3;
+TEST_F(MethodStartThread, waits_that_are_interrupted_or_fail_are_retried) {
   claim();
-  on_wait = [&] {
-    EXPECT_EQ(station.groups[3].child_pid, 4711);
-    for (const int other : {0, 1, 2}) {
-      EXPECT_EQ(station.groups[other].is_running, 0);
-      EXPECT_EQ(station.groups[other].child_pid, 0);
-    }
-    entry().keep_alive = 0;
-  };
-  supervise(7);
-  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"}));
-}
-
-TEST_F(MethodStartThread, interrupted_waits_are_taken_up_again) {
-  claim();
-  const auto wait = fakes.waitid;
-  fakes.waitid = [&, interruptions = 0](idtype_t type, id_t id, siginfo_t* info, int options) mutable {
-    if (++interruptions <= 2) {
-      errno = EINTR;
-      return -1;
-    }
-    return wait(type, id, info, options);
+  fakes.waitid = [wait = fakes.waitid, failures = std::vector{EINVAL, EINTR}](
+                     idtype_t type, id_t id, siginfo_t* info, int options) mutable {
+    if (failures.empty()) return wait(type, id, info, options);
+    errno = failures.back();
+    failures.pop_back();
+    return -1;
   };
   const auto reap = fakes.waitpid;
   fakes.waitpid = [&, interruptions = 0](pid_t pid, int* status, int options) mutable {
@@ -325,21 +267,7 @@ TEST_F(MethodStartThread, interrupted_waits_are_taken_up_again) {
   EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "try", "try", "try", "reap 4711"}));
 }
 
-TEST_F(MethodStartThread, a_wait_that_fails_is_taken_up_again_before_the_child_is_reaped) {
-  claim();
-  const auto wait = fakes.waitid;
-  fakes.waitid = [&, failures = 0](idtype_t type, id_t id, siginfo_t* info, int options) mutable {
-    if (++failures > 1) return wait(type, id, info, options);
-    calls.push_back("fail");
-    errno = EINVAL;
-    return -1;
-  };
-  on_wait = [&] { entry().keep_alive = 0; };
-  supervise(2);
-  EXPECT_EQ(calls, (Calls{"fork", "fail", "wait 4711", "reap 4711"}));
-}
-
-TEST_F(MethodStartThread, a_child_that_somebody_else_reaped_counts_as_dead) {
+TEST_F(MethodStartThread, a_child_that_was_already_reaped_counts_as_dead) {
   claim();
   fakes.waitid = [&](idtype_t, id_t id, siginfo_t*, int) {
     calls.push_back("wait " + std::to_string(id));
@@ -357,9 +285,9 @@ TEST_F(MethodStartThread, a_child_that_somebody_else_reaped_counts_as_dead) {
   EXPECT_TRUE(entry().child_reaped);
 }
 
-// ---- method_start_thread: the order of its looks at the entry ------------------------------------------
+// ---- method_start_thread: the order in which it checks the entry ---------------------------------------
 
-TEST_F(MethodStartThread, a_stopped_group_is_noticed_before_a_newer_thread) {
+TEST_F(MethodStartThread, a_cleared_keep_alive_is_noticed_before_a_newer_thread) {
   claim();
   on_wait = [&] {
     entry().newest = 2;
@@ -370,11 +298,11 @@ TEST_F(MethodStartThread, a_stopped_group_is_noticed_before_a_newer_thread) {
             dm_line("method_start_thread", "keep_alive field is FALSE. Exit from the current thread"));
 }
 
-TEST_F(MethodStartThread, another_number_in_the_entry_is_noticed_without_a_newer_thread) {
+TEST_F(MethodStartThread, another_pid_in_the_entry_is_noticed_without_a_newer_thread) {
   claim();
   on_wait = [&, deaths = 0]() mutable {
     entry().child_pid = 0;
-    if (++deaths == 2) entry().keep_alive = 0;  // so that a test that fails ends
+    if (++deaths == 2) entry().keep_alive = 0;  // ends a test that fails
   };
   supervise(2);
   EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711"})) << "no pause, no launch";
@@ -387,7 +315,7 @@ TEST_F(MethodStartThread, another_number_in_the_entry_is_noticed_without_a_newer
 
 namespace {
 
-/** A test with real children, which report through a pipe instead of becoming an actor. */
+/** A test with real children, which report through a pipe instead of executing an actor. */
 class Child : public OneStationTest {
  public:
   Child() {
@@ -396,11 +324,11 @@ class Child : public OneStationTest {
     fakes.waitid = nullptr;
     fakes.waitpid = [this](pid_t pid, int*, int options) { return __real_waitpid(pid, &status, options); };
     fakes.execvp = [this](const char* program, char* const* argv) {
-      std::string report = std::string("execvp ") + program;
-      for (char* const* word = argv; *word; ++word) report += std::string(" ") + *word;
-      report += handler_of(SIGCHLD) == SIG_IGN ? " ignored" : " default";
-      report += handler_of(SIGPIPE) == SIG_IGN ? " ignored" : " default";
-      tell(report);
+      std::string text = std::string("execvp ") + program;
+      for (char* const* word = argv; *word; ++word) text += std::string(" ") + *word;
+      text += handler_of(SIGCHLD) == SIG_IGN ? " ignored" : " default";
+      text += handler_of(SIGPIPE) == SIG_IGN ? " ignored" : " default";
+      report(text);
       errno = ENOENT;
       return -1;
     };
@@ -416,10 +344,10 @@ class Child : public OneStationTest {
     sigaction(number, nullptr, &action);
     return action.sa_handler;
   }
-  void tell(const std::string& text) {
+  void report(const std::string& text) {
     if (write(ends[1], text.data(), text.size()) < 0) abort();
   }
-  std::string told() {
+  std::string reports() {
     close(ends[1]);
     ends[1] = -1;
     std::string text;
@@ -435,22 +363,22 @@ class Child : public OneStationTest {
 
 }  // namespace
 
-TEST_F(Child, it_executes_the_program_with_the_vector_and_the_signals_of_the_start) {
+TEST_F(Child, it_executes_the_program_with_the_vector_and_the_original_signals) {
   const sighandler_t before = signal(SIGPIPE, SIG_DFL);
   signals_take_over();
-  signal(SIGPIPE, SIG_IGN);  // as the bus library does
+  signal(SIGPIPE, SIG_IGN);  // as libdbus does
   on_sleep = [&] { entry().keep_alive = 0; };
   supervise(2);
   signal(SIGPIPE, before);
   const std::string one_child = "execvp corvane-ls corvane-ls :3 default default";
-  EXPECT_EQ(told(), one_child + one_child) << "one more launch goes through behind the pause";
+  EXPECT_EQ(reports(), one_child + one_child) << "one more launch follows the pause";
 }
 
-TEST_F(Child, a_program_that_cannot_be_executed_ends_the_child_at_once_with_status_0) {
+TEST_F(Child, if_the_program_cannot_be_executed_the_child_exits_at_once_with_0) {
   static Child* running;
   running = this;
   atexit([] {
-    if (running) running->tell("exit handlers ran");
+    if (running) running->report("exit handlers ran");
   });
   bool in_pause = false;
   on_sleep = [&] {
@@ -461,8 +389,8 @@ TEST_F(Child, a_program_that_cannot_be_executed_ends_the_child_at_once_with_stat
   };
   supervise(2);
   running = nullptr;
-  EXPECT_TRUE(in_pause) << "and is tried again";
-  EXPECT_EQ(told().find("exit handlers ran"), std::string::npos);
+  EXPECT_TRUE(in_pause) << "and a relaunch follows";
+  EXPECT_EQ(reports().find("exit handlers ran"), std::string::npos);
   EXPECT_EQ(log.lines().back(),
             dm_line("method_start_thread", "keep_alive field is FALSE. Exit from the current thread"));
 }
