@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// dm_arguments_test.cpp: the argument vector of each actor, its limits, and memory running short at each
-// word.
+// dm_arguments_test.cpp: the argument vector of each actor, its limits, and a failed allocation at each word.
 #include <algorithm>
 #include <csignal>
 #include <cstring>
@@ -21,12 +20,19 @@ Words expanded(const ActorDefinition* actor, int display_num) {
   return words;
 }
 
+/** The vector on display 1 of an actor with these words. */
+Words expanded(const Words& words) {
+  ActorDefinition actor = {.name = "actor", .code = 0, .group = 1, .argv = {}};
+  for (size_t i = 0; i < words.size(); ++i) actor.argv[i] = words[i].c_str();
+  return expanded(&actor, 1);
+}
+
 using ExpandArgv = FakedTest;
 using ExpandArgvDeathTest = FakedTest;
 
 }  // namespace
 
-TEST_F(ExpandArgv, each_actors_vector_has_its_words) {
+TEST_F(ExpandArgv, each_actor_has_its_vector) {
   const struct {
     int code;
     int display_num;
@@ -47,71 +53,41 @@ TEST_F(ExpandArgv, each_actors_vector_has_its_words) {
 }
 
 TEST_F(ExpandArgv, words_are_compared_whole_and_with_their_case) {
-  const ActorDefinition actor = {.name = "words",
-                                 .code = 0,
-                                 .group = 1,
-                                 .argv = {"program", "display", "DISPLAYS", "--display", "-displa",
-                                          "--logfiles", "-logfile", "CORVANE_DIRS", "corvane_dir"}};
-  EXPECT_EQ(expanded(&actor, 1), (Words{"program", "display", "DISPLAYS", "--display", "-displa",
-                                        "--logfiles", "-logfile", "CORVANE_DIRS", "corvane_dir"}));
-  const ActorDefinition other_case = {.name = "words",
-                                      .code = 0,
-                                      .group = 1,
-                                      .argv = {"program", "Display", "-DISPLAY", "--LogFile", "Corvane_Dir"}};
-  EXPECT_EQ(expanded(&other_case, 1), (Words{"program", "Display", "-DISPLAY", "--LogFile", "Corvane_Dir"}));
+  const Words whole = {"program",    "display",  "DISPLAYS",     "--display",  "-displa",
+                       "--logfiles", "-logfile", "CORVANE_DIRS", "corvane_dir"};
+  EXPECT_EQ(expanded(whole), whole);
+  const Words other_case = {"program", "Display", "-DISPLAY", "--LogFile", "Corvane_Dir"};
+  EXPECT_EQ(expanded(other_case), other_case);
 }
 
 TEST_F(ExpandArgv, a_vector_of_nine_arguments_is_the_largest) {
   EXPECT_EQ(max_arguments, 9);
 }
 
-TEST_F(ExpandArgv, a_programs_name_of_63_bytes_fits) {
+TEST_F(ExpandArgv, one_word_may_be_the_whole_vector) {
+  EXPECT_EQ(expanded({"program"}), (Words{"program"}));
+}
+
+TEST_F(ExpandArgv, a_program_name_and_an_expansion_may_have_63_bytes_and_another_word_more) {
   const std::string program(63, 'p');
-  const ActorDefinition actor = {.name = "long", .code = 0, .group = 1, .argv = {program.c_str()}};
-  EXPECT_EQ(expanded(&actor, 1), (Words{program}));
-}
-
-TEST_F(ExpandArgvDeathTest, a_programs_name_of_64_bytes_aborts) {
-  const std::string program(64, 'p');
-  const ActorDefinition actor = {.name = "long", .code = 0, .group = 1, .argv = {program.c_str()}};
-  EXPECT_EXIT(expanded(&actor, 1), KilledBySignal(SIGABRT), "^$");
-}
-
-TEST_F(ExpandArgv, a_logs_path_of_63_bytes_fits) {
-  const std::string program(49, 'p');  // with "/var/log/", "1" and ".log"
-  const ActorDefinition actor = {
-      .name = "long", .code = 0, .group = 1, .argv = {program.c_str(), "--logfile"}};
-  EXPECT_EQ(expanded(&actor, 1), (Words{program, "--logfile", "/var/log/" + program + "1.log"}));
-}
-
-TEST_F(ExpandArgvDeathTest, a_logs_path_of_64_bytes_aborts) {
-  const std::string program(50, 'p');
-  const ActorDefinition actor = {
-      .name = "long", .code = 0, .group = 1, .argv = {program.c_str(), "--logfile"}};
-  EXPECT_EXIT(expanded(&actor, 1), KilledBySignal(SIGABRT), "^$");
-}
-
-TEST_F(ExpandArgv, an_images_path_of_63_bytes_fits) {
-  const std::string image(37, 'i');  // with "/usr/share/corvane/images/"
-  const ActorDefinition actor = {
-      .name = "long", .code = 0, .group = 1, .argv = {"program", "CORVANE_DIR", image.c_str()}};
-  EXPECT_EQ(expanded(&actor, 1), (Words{"program", "/usr/share/corvane/images/" + image}));
-}
-
-TEST_F(ExpandArgvDeathTest, an_images_path_of_64_bytes_aborts) {
-  const std::string image(38, 'i');
-  const ActorDefinition actor = {
-      .name = "long", .code = 0, .group = 1, .argv = {"program", "CORVANE_DIR", image.c_str()}};
-  EXPECT_EXIT(expanded(&actor, 1), KilledBySignal(SIGABRT), "^$");
-}
-
-TEST_F(ExpandArgv, words_that_are_not_replaced_may_be_longer) {
+  const std::string short_program(49, 'p');  // with "/var/log/", "1" and ".log"
+  const std::string image(37, 'i');          // with "/usr/share/corvane/images/"
   const std::string word(200, 'w');
-  const ActorDefinition actor = {.name = "long", .code = 0, .group = 1, .argv = {"program", word.c_str()}};
-  EXPECT_EQ(expanded(&actor, 1), (Words{"program", word}));
+  EXPECT_EQ(expanded({program}), (Words{program}));
+  EXPECT_EQ(expanded({short_program, "--logfile"}),
+            (Words{short_program, "--logfile", "/var/log/" + short_program + "1.log"}));
+  EXPECT_EQ(expanded({"program", "CORVANE_DIR", image}),
+            (Words{"program", "/usr/share/corvane/images/" + image}));
+  EXPECT_EQ(expanded({"program", word}), (Words{"program", word}));
 }
 
-TEST_F(ExpandArgv, the_first_copies_of_replaced_words_are_left_behind_and_nothing_else) {
+TEST_F(ExpandArgvDeathTest, a_program_name_or_an_expansion_of_64_bytes_aborts) {
+  for (const Words& words : {Words{std::string(64, 'p')}, Words{std::string(50, 'p'), "--logfile"},
+                             Words{"program", "CORVANE_DIR", std::string(38, 'i')}})
+    EXPECT_EXIT(expanded(words), KilledBySignal(SIGABRT), "^$") << words[0];
+}
+
+TEST_F(ExpandArgv, only_the_first_copies_of_replaced_words_are_not_freed) {
   for (int code = 2; code <= 7; ++code) {
     MemoryBook memory;
     expanded(dm_find_actor(code), 1);
@@ -125,10 +101,10 @@ TEST_F(ExpandArgv, the_first_copies_of_replaced_words_are_left_behind_and_nothin
   }
 }
 
-TEST_F(ExpandArgv, without_memory_at_any_word_there_is_no_vector) {
+TEST_F(ExpandArgv, a_failed_allocation_at_any_word_gives_no_vector) {
   const struct {
     int code;
-    int copies;  // words of the vector, and one more for each that is replaced
+    int copies;  // one for each word of the vector, and one more for each replaced word
   } cases[] = {{2, 3}, {3, 5}, {4, 6}, {5, 7}, {6, 6}, {7, 3}};
   for (const auto& [code, copies] : cases) {
     for (int nth = 1; nth <= copies + 1; ++nth) {
@@ -143,7 +119,7 @@ TEST_F(ExpandArgv, without_memory_at_any_word_there_is_no_vector) {
   }
 }
 
-TEST_F(ExpandArgv, freeing_a_vector_frees_its_strings_to_the_null) {
+TEST_F(ExpandArgv, freeing_a_vector_frees_its_strings_up_to_the_null) {
   MemoryBook memory;
   char* kept = strdup("kept");
   char* argv[] = {strdup("one"), strdup("two"), nullptr, kept};

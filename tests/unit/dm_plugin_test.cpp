@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// dm_plugin_test.cpp: the display manager's record and how its handler tells messages apart.
+// dm_plugin_test.cpp: the display manager's record, and how its handler dispatches messages.
 #include "plugins/display-manager/dm-plugin.h"
 
 #include "plugins/display-manager/dm-dbus.h"
@@ -29,7 +29,7 @@ class DisplayManagerPlugin : public BusCallTest {
   static constexpr const char* interface = "com.corvane.ControlServer.DisplayManager";
 };
 
-// The calls end at their first check: an invalid display.
+// Each call fails its first check: the display is invalid.
 const Lines start_lines = {
     "plugins/display-manager/dm-dbus.cpp:#:dbus_dm_start: DEBUG: dbus_dm_start(): display=x, actor=y, "
     "stationtype=z",
@@ -46,7 +46,7 @@ Lines unhandled(const std::string& values) {
 
 }  // namespace
 
-TEST_F(DisplayManagerPlugin, its_init_keeps_the_context_and_its_fin_leaves_a_line) {
+TEST_F(DisplayManagerPlugin, init_stores_the_context_and_fin_only_logs) {
   plugin.context = nullptr;
   EXPECT_EQ(dm_init(&plugin, &context), 0);
   EXPECT_EQ(plugin.context, &context);
@@ -57,60 +57,46 @@ TEST_F(DisplayManagerPlugin, its_init_keeps_the_context_and_its_fin_leaves_a_lin
                    "plugins/display-manager/dm-plugin.cpp:#:dm_fin: DEBUG: Finalize DisplayManager plugin"}));
 }
 
-TEST_F(DisplayManagerPlugin, start_reaches_its_function) {
-  EXPECT_EQ(handle(method_call(path, interface, "Start", {"x", "y", "z"})), DBUS_HANDLER_RESULT_HANDLED);
-  EXPECT_EQ(log.lines(), start_lines);
-  EXPECT_EQ(sent, (Sent{"send b false to 7", "flush"}));
+TEST_F(DisplayManagerPlugin, start_and_stop_reach_their_functions_with_or_without_an_interface) {
+  for (const char* named : {interface, static_cast<const char*>(nullptr)}) {
+    log.forget();
+    sent.clear();
+    EXPECT_EQ(handle(method_call(path, named, "Start", {"x", "y", "z"})), DBUS_HANDLER_RESULT_HANDLED);
+    EXPECT_EQ(log.lines(), start_lines);
+    log.forget();
+    EXPECT_EQ(handle(method_call(path, named, "Stop", {"x", "y"})), DBUS_HANDLER_RESULT_HANDLED);
+    EXPECT_EQ(log.lines(), stop_lines);
+    EXPECT_EQ(sent, (Sent{"send b false to 7", "flush", "send b false to 7", "flush"}));
+  }
 }
 
-TEST_F(DisplayManagerPlugin, stop_reaches_its_function) {
-  EXPECT_EQ(handle(method_call(path, interface, "Stop", {"x", "y"})), DBUS_HANDLER_RESULT_HANDLED);
-  EXPECT_EQ(log.lines(), stop_lines);
-  EXPECT_EQ(sent, (Sent{"send b false to 7", "flush"}));
-}
-
-TEST_F(DisplayManagerPlugin, calls_without_an_interface_reach_their_functions) {
-  EXPECT_EQ(handle(method_call(path, nullptr, "Start", {"x", "y", "z"})), DBUS_HANDLER_RESULT_HANDLED);
-  EXPECT_EQ(log.lines(), start_lines);
-  log.forget();
-  EXPECT_EQ(handle(method_call(path, nullptr, "Stop", {"x", "y"})), DBUS_HANDLER_RESULT_HANDLED);
-  EXPECT_EQ(log.lines(), stop_lines);
-}
-
-TEST_F(DisplayManagerPlugin, what_a_function_leaves_unhandled_stays_unhandled) {
+TEST_F(DisplayManagerPlugin, a_message_that_a_function_leaves_unhandled_stays_unhandled) {
   EXPECT_EQ(handle(method_call(path, interface, "Start", {})), DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
   EXPECT_EQ(handle(method_call(path, interface, "Stop", {})), DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
   EXPECT_EQ(sent, (Sent{}));
 }
 
-TEST_F(DisplayManagerPlugin, the_unhandled_line_has_its_values_moved_by_one) {
+TEST_F(DisplayManagerPlugin, the_unhandled_line_has_its_values_shifted_by_one) {
   EXPECT_EQ(handle(method_call(path, interface, "Restart", {"x"})), DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
   EXPECT_EQ(sent, (Sent{}));
   EXPECT_EQ(log.lines(), unhandled("obj=com.corvane.ControlServer.DisplayManager, intf=Restart, member="));
 }
 
-TEST_F(DisplayManagerPlugin, another_interface_is_left_unhandled) {
+TEST_F(DisplayManagerPlugin, other_interfaces_and_signals_are_logged_and_left_unhandled) {
+  const char* other = "com.corvane.ControlServer.Other";
   for (const char* member : {"Start", "Stop"}) {
     log.forget();
-    EXPECT_EQ(handle(method_call(path, "com.corvane.ControlServer.Other", member, {"x", "y", "z"})),
+    EXPECT_EQ(handle(method_call(path, other, member, {"x", "y", "z"})), DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
+    EXPECT_EQ(log.lines(), unhandled(std::string("obj=") + other + ", intf=" + member + ", member="));
+    log.forget();
+    EXPECT_EQ(handle(MessageOwner(dbus_message_new_signal(path, interface, member))),
               DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
-    EXPECT_EQ(log.lines(),
-              unhandled(std::string("obj=com.corvane.ControlServer.Other, intf=") + member + ", member="));
+    EXPECT_EQ(log.lines(), unhandled(std::string("obj=") + interface + ", intf=" + member + ", member="));
   }
   EXPECT_EQ(sent, (Sent{}));
 }
 
-TEST_F(DisplayManagerPlugin, signals_of_the_methods_names_are_left_unhandled) {
-  for (const char* member : {"Start", "Stop"}) {
-    log.forget();
-    EXPECT_EQ(handle(MessageOwner(dbus_message_new_signal(path, interface, member))),
-              DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
-    EXPECT_EQ(log.lines(), unhandled(std::string("obj=com.corvane.ControlServer.DisplayManager, intf=") +
-                                     member + ", member="));
-  }
-}
-
-TEST_F(DisplayManagerPlugin, what_an_unhandled_message_lacks_is_logged_as_null) {
+TEST_F(DisplayManagerPlugin, a_missing_field_of_an_unhandled_message_is_logged_as_null) {
   handle(MessageOwner(dbus_message_new(DBUS_MESSAGE_TYPE_ERROR)));
   EXPECT_EQ(log.lines(), unhandled("obj=(null), intf=(null), member="));
 }
