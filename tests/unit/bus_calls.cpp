@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// bus_calls.cpp: replies are read as they are sent, for the product releases them at once.
+// bus_calls.cpp: reads replies when they are sent, because the product releases them at once.
 #include "tests/unit/bus_calls.h"
 
 static char connection_memory;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// bus_calls: method calls made by a test, and what the product answers to them.
+// bus_calls: method calls created by a test, and the replies to them.
 #pragma once
 
 #include <string>
@@ -8,18 +8,18 @@
 #include "common/dbus-owners.h"
 #include "tests/unit/fakes.h"
 
-/** Stands for the connection in calls that are faked; never looked into. */
+/** The connection that faked calls get; never dereferenced. */
 extern DBusConnection* const fake_connection;
 
-/** A call with serial 7 and `texts` as its arguments; a null `interface` leaves that out. */
+/** A call with serial 7 and the arguments `texts`; without an interface if `interface` is null. */
 MessageOwner method_call(const char* path, const char* interface, const char* member,
                          const std::vector<const char*>& texts);
 
-/** A test that sees what is sent and flushed on fake_connection. */
+/** A test that records what is sent and flushed on fake_connection. */
 class BusCallTest : public FakedTest {
  protected:
   BusCallTest();
 
-  /** In their order: "send SIGNATURE VALUE to SERIAL" for a reply, and "flush". */
+  /** In order: "send SIGNATURE VALUE to SERIAL" for a reply, and "flush". */
   std::vector<std::string> sent;
 };

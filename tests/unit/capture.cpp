@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// capture.cpp: the log goes through a stdio stream that ends in memory.
+// capture.cpp: the captured log is a stdio stream to memory.
 //
-// So every captured line has run through the product's own log_write, and threads may write while the test
-// waits for a line.
+// Every captured line passes through the product's log_write, and threads may write while the test waits for
+// a line.
 #include "tests/unit/capture.h"
 
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ static bool has_time_prefix(const std::string& line) {
   return true;
 }
 
-// "file.cpp:12:function: ..." becomes "file.cpp:#:function: ..."; a text of another shape stays.
+// "file.cpp:12:function: ..." becomes "file.cpp:#:function: ..."; other texts stay unchanged.
 static std::string without_line_number(const std::string& message) {
   const size_t colon = message.find(':');
   if (colon == std::string::npos) return message;
@@ -109,14 +109,14 @@ void CapturedLog::forget() {
 }
 
 bool CapturedLog::wait_for(const std::string& line) {
-  const auto has_come = [&] {
+  const auto has_line = [&] {
     for (const std::string& written : log_lines(text_)) {
       if (written == line) return true;
     }
     return false;
   };
   std::unique_lock hold(mutex_);
-  if (grown_.wait_for(hold, deadline, has_come)) return true;
+  if (grown_.wait_for(hold, deadline, has_line)) return true;
   ADD_FAILURE() << "no line \"" << line << "\" in the log:\n" << text_;
   return false;
 }

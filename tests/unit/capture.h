@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// capture: what a test sees of the log, of a descriptor, and of files of its own.
+// capture: captures the log, a descriptor and files for a test.
 #pragma once
 
 #include <condition_variable>
@@ -12,19 +12,19 @@
 using Lines = std::vector<std::string>;
 
 /**
- * The lines of a log as tests write them down: each loses its time prefix, and the line number behind a
- * source file becomes '#'. A line without a proper prefix, or a last one without a newline, is marked as such
- * and so equals no expected line.
+ * The lines of a log in the form that tests expect: without the time prefix, and with '#' for the line number
+ * after a source file. A line without a valid prefix, or a last line without a newline, is marked, so that it
+ * equals no expected line.
  */
 Lines log_lines(const std::string& text);
 
-/** A regular expression for exactly the log `lines`, written as above, e.g. as the output of a death test. */
+/** A regular expression for exactly these log `lines`, for example as the output of a death test. */
 std::string log_pattern(const Lines& lines);
 
 /** A regular expression for exactly `text`. */
 std::string text_pattern(const std::string& text);
 
-/** The daemon's logger for as long as this lives, written to memory through the product's log_write. */
+/** The daemon's logger while this lives. It writes to memory through the product's log_write. */
 class CapturedLog {
  public:
   CapturedLog();
@@ -35,9 +35,9 @@ class CapturedLog {
   Logger* logger() { return &logger_; }
   std::string text() const;
   Lines lines() const { return log_lines(text()); }
-  /** Empties the log, to look at what comes next only. */
+  /** Empties the log. */
   void forget();
-  /** Waits until a line is `line`; false, with the log in the test's output, when it does not come. */
+  /** Waits until the log has the line `line`. At the deadline, prints the log and returns false. */
   bool wait_for(const std::string& line);
 
  private:
@@ -50,7 +50,7 @@ class CapturedLog {
   std::string text_;
 };
 
-/** What is written to the file descriptor `fd` (of stdio's 1 or 2) from construction to taken(). */
+/** What is written to the file descriptor `fd` (1 or 2) from construction until taken(). */
 class CapturedDescriptor {
  public:
   explicit CapturedDescriptor(int fd);
@@ -58,7 +58,7 @@ class CapturedDescriptor {
   CapturedDescriptor(const CapturedDescriptor&) = delete;
   CapturedDescriptor& operator=(const CapturedDescriptor&) = delete;
 
-  /** Gives the descriptor back; returns what went to it. */
+  /** Restores the descriptor and returns what was written to it. */
   std::string taken();
 
  private:
@@ -67,7 +67,7 @@ class CapturedDescriptor {
   FILE* file_;
 };
 
-/** A directory of the test's own, removed with everything in it. */
+/** A temporary directory, removed with its contents. */
 class TemporaryDirectory {
  public:
   TemporaryDirectory();
@@ -76,7 +76,7 @@ class TemporaryDirectory {
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
   std::string path(const std::string& name) const { return path_ + "/" + name; }
-  /** Makes or replaces a file; returns its path. */
+  /** Creates or replaces a file and returns its path. */
   std::string file(const std::string& name, const std::string& contents) const;
 
  private:

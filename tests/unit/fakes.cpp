@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// fakes.cpp: where the linker sends the calls that a test can take over.
+// fakes.cpp: the functions to which the linker redirects the calls that a test can fake.
 //
-// Without a fake a call goes to its real function. Three kinds never do, so that a broken product cannot hurt
-// the machine that tests it: kill, execvp, and opening or removing files under /var, /run and /dev.
+// Without a fake the real function is called, with three exceptions, so that a broken product cannot harm the
+// machine that tests it: kill, execvp, and opening or removing files under /var, /run and /dev.
 #include "tests/unit/fakes.h"
 
 #include <cstdarg>
@@ -11,13 +11,13 @@
 
 Fakes fakes;
 
-// What the product deliberately never frees; that it leaves nothing else is proved with the MemoryBook.
+// The product deliberately never frees these blocks. MemoryBook proves that it frees the others.
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {
   return "leak:log_open\nleak:dm_expand_argv\nleak:proc_method_start\n";
 }
 
-// Nor may leak checkers write of it to the standard error of a death test.
+// The leak checker must not print its suppressions to the standard error of a death test.
 extern "C" const char* __lsan_default_options();
 extern "C" const char* __lsan_default_options() {
   return "print_suppressions=0";
@@ -75,7 +75,7 @@ FAKED(void*, malloc, (size_t size), (size))
 FAKED(char*, strdup, (const char* text), (text))
 FAKED(void, free, (void* memory), (memory))
 
-// 32-bit targets know time, fopen and mmap by the names of their 64-bit forms.
+// On 32-bit targets time, fopen and mmap have the names of their 64-bit variants.
 time_t __wrap_time(time_t* copy);
 time_t __wrap_time(time_t* copy) {
   return time_unless_faked(copy);
@@ -225,7 +225,7 @@ MemoryBook::MemoryBook() {
       const std::lock_guard hold(mutex_);
       const auto block = blocks_.find(memory);
       if (block != blocks_.end()) {
-        memset(memory, 0xdd, block->second.size);  // so that nobody reads on unnoticed
+        memset(memory, 0xdd, block->second.size);  // so that a later read is noticed
         blocks_.erase(block);
       }
     }

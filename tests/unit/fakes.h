@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// fakes: calls of the product into libc and the bus library that a test can take over.
+// fakes: calls of the product into libc and libdbus that a test can fake.
 //
-// The linker sends each call listed in CMakeLists.txt here (ld(1), --wrap). An empty entry of `fakes` passes
-// the call on, except for what could hurt the machine that runs the tests: see fakes.cpp.
+// The linker redirects each call listed in CMakeLists.txt to fakes.cpp (ld(1), --wrap). Without a fake the
+// real function is called, except where that could harm the machine that runs the tests: see fakes.cpp.
 #pragma once
 
 #include <dbus/dbus.h>
@@ -37,7 +37,7 @@ struct Fakes {
   std::function<ssize_t(const char*, char*, size_t)> readlink;
   std::function<int(const char*)> chdir;
 
-  std::function<pid_t()> fork;  // of _Fork, too
+  std::function<pid_t()> fork;  // also for _Fork
   std::function<pid_t()> setsid;
   std::function<mode_t(mode_t)> umask;
   std::function<int(const char*, char* const*)> execvp;
@@ -46,7 +46,7 @@ struct Fakes {
   std::function<int(pid_t, int)> kill;
 
   std::function<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
-  // Only told, before it happens: the lock is taken and given back all the same.
+  // Called before the real function.
   std::function<void(pthread_mutex_t*)> seen_lock, seen_unlock;
   std::function<void(FILE*)> seen_funlockfile;
   std::function<int(pthread_cond_t*)> pthread_cond_signal;
@@ -77,16 +77,16 @@ struct Fakes {
   std::function<void(DBusError*)> dbus_error_free;
 };
 
-/** The fakes in force. Set before a test's threads start, cleared at its end. */
+/** The current fakes. Set before a test's threads start, cleared at its end. */
 extern Fakes fakes;
 
-/** A test whose fakes end with its body, whose variables they may use. */
+/** A test whose fakes end with its body, so that they may use its variables. */
 class FakedTest : public testing::Test {
  protected:
   void TearDown() override { fakes = {}; }
 };
 
-// The real calls, for fakes that end in them.
+// The real functions, for fakes that call them.
 extern "C" {
 void* __real_malloc(size_t size);
 char* __real_strdup(const char* text);
@@ -105,9 +105,9 @@ void __real_dbus_error_free(DBusError* error);
 }
 
 /**
- * Books every block that product and test take with malloc or strdup and have not freed, from construction
- * to destruction, which frees what is left: the place to prove what is deliberately left behind, and that
- * nothing else is.
+ * Records every block that malloc or strdup returns to product or test, until it is freed. The destructor
+ * frees the remaining blocks. Tests use this to prove which blocks the product deliberately keeps, and that
+ * it frees the others.
  */
 class MemoryBook {
  public:
@@ -116,14 +116,14 @@ class MemoryBook {
   MemoryBook(const MemoryBook&) = delete;
   MemoryBook& operator=(const MemoryBook&) = delete;
 
-  /** Of the n-th call from now on, the first being 1. */
+  /** Makes the n-th call from now on fail; the next call is 1. */
   void fail_malloc(int nth) { malloc_to_fail_ = nth; }
   void fail_strdup(int nth) { strdup_to_fail_ = nth; }
 
   size_t blocks_left() const;
-  std::vector<std::string> texts_left() const;                      // of strdup
-  std::vector<size_t> sizes_left() const;                           // of malloc
-  std::vector<size_t> sizes_taken() const { return sizes_taken_; }  // of malloc
+  std::vector<std::string> texts_left() const;                      // from strdup
+  std::vector<size_t> sizes_left() const;                           // from malloc
+  std::vector<size_t> sizes_taken() const { return sizes_taken_; }  // from malloc
 
  private:
   struct Block {

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-// main.cpp: runs the tests, and counts it as a failure when one of them ends the run.
+// main.cpp: runs the tests, and fails if one of them ends the process.
 //
-// Some of the product's functions end the process, and with status 0: called by mistake outside a death test,
-// they would end the tests in the middle with the status of success.
+// Some of the product's functions exit with 0. Called by mistake outside a death test, they would end the
+// tests early and report success.
 //
-// What the tests inherit is made what a login shell hands on: signals that are not ignored or blocked, and
-// three open streams. The tests that abort leave no core file.
+// The tests start with no signal ignored or blocked and with three open streams, whatever the parent passes
+// on. Tests that abort leave no core file.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -27,14 +27,14 @@ class RunningTest : public testing::EmptyTestEventListener {
 
 }  // namespace
 
-static void refuse_to_end_within_a_test() {
+static void fail_if_a_test_is_running() {
   if (runner != getpid()) return;
   fputs("a test ended the run\n", stderr);
   _exit(3);
 }
 
-/** The parent's choices would change what the tests see: with SIGCHLD ignored, no child can be waited for. */
-static void forget_what_the_parent_chose() {
+/** Undoes the parent's settings, which affect the tests: with SIGCHLD ignored, no child can be waited for. */
+static void reset_inherited_state() {
   int fd;
   do {
     fd = open("/dev/null", O_RDWR);
@@ -56,9 +56,9 @@ static void forget_what_the_parent_chose() {
 }
 
 int main(int argc, char** argv) {
-  forget_what_the_parent_chose();
+  reset_inherited_state();
   testing::InitGoogleTest(&argc, argv);
   testing::UnitTest::GetInstance()->listeners().Append(new RunningTest);  // which frees it
-  atexit(refuse_to_end_within_a_test);
+  atexit(fail_if_a_test_is_running);
   return RUN_ALL_TESTS();
 }

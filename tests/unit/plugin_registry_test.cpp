@@ -89,32 +89,25 @@ Plugin* const plugin_table[] = {&first, &second, &third, nullptr};
 
 TEST_F(PluginRegistry, each_plugin_is_initialised_registered_and_dispatched_before_the_next) {
   CapturedLog log;
+  fakes.dbus_error_free = [this](DBusError*) { calls_.push_back("free"); };
   EXPECT_TRUE(register_objects());
-  EXPECT_EQ(calls_, (Calls{"init First", "register /first for First", "dispatch",  //
-                           "init Second", "register /second for Second", "dispatch", "init Third",
-                           "register /third for Third", "dispatch"}));
+  EXPECT_EQ(calls_, (Calls{"init First", "register /first for First", "dispatch", "free",     //
+                           "init Second", "register /second for Second", "dispatch", "free",  //
+                           "init Third", "register /third for Third", "dispatch", "free"}));
   EXPECT_EQ(contexts_seen, (std::vector<PluginContext*>{&context_, &context_, &context_}));
   EXPECT_EQ(log.lines(),
             (Lines{line("ccs_register_objects", "path=/first"), line("ccs_register_objects", "path=/second"),
                    line("ccs_register_objects", "path=/third")}));
 }
 
-TEST_F(PluginRegistry, the_error_of_a_registration_is_freed_when_it_has_dispatched) {
-  fakes.dbus_error_free = [this](DBusError*) { calls_.push_back("free"); };
-  EXPECT_TRUE(register_objects());
-  EXPECT_EQ(calls_, (Calls{"init First", "register /first for First", "dispatch", "free",     //
-                           "init Second", "register /second for Second", "dispatch", "free",  //
-                           "init Third", "register /third for Third", "dispatch", "free"}));
-}
-
-TEST_F(PluginRegistry, a_call_stays_in_the_queue_until_all_objects_are_there) {
+TEST_F(PluginRegistry, a_call_stays_in_the_queue_until_all_objects_are_registered) {
   first_in_queue_.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
   EXPECT_TRUE(register_objects());
   EXPECT_EQ(calls_, (Calls{"init First", "register /first for First", "init Second",
                            "register /second for Second", "init Third", "register /third for Third"}));
 }
 
-TEST_F(PluginRegistry, an_init_that_fails_is_a_failure_and_no_plugin_after_it_is_initialised) {
+TEST_F(PluginRegistry, a_failed_init_is_a_failure_and_no_plugin_after_it_is_initialised) {
   failing = &second;
   for (const int result : {-7, -1, 1, 2}) {
     failure = result;
@@ -127,7 +120,7 @@ TEST_F(PluginRegistry, an_init_that_fails_is_a_failure_and_no_plugin_after_it_is
   }
 }
 
-TEST_F(PluginRegistry, a_path_that_is_refused_is_a_failure_and_no_plugin_after_it_is_initialised) {
+TEST_F(PluginRegistry, a_refused_path_is_a_failure_and_no_plugin_after_it_is_initialised) {
   path_refused_ = "/second";
   CapturedLog log;
   EXPECT_FALSE(register_objects());
@@ -138,7 +131,7 @@ TEST_F(PluginRegistry, a_path_that_is_refused_is_a_failure_and_no_plugin_after_i
                            "init Second", "register /second for Second"}));
 }
 
-TEST_F(PluginRegistry, the_error_of_a_path_that_is_refused_is_freed) {
+TEST_F(PluginRegistry, the_error_of_a_refused_path_is_freed) {
   path_refused_ = "/second";
   fakes.dbus_error_free = [this](DBusError*) { calls_.push_back("free"); };
   EXPECT_FALSE(register_objects());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// signals_test.cpp: what the daemon changes of its signals and gives back to its children.
+// signals_test.cpp: the signal settings that the daemon changes, and those it restores for its children.
 #include "common/signals.h"
 
 #include <gtest/gtest.h>
@@ -54,45 +54,37 @@ TEST_F(Signals, a_daemon_started_with_sigchld_ignored_can_wait_for_children) {
   EXPECT_EQ(handler_of(SIGCHLD), SIG_DFL);
 }
 
-TEST_F(Signals, sigpipe_is_left_to_the_bus_library) {
+TEST_F(Signals, sigpipe_is_left_to_libdbus) {
   signal(SIGPIPE, handle);
   signals_take_over();
   EXPECT_EQ(handler_of(SIGPIPE), handle);
 }
 
-TEST_F(Signals, what_was_ignored_at_the_start_is_ignored_in_children) {
-  signal(SIGCHLD, SIG_IGN);
-  signal(SIGPIPE, SIG_IGN);
-  signals_take_over();
-  signal(SIGPIPE, SIG_DFL);
-  signals_give_back();
-  EXPECT_EQ(handler_of(SIGCHLD), SIG_IGN);
-  EXPECT_EQ(handler_of(SIGPIPE), SIG_IGN);
+TEST_F(Signals, children_get_sigchld_and_sigpipe_as_they_were_at_the_start) {
+  for (const sighandler_t at_start : {SIG_IGN, SIG_DFL}) {
+    signal(SIGCHLD, at_start);
+    signal(SIGPIPE, at_start);
+    signals_take_over();
+    signal(SIGPIPE, at_start == SIG_IGN ? SIG_DFL : SIG_IGN);
+    signals_give_back();
+    EXPECT_EQ(handler_of(SIGCHLD), at_start);
+    EXPECT_EQ(handler_of(SIGPIPE), at_start);
+  }
 }
 
-TEST_F(Signals, what_the_bus_library_ignores_is_not_ignored_in_children) {
-  signal(SIGCHLD, SIG_DFL);
-  signal(SIGPIPE, SIG_DFL);
-  signals_take_over();
-  signal(SIGPIPE, SIG_IGN);
-  signals_give_back();
-  EXPECT_EQ(handler_of(SIGCHLD), SIG_DFL);
-  EXPECT_EQ(handler_of(SIGPIPE), SIG_DFL);
-}
-
-TEST_F(Signals, a_crash_of_a_child_is_not_reported_as_the_daemons) {
+TEST_F(Signals, a_child_does_not_get_the_handler_of_a_crash) {
   signals_take_over();
   signal(SIGSEGV, handle);
   signals_give_back();
   EXPECT_EQ(handler_of(SIGSEGV), SIG_DFL);
 }
 
-TEST_F(Signals, what_ends_a_crash_report_is_not_the_childrens) {
+TEST_F(Signals, a_child_does_not_get_the_handlers_that_end_a_crash_report) {
   for (const int number : {SIGALRM, SIGABRT}) {
     for (const sighandler_t at_start : {SIG_DFL, SIG_IGN}) {
       signal(number, at_start);
       signals_take_over();
-      EXPECT_EQ(handler_of(number), at_start) << "nothing is changed yet";
+      EXPECT_EQ(handler_of(number), at_start) << "still unchanged";
       signal(number, handle);
       signals_give_back();
       EXPECT_EQ(handler_of(number), at_start) << number;
@@ -100,7 +92,7 @@ TEST_F(Signals, what_ends_a_crash_report_is_not_the_childrens) {
   }
 }
 
-TEST_F(Signals, sigterm_ends_a_daemon_and_its_children_although_it_was_started_with_it_ignored) {
+TEST_F(Signals, sigterm_ends_the_daemon_and_its_children_even_if_it_was_ignored_at_the_start) {
   signal(SIGTERM, SIG_IGN);
   signals_take_over();
   EXPECT_EQ(handler_of(SIGTERM), SIG_DFL);
@@ -108,7 +100,7 @@ TEST_F(Signals, sigterm_ends_a_daemon_and_its_children_although_it_was_started_w
   EXPECT_EQ(handler_of(SIGTERM), SIG_DFL);
 }
 
-TEST_F(Signals, sigsegv_and_sigterm_are_unblocked_and_no_other_signal_is_touched) {
+TEST_F(Signals, only_sigsegv_and_sigterm_are_unblocked_and_children_get_the_original_mask_without_sigterm) {
   sigset_t before;
   sigset_t none;
   sigset_t usual;
@@ -137,6 +129,6 @@ TEST_F(Signals, sigsegv_and_sigterm_are_unblocked_and_no_other_signal_is_touched
     EXPECT_EQ(taken_over, expected);
     std::set<int> for_actors = at_start;
     for_actors.erase(SIGTERM);
-    EXPECT_EQ(given_back, for_actors) << "an actor gets the mask that the daemon got, without SIGTERM";
+    EXPECT_EQ(given_back, for_actors);
   }
 }

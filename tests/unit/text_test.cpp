@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// text_test.cpp: formatting into a buffer that must be large enough.
+// text_test.cpp: formatting into a bounded buffer, and owners of memory.
 #include "common/text.h"
 
 #include <csignal>
@@ -11,32 +11,21 @@ using testing::KilledBySignal;
 
 using Owners = FakedTest;
 
-TEST(TextFormat, a_text_that_fits_stands_in_the_buffer) {
-  char buffer[16];
-  text_format(buffer, sizeof buffer, "%s is %d", "seven", 7);
-  EXPECT_STREQ(buffer, "seven is 7");
-}
-
-TEST(TextFormat, an_empty_text_fits_a_buffer_of_one_byte) {
+TEST(TextFormat, an_empty_text_fits_into_one_byte) {
   char buffer[1] = {'x'};
   text_format(buffer, sizeof buffer, "%s", "");
   EXPECT_EQ(buffer[0], '\0');
 }
 
 TEST(TextFormat, a_text_that_fills_the_buffer_with_its_zero_fits) {
-  char buffer[8];
-  text_format(buffer, sizeof buffer, "%s", "1234567");
-  EXPECT_STREQ(buffer, "1234567");
+  char buffer[11];
+  text_format(buffer, sizeof buffer, "%s is %d", "seven", 7);
+  EXPECT_STREQ(buffer, "seven is 7");
 }
 
 TEST(TextFormatDeathTest, a_text_one_byte_too_long_aborts) {
   char buffer[8];
   EXPECT_EXIT(text_format(buffer, sizeof buffer, "%s", "12345678"), KilledBySignal(SIGABRT), "^$");
-}
-
-TEST(TextFormatDeathTest, a_text_much_too_long_aborts) {
-  char buffer[8];
-  EXPECT_EXIT(text_format(buffer, sizeof buffer, "%0100d", 1), KilledBySignal(SIGABRT), "^$");
 }
 
 TEST(TextFormatDeathTest, a_text_that_cannot_be_formatted_aborts) {
