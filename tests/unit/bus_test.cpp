@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// bus_test.cpp: the watch functions, each step of setting the bus up, and the steps of the main loop.
+// bus_test.cpp: the watch functions, each step of the bus set-up, and the steps of the main loop.
 //
-// The connection and the watches are the test's own memory: every call that would look into them is faked.
+// The connection and the watches are fakes: every call that would dereference them is faked.
 #include "cs/bus.h"
 
 #include <algorithm>
@@ -81,7 +81,7 @@ class Bus : public FakedTest {
     };
   }
 
-  /** No test leaves a shortage of memory to the next one. */
+  /** Ends a shortage of memory, which would affect the next test. */
   void TearDown() override {
     handled = TRUE;
     bus.connection = connection;
@@ -95,9 +95,9 @@ class Bus : public FakedTest {
   FakeWatch readable = {DBUS_WATCH_READABLE, 7};
   Calls calls;
   MessageOwner first;                       // in the queue
-  std::vector<DBusDispatchStatus> results;  // of the first dispatches; the others are complete
+  std::vector<DBusDispatchStatus> results;  // of the first dispatches; later ones are complete
   size_t dispatched = 0;
-  std::vector<DBusDispatchStatus> left_by_flushes;  // by the first ones; the others leave nothing
+  std::vector<DBusDispatchStatus> left_by_flushes;  // after the first flushes; later ones leave nothing
   size_t flushed = 0;
   dbus_bool_t handled = TRUE;
 };
@@ -190,7 +190,7 @@ TEST_F(Bus, the_last_readable_watch_replaces_the_others) {
   EXPECT_EQ(bus.connection, connection);
 }
 
-TEST_F(Bus, toggling_and_removing_only_leave_lines) {
+TEST_F(Bus, toggling_and_removing_only_log) {
   ccs_add_watch(as_watch(&readable), &bus);
   CapturedLog log;
   ccs_toggle_watch(as_watch(&readable), &bus);
@@ -203,7 +203,7 @@ TEST_F(Bus, toggling_and_removing_only_leave_lines) {
 
 // ---- setting up ---------------------------------------------------------------------------------------
 
-TEST_F(Bus, the_connection_is_asked_for_as_the_session_bus) {
+TEST_F(Bus, the_connection_is_requested_as_the_session_bus) {
   bus.connection = nullptr;
   CapturedLog log;
   fakes.dbus_bus_get = [](DBusBusType type, DBusError* error) {
@@ -289,7 +289,7 @@ TEST_F(Bus, the_functions_for_removing_and_toggling_are_crossed) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Bus, the_error_of_a_step_is_freed_when_the_step_has_dispatched) {
+TEST_F(Bus, the_error_of_a_step_is_freed_after_its_dispatch) {
   fakes.dbus_error_free = [this](DBusError*) { calls.push_back("free"); };
   fakes.dbus_connection_set_watch_functions = [](DBusConnection*, DBusAddWatchFunction,
                                                  DBusRemoveWatchFunction, DBusWatchToggledFunction, void*,
@@ -311,7 +311,7 @@ TEST_F(Bus, watch_functions_that_cannot_be_set_are_a_failure) {
   EXPECT_EQ(calls, (Calls{})) << "nothing is dispatched";
 }
 
-TEST_F(Bus, the_name_is_requested_to_replace_its_owner_and_every_answer_but_minus_1_is_accepted) {
+TEST_F(Bus, the_name_is_requested_to_replace_its_owner_and_every_result_except_minus_1_is_accepted) {
   for (const int answer : {0, 1, 2, 3, 4, -2}) {
     CapturedLog log;
     calls.clear();
@@ -332,7 +332,7 @@ TEST_F(Bus, the_name_is_requested_to_replace_its_owner_and_every_answer_but_minu
   }
 }
 
-TEST_F(Bus, the_name_is_dispatched_once_whatever_remains) {
+TEST_F(Bus, the_name_request_is_followed_by_one_dispatch_even_if_data_remains) {
   fakes.dbus_bus_request_name = [](DBusConnection*, const char*, unsigned, DBusError*) { return 1; };
   results = {DBUS_DISPATCH_DATA_REMAINS};
   EXPECT_TRUE(ccs_request_service_name(&bus));
@@ -351,7 +351,7 @@ TEST_F(Bus, a_name_that_cannot_be_requested_is_a_failure) {
 
 // ---- the main loop's steps ----------------------------------------------------------------------------
 
-TEST_F(Bus, the_read_set_holds_the_watchs_descriptor_alone) {
+TEST_F(Bus, the_read_set_has_only_the_descriptor_of_the_watch) {
   for (const int fd : {0, 7, 1023}) {
     fd_set set;
     for (int other = 0; other < FD_SETSIZE; ++other) FD_SET(other, &set);
@@ -381,7 +381,7 @@ TEST_F(Bus, without_a_message_a_step_of_the_set_up_dispatches_all_the_same) {
   EXPECT_EQ(calls, (Calls{"dispatch"}));
 }
 
-TEST_F(Bus, a_step_of_the_set_up_dispatches_everything_but_calls) {
+TEST_F(Bus, a_step_of_the_set_up_dispatches_every_message_except_a_call) {
   for (const int type :
        {DBUS_MESSAGE_TYPE_METHOD_RETURN, DBUS_MESSAGE_TYPE_ERROR, DBUS_MESSAGE_TYPE_SIGNAL}) {
     calls.clear();
@@ -406,7 +406,7 @@ TEST_F(Bus, a_call_stays_in_the_queue_while_the_watch_is_set_and_the_name_reques
   EXPECT_EQ(calls, (Calls{"return", "return"}));
 }
 
-TEST_F(Bus, dispatching_goes_on_while_data_remains) {
+TEST_F(Bus, dispatching_continues_while_data_remains) {
   results = {DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_COMPLETE,
              DBUS_DISPATCH_DATA_REMAINS};
   EXPECT_EQ(ccs_dispatch_all(connection), DBUS_DISPATCH_COMPLETE);
@@ -419,14 +419,14 @@ TEST_F(Bus, dispatching_stops_when_memory_is_short) {
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref"}));
 }
 
-TEST_F(Bus, a_message_that_stays_first_behind_its_dispatch_is_short_of_memory) {
+TEST_F(Bus, a_message_that_is_still_first_after_its_dispatch_means_a_shortage_of_memory) {
   first.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
   results.assign(9, DBUS_DISPATCH_DATA_REMAINS);
   EXPECT_EQ(ccs_dispatch_all(connection), DBUS_DISPATCH_NEED_MEMORY);
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "return", "dispatch", "return", "unref"}));
 }
 
-TEST_F(Bus, messages_that_follow_one_another_are_not_short_of_memory) {
+TEST_F(Bus, a_new_first_message_after_each_dispatch_does_not_mean_a_shortage_of_memory) {
   std::vector<MessageOwner> queue;
   fakes.dbus_connection_borrow_message = [&](DBusConnection*) {
     queue.emplace_back(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
@@ -434,33 +434,33 @@ TEST_F(Bus, messages_that_follow_one_another_are_not_short_of_memory) {
   };
   fakes.dbus_connection_return_message = [&](DBusConnection*, DBusMessage* message) {
     EXPECT_EQ(message, queue.back().get());
-    queue.clear();  // so that the next one may be at the same place
+    queue.clear();  // so that the next one may get the same address
   };
   results.assign(50, DBUS_DISPATCH_DATA_REMAINS);
   EXPECT_EQ(ccs_dispatch_all(connection), DBUS_DISPATCH_COMPLETE);
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "dispatch"), 51);
 }
 
-TEST_F(Bus, a_flush_ends_every_dispatch) {
+TEST_F(Bus, every_dispatch_ends_with_a_flush) {
   ccs_dispatch_and_flush(connection);
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "flush"}));
 }
 
-TEST_F(Bus, what_memory_was_too_short_for_is_tried_again_after_a_millisecond_and_then_after_two) {
+TEST_F(Bus, a_dispatch_without_memory_is_retried_after_one_millisecond_and_then_after_two) {
   results = {DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_NEED_MEMORY};
   ccs_dispatch_and_flush(connection);
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "usleep 1000", "ref", "dispatch", "dispatch", "unref",
                           "usleep 2000", "ref", "dispatch", "unref", "flush"}));
 }
 
-TEST_F(Bus, what_a_flush_reads_is_dispatched_and_flushed_too) {
+TEST_F(Bus, messages_read_by_a_flush_are_dispatched_and_flushed_too) {
   left_by_flushes = {DBUS_DISPATCH_DATA_REMAINS, DBUS_DISPATCH_NEED_MEMORY};
   ccs_dispatch_and_flush(connection);
   EXPECT_EQ(calls, (Calls{"ref", "dispatch", "unref", "flush", "ref", "dispatch", "unref", "flush", "ref",
                           "dispatch", "unref", "flush"}));
 }
 
-TEST_F(Bus, a_shortage_of_memory_is_waited_for_with_growing_pauses_and_logged_once) {
+TEST_F(Bus, a_shortage_of_memory_is_logged_once_and_waited_out_with_growing_pauses) {
   CapturedLog log;
   results.assign(20000, DBUS_DISPATCH_NEED_MEMORY);
   ccs_dispatch_and_flush(connection);
@@ -473,7 +473,7 @@ TEST_F(Bus, a_shortage_of_memory_is_waited_for_with_growing_pauses_and_logged_on
   EXPECT_EQ(log.lines(), (Lines{line("pause_for_memory", "{EE} No memory for the next message")}));
 }
 
-TEST_F(Bus, a_watch_that_could_not_be_handled_is_followed_by_a_pause_and_dispatched_before) {
+TEST_F(Bus, after_a_watch_that_cannot_be_handled_come_a_dispatch_and_a_pause) {
   ccs_add_watch(as_watch(&readable), &bus);
   CapturedLog log;
   handled = FALSE;
@@ -487,7 +487,7 @@ TEST_F(Bus, a_watch_that_could_not_be_handled_is_followed_by_a_pause_and_dispatc
   EXPECT_EQ(log.lines(), (Lines{line("pause_for_memory", "{EE} No memory for the next message")}));
 }
 
-TEST_F(Bus, a_watch_that_is_handled_ends_the_shortage_and_the_next_one_begins_anew) {
+TEST_F(Bus, a_handled_watch_ends_a_shortage_and_the_next_one_starts_with_the_first_pause) {
   ccs_add_watch(as_watch(&readable), &bus);
   CapturedLog log;
   for (const bool result : {false, false, true, false}) {
@@ -498,7 +498,7 @@ TEST_F(Bus, a_watch_that_is_handled_ends_the_shortage_and_the_next_one_begins_an
   EXPECT_EQ(log.lines(), (Lines(2, line("pause_for_memory", "{EE} No memory for the next message"))));
 }
 
-TEST_F(Bus, a_shortage_before_the_first_wait_ends_with_it_and_the_next_one_begins_anew) {
+TEST_F(Bus, a_shortage_before_the_first_wait_ends_with_it_and_the_next_one_starts_with_the_first_pause) {
   ccs_add_watch(as_watch(&readable), &bus);
   CapturedLog log;
   results = {DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_NEED_MEMORY, DBUS_DISPATCH_COMPLETE,
@@ -509,7 +509,7 @@ TEST_F(Bus, a_shortage_before_the_first_wait_ends_with_it_and_the_next_one_begin
   EXPECT_EQ(log.lines(), (Lines(2, line("pause_for_memory", "{EE} No memory for the next message"))));
 }
 
-TEST_F(Bus, messages_without_memory_behind_a_watch_without_memory_are_one_shortage) {
+TEST_F(Bus, failed_dispatches_after_an_unhandled_watch_belong_to_the_same_shortage) {
   ccs_add_watch(as_watch(&readable), &bus);
   CapturedLog log;
   handled = FALSE;
@@ -534,7 +534,7 @@ TEST_F(Bus, a_watch_is_ready_when_its_descriptor_is_in_the_set) {
   }
 }
 
-TEST_F(Bus, a_descriptor_that_no_set_can_hold_is_never_ready) {
+TEST_F(Bus, a_descriptor_that_select_cannot_hold_is_never_ready) {
   std::vector<unsigned char> memory(100000 / 8 + 2 * sizeof(fd_set), 0xff);
   const auto* ready = reinterpret_cast<const fd_set*>(memory.data() + sizeof(fd_set));
   for (const int fd : {-1, 1024, 100000}) {
@@ -543,14 +543,14 @@ TEST_F(Bus, a_descriptor_that_no_set_can_hold_is_never_ready) {
   }
 }
 
-TEST_F(Bus, a_ready_watch_is_handled_as_readable_then_dispatched_and_flushed) {
+TEST_F(Bus, a_ready_watch_is_handled_as_readable_and_then_dispatched_and_flushed) {
   ccs_add_watch(as_watch(&readable), &bus);
   results = {DBUS_DISPATCH_DATA_REMAINS};
   ccs_serve_watch(&bus);
   EXPECT_EQ(calls, (Calls{"handle 1", "ref", "dispatch", "dispatch", "unref", "flush"}));
 }
 
-TEST_F(Bus, a_ready_watch_leaves_nothing_held) {
+TEST_F(Bus, a_ready_watch_is_served_completely_even_if_memory_was_short) {
   ccs_add_watch(as_watch(&readable), &bus);
   results = {DBUS_DISPATCH_NEED_MEMORY};
   ccs_serve_watch(&bus);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// ctl_test.cpp: what corvane-ctl reads of the process table, of the log, and of its command line.
+// ctl_test.cpp: how corvane-ctl reads the process table, the log and its command line.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -112,14 +112,14 @@ TEST_F(CtlProcess, a_zombie_and_a_child_before_its_exec_do_not_run) {
   EXPECT_FALSE(process_parse("4711 (corvane-cs)" + stat('S', "4194368"), &process));
 }
 
-TEST_F(CtlProcess, what_is_no_stat_file_does_not_run) {
+TEST_F(CtlProcess, a_text_that_is_not_a_stat_file_does_not_run) {
   Process process;
   for (const char* text : {"", "4711", "4711 (", "4711 (a)", "4711 (a) S", "4711 (a) S 1 2 3"}) {
     EXPECT_FALSE(process_parse(text, &process)) << text;
   }
 }
 
-TEST_F(CtlProcess, this_process_is_a_child_of_its_parent_and_its_start_is_known) {
+TEST_F(CtlProcess, the_test_is_found_as_a_child_of_its_parent_with_its_start) {
   const Stations stations = stations_look(getppid(), -1);
   EXPECT_EQ(stations.daemon.pid, getppid());
   bool found = false;
@@ -137,7 +137,7 @@ std::string actor_with(const std::string& command) {
   return actor == &unknown_actor ? "none" : numbered(":", key.display) + " " + actor->name;
 }
 
-TEST_F(CtlProcess, an_actor_is_known_by_its_command_line) {
+TEST_F(CtlProcess, an_actor_is_recognised_by_its_command_line) {
   EXPECT_EQ(actor_with("corvane-ls :1"), ":1 local-login");
   EXPECT_EQ(actor_with("corvane-ls :2147483647 -query localhost"), ":2147483647 remote-login");
   EXPECT_EQ(actor_with("corvane-pfk -display :3 --mouse --verbose --logfile /var/log/corvane-pfk3.log"),
@@ -146,11 +146,11 @@ TEST_F(CtlProcess, an_actor_is_known_by_its_command_line) {
             ":4 disable-station");
 }
 
-TEST_F(CtlProcess, a_script_is_known_by_its_path_after_the_interpreter) {
+TEST_F(CtlProcess, a_script_is_recognised_by_its_path_after_the_interpreter) {
   EXPECT_EQ(actor_with("/bin/sh -e /usr/local/bin/corvane-ls :1"), ":1 local-login");
 }
 
-TEST_F(CtlProcess, other_words_are_no_actor) {
+TEST_F(CtlProcess, other_command_lines_are_not_actors) {
   for (const char* command :
        {"", "corvane-ls", "corvane-ls :1 -query elsewhere", "corvane-ls :x", "corvane-ls :99999999999",
         "corvane-ls :-1", "corvane-pfk -display :3 --verbose --logfile /var/log/corvane-pfk4.log",
@@ -163,7 +163,7 @@ TEST_F(CtlProcess, other_words_are_no_actor) {
 
 const GroupKey login_of_1 = {1, 1};
 
-TEST_F(CtlLog, a_launch_a_death_and_a_launch_are_two_starts_with_a_pause) {
+TEST_F(CtlLog, a_launch_a_death_and_a_launch_count_as_two_starts_with_a_pause) {
   const Stations stations =
       parsed(first_line + launch(1, 2, 4711) + death(4711, 60) + launch(1, 2, 4712, 62));
   EXPECT_TRUE(stations.is_complete);
@@ -176,7 +176,7 @@ TEST_F(CtlLog, a_launch_a_death_and_a_launch_are_two_starts_with_a_pause) {
   EXPECT_EQ(group.ended, 0);
 }
 
-TEST_F(CtlLog, lines_of_no_interest_change_nothing) {
+TEST_F(CtlLog, other_lines_change_nothing) {
   for (const std::string& line :
        {std::string(), std::string("2026\n"), std::string(25, '\0') + "\n", std::string(": DEBUG: \n"),
         dm_line("DISPLAY=:1, actor_code=2, child="), dm_line("DISPLAY=:-1, actor_code=2, child=4711"),
@@ -186,13 +186,13 @@ TEST_F(CtlLog, lines_of_no_interest_change_nothing) {
   }
 }
 
-TEST_F(CtlLog, a_line_without_its_end_is_not_read_yet) {
+TEST_F(CtlLog, a_line_is_read_only_when_it_is_complete) {
   const std::string line = launch(1, 2, 4711);
   EXPECT_TRUE(parsed(line.substr(0, line.size() - 1)).groups.empty());
   EXPECT_EQ(parsed(line).groups.at(login_of_1).starts, 1);
 }
 
-TEST_F(CtlLog, of_a_log_that_is_cut_the_first_line_is_not_read) {
+TEST_F(CtlLog, the_first_line_of_a_truncated_log_is_not_read) {
   std::string log = launch(2, 2, 4712) + launch(1, 2, 4711);
   while (log.size() < 1 << 20)
     log += std::string(std::min<size_t>(99, (1 << 20) - log.size() - 1), '.') + "\n";
@@ -201,13 +201,13 @@ TEST_F(CtlLog, of_a_log_that_is_cut_the_first_line_is_not_read) {
   EXPECT_FALSE(stations.is_complete);
 }
 
-TEST_F(CtlLog, lines_before_the_daemons_first_line_are_of_another_daemon) {
+TEST_F(CtlLog, lines_before_the_daemons_first_line_are_ignored) {
   const Stations stations = parsed(first_line + launch(1, 2, 4711) + first_line + launch(2, 2, 4712));
   EXPECT_EQ(stations.groups.size(), 1U);
   EXPECT_EQ(stations.groups.begin()->first, (GroupKey{2, 1}));
 }
 
-TEST_F(CtlLog, a_reused_pid_is_that_of_its_last_launch) {
+TEST_F(CtlLog, a_reused_pid_belongs_to_its_last_launch) {
   const Stations stations =
       parsed(launch(1, 2, 4711) + death(4711, 1) + launch(2, 7, 4711, 5) + death(4711, 9));
   EXPECT_EQ(stations.groups.at(login_of_1).ended, noon + 1);
@@ -224,7 +224,7 @@ TEST_F(CtlLog, the_last_refusal_is_kept_with_its_cause) {
 
 // ---- both ----
 
-TEST_F(CtlRows, the_processes_decide_what_runs_whatever_the_log_says) {
+TEST_F(CtlRows, the_process_table_decides_what_runs_whatever_the_log_says) {
   const std::vector<Process> children = {child(4711, "corvane-ls :1")};
   const Lines runs = {":1 local-login runs, process 4711"};
   EXPECT_EQ(shown("", children), runs);
@@ -237,7 +237,7 @@ TEST_F(CtlRows, a_forged_launch_does_not_run) {
   EXPECT_EQ(shown(forged, {}), Lines({":1 local-login restarting in 2 s: corvane-ls has ended"}));
 }
 
-TEST_F(CtlRows, a_dead_actor_restarts_for_two_seconds_then_is_late_and_then_does_not_come) {
+TEST_F(CtlRows, a_dead_actor_is_restarting_for_two_seconds_then_late_and_then_stopped) {
   const std::string log = launch(1, 2, 4711) + death(4711, 60);
   EXPECT_EQ(shown(log, {}, 60), Lines({":1 local-login restarting in 2 s: corvane-ls has ended"}));
   EXPECT_EQ(shown(log, {}, 61), Lines({":1 local-login restarting in 1 s: corvane-ls has ended"}));
@@ -245,14 +245,14 @@ TEST_F(CtlRows, a_dead_actor_restarts_for_two_seconds_then_is_late_and_then_does
   EXPECT_EQ(shown(log, {}, 90), Lines({":1 local-login stopped"}));
 }
 
-TEST_F(CtlRows, what_a_log_of_another_day_has_running_is_stopped) {
+TEST_F(CtlRows, an_actor_that_only_an_old_log_says_runs_is_stopped) {
   Stations stations = parsed(launch(1, 2, 4711));
   stations.daemon.started = noon + 86000;
   stations_join(&stations, {}, noon + 86400);
   EXPECT_EQ(stations.rows.begin()->second.state, "stopped");
 }
 
-TEST_F(CtlRows, an_actor_whose_death_is_not_logged_yet_restarts) {
+TEST_F(CtlRows, an_actor_whose_death_is_not_logged_yet_is_restarting) {
   EXPECT_EQ(shown(launch(1, 2, 4711), {}, 86400),
             Lines({":1 local-login restarting in 2 s: corvane-ls has ended"}));
 }
@@ -274,7 +274,7 @@ TEST_F(CtlRows, a_launch_without_a_process_is_not_over_for_a_second) {
   EXPECT_FALSE(is_launching(dm_line("init_group_thread() for actor_code:1, display_num:1"), 0));
 }
 
-TEST_F(CtlRows, three_ends_at_once_are_a_failure_and_a_longer_life_is_none) {
+TEST_F(CtlRows, three_short_lives_are_a_failure_until_a_longer_one) {
   std::string log = launch(1, 2, 1) + death(1) + launch(1, 2, 2, 2) + death(2, 2) + launch(1, 2, 3, 4);
   EXPECT_EQ(shown(log, {}, 4), Lines({":1 local-login restarting in 2 s: corvane-ls has ended"}));
   log += death(3, 4);
@@ -283,7 +283,7 @@ TEST_F(CtlRows, three_ends_at_once_are_a_failure_and_a_longer_life_is_none) {
   EXPECT_EQ(shown(log, {}, 30), Lines({":1 local-login restarting in 2 s: corvane-ls has ended"}));
 }
 
-TEST_F(CtlRows, a_stopped_actor_is_stopped_and_one_that_goes_on_is_shown_beside_the_next) {
+TEST_F(CtlRows, a_stopped_actor_that_still_runs_is_shown_with_the_next_one) {
   std::string log = launch(1, 2, 4711) + stop(4711);
   EXPECT_EQ(shown(log + death(4711, 1), {}, 1), Lines({":1 local-login stopped"}));
   EXPECT_EQ(shown(log, {child(4711, "corvane-ls :1")}),
@@ -293,13 +293,13 @@ TEST_F(CtlRows, a_stopped_actor_is_stopped_and_one_that_goes_on_is_shown_beside_
             Lines({":1 local-login runs, process 4711", ":1 local-login runs, process 4712"}));
 }
 
-TEST_F(CtlRows, a_program_that_changed_its_title_is_known_by_the_log) {
+TEST_F(CtlRows, a_program_that_changed_its_title_is_recognised_by_the_log) {
   EXPECT_EQ(shown(launch(1, 2, 4711), {child(4711, "login: waiting")}),
             Lines({":1 local-login runs, process 4711"}));
   EXPECT_EQ(shown("", {child(4711, "login: waiting")}), Lines({":-1 (unknown) runs, process 4711"}));
 }
 
-TEST_F(CtlRows, init_station_is_ready_and_runs_nothing) {
+TEST_F(CtlRows, init_station_is_ready_and_has_no_process) {
   EXPECT_EQ(shown(dm_line("init_group_thread() for actor_code:1, display_num:5"), {}),
             Lines({":5 init-station ready"}));
   EXPECT_EQ(shown(launch(5, 1, 4711), {}), Lines({":5 init-station ready"}));
@@ -318,7 +318,7 @@ Parsed parsed_words(const Words& words) {
   return result;
 }
 
-TEST_F(CtlCommandLine, options_may_stand_anywhere) {
+TEST_F(CtlCommandLine, options_may_be_anywhere) {
   const Parsed start = parsed_words({"--session", "start", ":1.0", "--no-wait", "xhotkey", "USB"});
   EXPECT_EQ(start.wrong, "");
   EXPECT_EQ(start.line.words, Words({"start", ":1", "xhotkey", "USB"}));
@@ -334,7 +334,7 @@ TEST_F(CtlCommandLine, options_may_stand_anywhere) {
   EXPECT_EQ(parsed_words({"nonsense", "--help"}).wrong, "");
 }
 
-TEST_F(CtlCommandLine, a_wrong_word_is_answered_with_all_that_there_are_and_a_close_one) {
+TEST_F(CtlCommandLine, an_unknown_word_gets_the_valid_ones_and_the_closest_as_a_suggestion) {
   const std::string actors =
       "; there are init-station local-login remote-login press-fkey click-mouse disable-station xhotkey";
   const std::string commands = "; there are start stop status watch actors";
@@ -362,7 +362,7 @@ TEST_F(CtlCommandLine, a_wrong_word_is_answered_with_all_that_there_are_and_a_cl
 
 // ---- texts ----
 
-TEST_F(CtlText, control_characters_are_shown_and_never_act) {
+TEST_F(CtlText, control_characters_are_escaped) {
   EXPECT_EQ(text_escaped("a\033[31m\r\n\t\x7f"), "a\\x1b[31m\\x0d\\x0a\\x09\\x7f");
   EXPECT_EQ(text_escaped("b\xc3\xa4r \xe2\x82\xac"), "b\xc3\xa4r \xe2\x82\xac");
   EXPECT_EQ(text_escaped("\xc2\x9b"
@@ -371,7 +371,7 @@ TEST_F(CtlText, control_characters_are_shown_and_never_act) {
   EXPECT_EQ(text_escaped("\xff\xc3"), "\\xff\\xc3");
 }
 
-TEST_F(CtlText, a_json_string_is_valid_whatever_the_bytes_are) {
+TEST_F(CtlText, a_json_string_is_valid_for_any_bytes) {
   EXPECT_EQ(text_escaped("a\"b\\c\n", true), R"(a\u0022b\u005cc\u000a)");
   EXPECT_EQ(text_escaped("\xc2\x9b\xff", true), R"(\u00c2\u009b\u00ff)");
   EXPECT_EQ(text_escaped("\xc2\x9b", true), R"(\u009b)");

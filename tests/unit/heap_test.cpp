@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// heap_test.cpp: what of the heap a child gets.
+// heap_test.cpp: which parts of the heap a child gets.
 //
-// What is left out stays so as long as the process, so each test leaves it out in a process of its own. Under
-// a sanitizer nothing is: the heap is the sanitizer's.
+// Memory that children do not get stays so until the process ends, so each test runs in its own process. A
+// sanitizer replaces the heap, so there are no tests under one.
 #include "common/heap.h"
 
 #include <malloc.h>
@@ -26,27 +26,27 @@ namespace {
 class HeapDeathTest : public FakedTest {
  protected:
   void SetUp() override {
-    if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
+    if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   }
 
-  /** A small piece of what the heap grows by, far enough above the last one to be on pages of its own. */
-  static void* far_piece() {
+  /** A small block of the heap's growth, two pages or more above the last one. */
+  static void* far_block() {
     static char* above = static_cast<char*>(sbrk(0));
-    char* piece = nullptr;
+    char* block = nullptr;
     do {
-      piece = static_cast<char*>(malloc(1000));
-    } while (piece < above);
-    above = piece + 2 * sysconf(_SC_PAGESIZE);
-    return piece;
+      block = static_cast<char*>(malloc(1000));
+    } while (block < above);
+    above = block + 2 * sysconf(_SC_PAGESIZE);
+    return block;
   }
 
-  /** Whether a child has the first byte of each piece, one bit for each. */
-  static int pieces_in_a_child(const std::vector<void*>& pieces) {
+  /** Whether a child can read the first byte of each block, one bit for each. */
+  static int blocks_in_a_child(const std::vector<void*>& blocks) {
     int ends[2];
     if (pipe(ends) != 0) _exit(99);
-    void* const* first = pieces.data();  // the vector's own memory may be what is left out
+    void* const* first = blocks.data();  // the child may lack the vector's memory
     void* on_stack[8] = {};
-    const size_t count = pieces.size();
+    const size_t count = blocks.size();
     for (size_t i = 0; i < count; ++i) on_stack[i] = first[i];
     const pid_t child = fork_without_handlers();
     if (child == 0) {
@@ -74,95 +74,95 @@ pid_t HeapDeathTest::fork_without_handlers() {
 
 }  // namespace
 
-TEST_F(HeapDeathTest, a_child_gets_what_was_kept_and_nothing_that_the_heap_grew_by_later) {
+TEST_F(HeapDeathTest, a_child_gets_a_kept_block_and_no_later_growth) {
   EXPECT_EXIT(
       {
         heap_set_up();
-        void* kept = far_piece();
+        void* kept = far_block();
         heap_keep_for_children(kept, 1000);
-        void* later = far_piece();
+        void* later = far_block();
         heap_leave_out_growth();
-        _exit(pieces_in_a_child({kept, later}));
+        _exit(blocks_in_a_child({kept, later}));
       },
       ExitedWithCode(1), "");
 }
 
-TEST_F(HeapDeathTest, a_piece_that_is_kept_later_is_in_a_child_again) {
+TEST_F(HeapDeathTest, a_child_gets_a_block_that_is_kept_later) {
   EXPECT_EXIT(
       {
         heap_set_up();
-        void* kept = far_piece();
+        void* kept = far_block();
         heap_keep_for_children(kept, 1000);
-        void* between = far_piece();
+        void* between = far_block();
         heap_leave_out_growth();
-        void* kept_later = far_piece();
+        void* kept_later = far_block();
         if (heap_keep_for_children(kept_later, 1000) != 0) _exit(97);
         heap_leave_out_growth();
-        _exit(pieces_in_a_child({kept, between, kept_later}));
+        _exit(blocks_in_a_child({kept, between, kept_later}));
       },
       ExitedWithCode(5), "");
 }
 
-TEST_F(HeapDeathTest, before_a_piece_is_kept_a_child_gets_everything) {
+TEST_F(HeapDeathTest, a_child_gets_the_whole_heap_before_a_block_is_kept) {
   EXPECT_EXIT(
       {
         heap_set_up();
-        void* piece = far_piece();
+        void* block = far_block();
         heap_leave_out_growth();
-        _exit(pieces_in_a_child({piece}));
+        _exit(blocks_in_a_child({block}));
       },
       ExitedWithCode(1), "");
 }
 
-TEST_F(HeapDeathTest, a_heap_that_was_not_set_up_is_left_alone) {
+TEST_F(HeapDeathTest, a_heap_that_was_not_set_up_is_left_unchanged) {
   EXPECT_EXIT(
       {
         fakes.madvise = [](void*, size_t, int) -> int { _exit(96); };
-        void* kept = far_piece();
+        void* kept = far_block();
         if (heap_keep_for_children(kept, 1000) != 0) _exit(97);
-        void* later = far_piece();
+        void* later = far_block();
         heap_leave_out_growth();
-        _exit(pieces_in_a_child({kept, later}));
+        _exit(blocks_in_a_child({kept, later}));
       },
       ExitedWithCode(3), "");
 }
 
-TEST_F(HeapDeathTest, a_piece_that_cannot_be_kept_is_told) {
+TEST_F(HeapDeathTest, a_block_that_cannot_be_kept_is_an_error) {
   EXPECT_EXIT(
       {
         heap_set_up();
-        heap_keep_for_children(far_piece(), 1000);
-        void* left_out = far_piece();
+        heap_keep_for_children(far_block(), 1000);
+        void* hidden = far_block();
         heap_leave_out_growth();
         fakes.madvise = [](void*, size_t, int) {
           errno = ENOMEM;
           return -1;
         };
-        _exit(heap_keep_for_children(left_out, 1000) == -1 ? 0 : 1);
+        _exit(heap_keep_for_children(hidden, 1000) == -1 ? 0 : 1);
       },
       ExitedWithCode(0), "");
 }
 
-TEST_F(HeapDeathTest, growth_that_cannot_be_left_out_is_left_out_at_the_next_fork) {
+TEST_F(HeapDeathTest, growth_that_cannot_be_hidden_is_hidden_at_the_next_fork) {
   EXPECT_EXIT(
       {
         heap_set_up();
-        heap_keep_for_children(far_piece(), 1000);
-        void* later = far_piece();
+        heap_keep_for_children(far_block(), 1000);
+        void* later = far_block();
         fakes.madvise = [](void*, size_t, int) {
           errno = ENOMEM;
           return -1;
         };
         heap_leave_out_growth();
-        const int first = pieces_in_a_child({later});
+        const int first = blocks_in_a_child({later});
         fakes.madvise = nullptr;
         heap_leave_out_growth();
-        _exit(first == 1 ? pieces_in_a_child({later}) : 97);
+        _exit(first == 1 ? blocks_in_a_child({later}) : 97);
       },
       ExitedWithCode(0), "");
 }
 
-TEST_F(HeapDeathTest, a_piece_that_begins_before_the_growth_and_ends_in_it_is_kept_whole) {
+TEST_F(HeapDeathTest, a_block_that_begins_before_the_growth_and_ends_in_it_is_kept_completely) {
   EXPECT_EXIT(
       {
         heap_set_up();
@@ -173,71 +173,71 @@ TEST_F(HeapDeathTest, a_piece_that_begins_before_the_growth_and_ends_in_it_is_ke
           across = static_cast<char*>(malloc(size));
         } while (across + size <= growth);
         heap_keep_for_children(across, size);
-        void* later = far_piece();
+        void* later = far_block();
         heap_leave_out_growth();
-        _exit(across < growth ? pieces_in_a_child({across, across + size - 1, later}) : 97);
+        _exit(across < growth ? blocks_in_a_child({across, across + size - 1, later}) : 97);
       },
       ExitedWithCode(3), "");
 }
 
-TEST_F(HeapDeathTest, a_heap_that_shrank_is_left_out_again_as_it_grows) {
+TEST_F(HeapDeathTest, a_heap_that_shrank_is_hidden_again_when_it_grows) {
   EXPECT_EXIT(
       {
         heap_set_up();
-        heap_keep_for_children(far_piece(), 1000);
+        heap_keep_for_children(far_block(), 1000);
         constexpr size_t size = 100000;
         constexpr int count = 160;  // 16 MB, four steps of growth
-        void* pieces[count];
-        for (void*& piece : pieces) piece = malloc(size);
+        void* blocks[count];
+        for (void*& block : blocks) block = malloc(size);
         heap_leave_out_growth();
         const char* highest = static_cast<char*>(sbrk(0));
-        for (void* piece : pieces) free(piece);
+        for (void* block : blocks) free(block);
         if (sbrk(0) >= highest) _exit(97);
         heap_leave_out_growth();
         void* last = nullptr;
-        for (void*& piece : pieces) last = piece = malloc(size);
+        for (void*& block : blocks) last = block = malloc(size);
         heap_leave_out_growth();
-        _exit(pieces_in_a_child({last}));
+        _exit(blocks_in_a_child({last}));
       },
       ExitedWithCode(0), "");
 }
 
-TEST_F(HeapDeathTest, a_piece_of_a_heap_that_shrank_below_what_it_was_at_the_start_is_kept) {
+TEST_F(HeapDeathTest, a_block_of_a_heap_that_shrank_below_its_first_size_is_kept) {
   EXPECT_EXIT(
       {
-        mallopt(M_TOP_PAD, 16 * 1024 * 1024);  // as the administrator can ask for with MALLOC_TOP_PAD_
+        mallopt(M_TOP_PAD, 16 * 1024 * 1024);  // as an administrator can set with MALLOC_TOP_PAD_
         const void* before = sbrk(0);
-        while (sbrk(0) == before) far_piece();
+        while (sbrk(0) == before) far_block();
         const char* at_start = static_cast<char*>(sbrk(0));
         heap_set_up();
-        void* pieces[20];
-        for (void*& piece : pieces) piece = malloc(100000);
-        for (void* piece : pieces) free(piece);
-        heap_keep_for_children(far_piece(), 1000);
+        void* blocks[20];
+        for (void*& block : blocks) block = malloc(100000);
+        for (void* block : blocks) free(block);
+        heap_keep_for_children(far_block(), 1000);
         heap_leave_out_growth();
         const char* shrunk = static_cast<char*>(sbrk(0));
-        char* piece = nullptr;
+        char* block = nullptr;
         do {
-          piece = static_cast<char*>(far_piece());
-        } while (piece < shrunk);
+          block = static_cast<char*>(far_block());
+        } while (block < shrunk);
         heap_leave_out_growth();
-        if (piece >= at_start) _exit(97);
-        if (heap_keep_for_children(piece, 1000) != 0) _exit(96);
-        _exit(pieces_in_a_child({piece}));
+        if (block >= at_start) _exit(97);
+        if (heap_keep_for_children(block, 1000) != 0) _exit(96);
+        _exit(blocks_in_a_child({block}));
       },
       ExitedWithCode(1), "");
 }
 
-TEST_F(HeapDeathTest, a_piece_below_the_heap_leaves_out_nothing_but_growth) {
+TEST_F(HeapDeathTest, keeping_a_block_below_the_heap_hides_growth_only) {
   EXPECT_EXIT(
       {
         heap_set_up();
         static char below[1000];
         heap_keep_for_children(below, sizeof below);
-        void* later = far_piece();
+        void* later = far_block();
         for (int i = 0; i < 20; ++i) later = malloc(100000);
         heap_leave_out_growth();
-        _exit(pieces_in_a_child({below, later}));
+        _exit(blocks_in_a_child({below, later}));
       },
       ExitedWithCode(1), "");
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // stack_pool_test.cpp: stacks in blocks that no child gets, and the fork whose child gets one of them.
 //
-// The pool lasts as long as the process, so each test first takes what earlier ones left in it.
+// The pool lives until the process ends, so each test first takes the stacks that earlier ones left in it.
 #include "common/stack-pool.h"
 
 #include <sys/mman.h>
@@ -18,7 +18,7 @@ namespace {
 class StackPool : public FakedTest {
  protected:
   StackPool() {
-    stack_return(stack_take());  // so that there is one to begin with
+    stack_return(stack_take());  // so that the pool has one
     fakes.mmap = [this](size_t size, int protection, int flags) {
       maps.push_back({size, protection, flags});
       if (no_memory) return MAP_FAILED;
@@ -26,7 +26,7 @@ class StackPool : public FakedTest {
     };
   }
 
-  /** The first stack of a new block, the pool being empty behind the block. */
+  /** Takes every free stack and then the first one of a new block, which it returns. */
   char* first_of_a_new_block() {
     maps.clear();
     char* stack = nullptr;
@@ -34,7 +34,7 @@ class StackPool : public FakedTest {
     return stack;
   }
 
-  /** Runs `body` on a thread of its own on a pool stack and waits for its end. */
+  /** Runs `body` on a new thread on a pool stack and waits for its end. */
   static void run_on(void* on, void* (*body)(void*), void* data) {
     pthread_t thread;
     pthread_attr_t attributes;
@@ -56,7 +56,7 @@ class StackPool : public FakedTest {
 
 }  // namespace
 
-TEST_F(StackPool, a_block_is_one_private_mapping_of_256_stacks_that_takes_memory_as_it_is_used) {
+TEST_F(StackPool, a_block_is_one_private_mapping_of_256_stacks_without_reserved_memory) {
   first_of_a_new_block();
   ASSERT_EQ(maps.size(), 1U);
   EXPECT_EQ(maps[0].size, 256 * pool_stack_size);
@@ -64,7 +64,7 @@ TEST_F(StackPool, a_block_is_one_private_mapping_of_256_stacks_that_takes_memory
   EXPECT_EQ(maps[0].flags, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK);
 }
 
-TEST_F(StackPool, a_block_gives_256_stacks_that_do_not_overlap) {
+TEST_F(StackPool, a_block_has_256_stacks_that_do_not_overlap) {
   char* const first = first_of_a_new_block();
   for (size_t i = 1; i < 256; ++i) EXPECT_EQ(stack_take(), first + i * pool_stack_size) << i;
   EXPECT_EQ(maps.size(), 1U);
@@ -78,7 +78,7 @@ TEST_F(StackPool, a_stack_can_be_written_to_its_last_byte) {
   EXPECT_EQ(stack[pool_stack_size - 1], 's');
 }
 
-TEST_F(StackPool, stacks_have_64_kilobytes) {
+TEST_F(StackPool, a_stack_has_64_kilobytes) {
 #ifdef __SANITIZE_THREAD__
   EXPECT_EQ(pool_stack_size, 1048576U);
 #else
@@ -87,7 +87,7 @@ TEST_F(StackPool, stacks_have_64_kilobytes) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-TEST_F(StackPool, threads_of_default_attributes_get_stacks_of_64_kilobytes_without_a_mapping_for_a_guard) {
+TEST_F(StackPool, threads_with_default_attributes_get_stacks_of_64_kilobytes_without_a_guard_mapping) {
   pthread_attr_t before;
   ASSERT_EQ(pthread_getattr_default_np(&before), 0);
   stack_set_defaults();
@@ -112,7 +112,7 @@ TEST_F(StackPool, threads_of_default_attributes_get_stacks_of_64_kilobytes_witho
 }
 #endif
 
-TEST_F(StackPool, stacks_that_were_given_back_are_taken_first) {
+TEST_F(StackPool, returned_stacks_are_taken_first) {
   char* const first = first_of_a_new_block();
   void* const second = stack_take();
   stack_return(first);
@@ -121,7 +121,7 @@ TEST_F(StackPool, stacks_that_were_given_back_are_taken_first) {
   EXPECT_EQ(stack_take(), first + 2 * pool_stack_size) << "each once";
 }
 
-TEST_F(StackPool, without_memory_for_a_block_there_is_no_stack_and_later_there_is) {
+TEST_F(StackPool, without_memory_for_a_block_there_is_no_stack_until_there_is_memory) {
   first_of_a_new_block();
   for (int i = 1; i < 256; ++i) stack_take();
   no_memory = true;
@@ -131,27 +131,11 @@ TEST_F(StackPool, without_memory_for_a_block_there_is_no_stack_and_later_there_i
   EXPECT_NE(stack_take(), nullptr);
 }
 
-TEST_F(StackPool, taking_and_giving_back_leave_the_pool_to_other_threads) {
-  stack_return(stack_take());
-  void* taken = nullptr;
-  pthread_t thread;
-  ASSERT_EQ(pthread_create(
-                &thread, nullptr,
-                [](void* result) -> void* {
-                  *static_cast<void**>(result) = stack_take();
-                  return nullptr;
-                },
-                &taken),
-            0);
-  pthread_join(thread, nullptr);
-  EXPECT_NE(taken, nullptr);
-}
-
-TEST_F(StackPool, taking_and_giving_back_hold_the_pools_mutex) {
+TEST_F(StackPool, taking_and_returning_hold_the_pools_mutex) {
   std::vector<pthread_mutex_t*> locks;
   fakes.seen_lock = [&](pthread_mutex_t* mutex) { locks.push_back(mutex); };
   fakes.mmap = [&](size_t, int, int) {
-    EXPECT_NE(pthread_mutex_trylock(locks.back()), 0) << "also while a block is made";
+    EXPECT_NE(pthread_mutex_trylock(locks.back()), 0) << "also while a block is mapped";
     return MAP_FAILED;
   };
   std::vector<void*> taken;
@@ -191,7 +175,7 @@ class StackFork : public StackPool {
     fakes.madvise = [this](void* where, size_t size, int advice) {
       EXPECT_EQ(where, stack);
       EXPECT_EQ(size, pool_stack_size);
-      calls.push_back(advice == MADV_DOFORK ? "take in" : advice == MADV_DONTFORK ? "leave out" : "?");
+      calls.push_back(advice == MADV_DOFORK ? "share" : advice == MADV_DONTFORK ? "hide" : "?");
       if (advice_fails) errno = ENOMEM;
       return advice_fails ? -1 : 0;
     };
@@ -207,7 +191,7 @@ class StackFork : public StackPool {
   bool advice_fails = false;
 };
 
-/** Whether the memory is mapped; for a child, which may not be interrupted by a signal of its own. */
+/** Whether the memory can be read, found out without a SIGSEGV. */
 bool is_there(const void* memory) {
   int ends[2];
   if (pipe(ends) != 0) _exit(99);
@@ -221,33 +205,33 @@ int handlers_run;
 
 }  // namespace
 
-TEST_F(StackFork, the_stack_is_taken_into_the_child_for_the_time_of_the_fork_only) {
+TEST_F(StackFork, the_stack_is_shared_with_children_only_during_the_fork) {
   note_calls();
   for (const pid_t outcome : {4711, -1}) {
     calls.clear();
     result = outcome;
     EXPECT_EQ(stack_fork(stack), outcome);
-    EXPECT_EQ(calls, stacks_stay_out_of_children ? (Calls{"take in", "fork", "leave out"}) : (Calls{"fork"}));
+    EXPECT_EQ(calls, stacks_stay_out_of_children ? (Calls{"share", "fork", "hide"}) : (Calls{"fork"}));
   }
 }
 
-TEST_F(StackFork, the_child_leaves_its_stack_as_it_is) {
+TEST_F(StackFork, the_child_does_not_hide_its_stack) {
   note_calls();
   result = 0;
   EXPECT_EQ(stack_fork(stack), 0);
   EXPECT_EQ(calls.back(), "fork");
 }
 
-TEST_F(StackFork, a_stack_that_cannot_be_taken_in_is_a_failed_fork) {
-  if (!stacks_stay_out_of_children) GTEST_SKIP() << "none needs to be";
+TEST_F(StackFork, a_stack_that_cannot_be_shared_is_a_failed_fork) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   note_calls();
   advice_fails = true;
   EXPECT_EQ(stack_fork(stack), -1);
-  EXPECT_EQ(calls, (Calls{"take in"}));
+  EXPECT_EQ(calls, (Calls{"share"}));
 }
 
-TEST_F(StackFork, a_child_has_the_stack_that_forks_and_no_other_of_the_pool) {
-  if (!stacks_stay_out_of_children) GTEST_SKIP() << "it has them all";
+TEST_F(StackFork, a_child_has_the_stack_of_the_forking_thread_and_no_other_of_the_pool) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   struct Family {
     char* own;
     char* other;
@@ -270,7 +254,7 @@ TEST_F(StackFork, a_child_has_the_stack_that_forks_and_no_other_of_the_pool) {
 }
 
 TEST_F(StackFork, no_fork_handlers_run) {
-  if (!stacks_stay_out_of_children) GTEST_SKIP() << "they do";
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "fork handlers run";
   static const int registered = pthread_atfork([] { ++handlers_run; }, [] { ++handlers_run; }, nullptr);
   ASSERT_EQ(registered, 0);
   handlers_run = 0;
@@ -286,44 +270,11 @@ TEST_F(StackFork, no_fork_handlers_run) {
   EXPECT_EQ(handlers_run, 0);
 }
 
-TEST_F(StackFork, a_thread_among_others_can_fork) {
-  struct Turn {
-    void* stack;
-    int status;
-    sem_t go;
-  };
-  static constexpr auto body = [](void* data) -> void* {
-    auto* turn = static_cast<Turn*>(data);
-    while (sem_wait(&turn->go) != 0) {
-    }
-    const pid_t child = stack_fork(turn->stack);
-    if (child == 0) _exit(7);
-    waitpid(child, &turn->status, 0);
-    return nullptr;
-  };
-  Turn turns[3];
-  pthread_t threads[3];
-  for (int i = 0; i < 3; ++i) {
-    turns[i] = {.stack = stack_take(), .status = -1, .go = {}};
-    sem_init(&turns[i].go, 0, 0);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstack(&attributes, turns[i].stack, pool_stack_size);
-    ASSERT_EQ(pthread_create(&threads[i], &attributes, body, &turns[i]), 0);
-    pthread_attr_destroy(&attributes);
-  }
-  for (int i = 0; i < 3; ++i) {
-    sem_post(&turns[i].go);
-    pthread_join(threads[i], nullptr);
-    EXPECT_EQ(turns[i].status, 7 << 8);
-  }
-}
-
 namespace {
 
 constexpr int guard_install = 102;  // MADV_GUARD_INSTALL
 
-/** What stack_prepare_own does on a thread of default attributes with a guard of `guard_size` bytes. */
+/** A test that runs stack_prepare_own on a thread with a guard of `guard_size` bytes. */
 class StackPrepareOwn : public StackPool {
  protected:
   void run_thread(size_t guard_size) {
@@ -365,8 +316,8 @@ class StackPrepareOwn : public StackPool {
     int advice;
     bool operator==(const Advice&) const = default;
   };
-  /** Alone, or with stacks that lie beside it. */
-  bool leaves_out_stack(const Advice& advice) const {
+  /** Whether the advice hides the thread's stack, alone or with its neighbours. */
+  bool hides_stack(const Advice& advice) const {
     const auto* begin = static_cast<char*>(advice.where);
     return advice.advice == MADV_DONTFORK && begin <= stack && begin + advice.size >= stack + stack_size;
   }
@@ -381,8 +332,8 @@ class StackPrepareOwn : public StackPool {
 
 }  // namespace
 
-TEST_F(StackPrepareOwn, stacks_are_in_children_while_a_worker_is_expected_and_no_longer_when_none_comes) {
-  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
+TEST_F(StackPrepareOwn, workers_stacks_are_shared_while_a_worker_is_expected_and_hidden_when_it_fails) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   run_thread(0);
   advices.clear();
   stack_expect_worker();
@@ -394,18 +345,18 @@ TEST_F(StackPrepareOwn, stacks_are_in_children_while_a_worker_is_expected_and_no
   EXPECT_EQ(advices.back(), (Advice{expecting.where, expecting.size, MADV_DONTFORK}));
 }
 
-TEST_F(StackPrepareOwn, the_stacks_of_workers_that_lie_side_by_side_are_left_out_as_one) {
-  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
+TEST_F(StackPrepareOwn, adjacent_workers_stacks_are_hidden_as_one) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   char* const area = first_of_a_new_block();
   for (int i = 1; i < 6; ++i) stack_take();
   struct {
-    size_t stack;           // which one of the area the next worker has
-    size_t first, count;    // what is left out then, in stacks of the area
-    const char* is_beside;  // the last ones
-  } const workers[] = {{3, 3, 1, "nothing"},
-                       {2, 2, 2, "below them"},
-                       {4, 2, 3, "above them"},
-                       {0, 0, 1, "nothing again"},
+    size_t stack;         // the next worker's, as an index into the area
+    size_t first, count;  // the stacks that are then hidden
+    const char* place;    // of the next worker's stack
+  } const workers[] = {{3, 3, 1, "alone"},
+                       {2, 2, 2, "below the last"},
+                       {4, 2, 3, "above the last"},
+                       {0, 0, 1, "alone again"},
                        {1, 0, 2, "above the new one"}};
   for (const auto& worker : workers) {
     advices.clear();
@@ -423,12 +374,12 @@ TEST_F(StackPrepareOwn, the_stacks_of_workers_that_lie_side_by_side_are_left_out
     ASSERT_FALSE(advices.empty());
     EXPECT_EQ(advices.back(),
               (Advice{area + worker.first * pool_stack_size, worker.count * pool_stack_size, MADV_DONTFORK}))
-        << "a worker beside " << worker.is_beside;
+        << "a stack " << worker.place;
   }
 }
 
-TEST_F(StackPrepareOwn, a_worker_elsewhere_leaves_the_ones_before_out_although_it_was_expected_beside_them) {
-  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get everything";
+TEST_F(StackPrepareOwn, a_stack_that_is_not_adjacent_hides_the_others_again_which_were_shared_for_it) {
+  if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   char* const area = first_of_a_new_block();
   for (int i = 1; i < 3; ++i) stack_take();
   fakes.madvise = [this](void* where, size_t size, int advice) {
@@ -449,30 +400,30 @@ TEST_F(StackPrepareOwn, a_worker_elsewhere_leaves_the_ones_before_out_although_i
                                        {area + 2 * pool_stack_size, pool_stack_size, MADV_DONTFORK}}));
 }
 
-TEST_F(StackPrepareOwn, a_stack_without_a_guard_gets_one_and_stays_out_of_children) {
+TEST_F(StackPrepareOwn, a_stack_without_a_guard_gets_one_and_is_hidden_from_children) {
   run_thread(0);
   ASSERT_GE(advices.size(), 1U);
   EXPECT_EQ(advices.front(), (Advice{stack, page_size, guard_install}));
-  EXPECT_EQ(leaves_out_stack(advices.back()), stacks_stay_out_of_children);
+  EXPECT_EQ(hides_stack(advices.back()), stacks_stay_out_of_children);
   EXPECT_FALSE(guard_is_there);
   EXPECT_TRUE(next_page_is_there);
 }
 
-TEST_F(StackPrepareOwn, a_kernel_without_guards_in_a_mapping_makes_the_page_unreachable) {
+TEST_F(StackPrepareOwn, on_a_kernel_without_guards_in_a_mapping_the_lowest_page_is_protected) {
   kernel_knows_guards = false;
   run_thread(0);
   EXPECT_FALSE(guard_is_there);
   EXPECT_TRUE(next_page_is_there);
 }
 
-TEST_F(StackPrepareOwn, a_stack_with_a_guard_of_the_library_only_stays_out_of_children) {
+TEST_F(StackPrepareOwn, a_stack_with_a_guard_of_the_c_library_is_only_hidden_from_children) {
   run_thread(page_size);
   for (const Advice& advice : advices) EXPECT_EQ(advice.advice, MADV_DONTFORK);
-  EXPECT_EQ(!advices.empty() && leaves_out_stack(advices.back()), stacks_stay_out_of_children);
+  EXPECT_EQ(!advices.empty() && hides_stack(advices.back()), stacks_stay_out_of_children);
   EXPECT_TRUE(guard_is_there) << "its lowest page is usable";
 }
 
-TEST_F(StackPool, a_stack_is_linked_while_the_pools_mutex_is_held) {
+TEST_F(StackPool, a_returned_stack_is_linked_under_the_pools_mutex) {
   no_memory = true;
   void* stack = stack_take();
   while (void* other = stack_take()) stack = other;
@@ -486,7 +437,7 @@ TEST_F(StackPool, a_stack_is_linked_while_the_pools_mutex_is_held) {
   fakes.seen_unlock = [&](pthread_mutex_t* mutex) {
     fakes.seen_unlock = nullptr;
     pthread_mutex_unlock(mutex);
-    taken = stack_take();  // as another thread does
+    taken = stack_take();  // as another thread would
     pthread_mutex_lock(mutex);
   };
   stack_return(stack);
