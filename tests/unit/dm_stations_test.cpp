@@ -188,7 +188,7 @@ TEST_F(StartStationThread, stations_are_linked_and_unlinked_under_the_tables_mut
   EXPECT_EQ(at_unlock, (std::vector<Displays>{{1}, {1, 2}, {1, 2, 5}, {1, 2}}));
 }
 
-TEST_F(StartStationThread, if_no_worker_is_created_the_other_workers_stacks_stay_out_of_children) {
+TEST_F(StartStationThread, if_a_worker_cannot_be_created_the_others_stacks_are_left_out_of_children_again) {
   if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   std::thread([] { stack_prepare_own(); }).join();  // a worker
   std::vector<int> advices;

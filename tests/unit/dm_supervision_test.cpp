@@ -91,8 +91,7 @@ TEST_F(MethodStartThread, without_memory_for_the_vector_it_exits_and_the_group_b
   EXPECT_EQ(calls, (Calls{}));
 }
 
-TEST_F(MethodStartThread,
-       the_copy_is_freed_before_the_first_line_and_the_vector_before_the_line_of_the_launch) {
+TEST_F(MethodStartThread, the_copy_is_freed_before_the_first_line_and_the_vector_before_the_launch_line) {
   claim();
   MemoryBook memory;
   std::vector<size_t> lines_at_free;
@@ -184,7 +183,7 @@ TEST_F(MethodStartThread, a_child_is_launched_waited_for_and_not_relaunched_afte
   EXPECT_EQ(value_of(station.launched), 1);
 }
 
-TEST_F(MethodStartThread, the_worker_continues_after_the_line_of_the_launch) {
+TEST_F(MethodStartThread, the_worker_continues_after_the_launch_line) {
   claim();
   int posts_before_the_line = -1;
   fakes.time = [&] {  // read for each line
@@ -204,12 +203,12 @@ TEST_F(MethodStartThread, it_forks_on_its_own_stack) {
   fakes.madvise = [&](void* where, size_t size, int advice) {
     EXPECT_EQ(where, stack);
     EXPECT_EQ(size, pool_stack_size);
-    calls.push_back(advice == MADV_DOFORK ? "share" : advice == MADV_DONTFORK ? "hide" : "?");
+    calls.push_back(advice == MADV_DOFORK ? "take in" : advice == MADV_DONTFORK ? "leave out" : "?");
     return 0;
   };
   on_wait = [&] { entry().keep_alive = 0; };
   supervise(2);
-  EXPECT_EQ(calls, (Calls{"share", "fork", "hide", "wait 4711", "reap 4711"}));
+  EXPECT_EQ(calls, (Calls{"take in", "fork", "leave out", "wait 4711", "reap 4711"}));
 }
 
 TEST_F(MethodStartThread, a_child_that_dies_is_relaunched_after_2_seconds) {

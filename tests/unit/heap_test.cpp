@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // heap_test.cpp: which parts of the heap a child gets.
 //
-// Memory that children do not get stays so until the process ends, so each test runs in its own process. A
+// What is left out of children stays so until the process ends, so each test runs in its own process. A
 // sanitizer replaces the heap, so there are no tests under one.
 #include "common/heap.h"
 
@@ -132,18 +132,18 @@ TEST_F(HeapDeathTest, a_block_that_cannot_be_kept_is_an_error) {
       {
         heap_set_up();
         heap_keep_for_children(far_block(), 1000);
-        void* hidden = far_block();
+        void* left_out = far_block();
         heap_leave_out_growth();
         fakes.madvise = [](void*, size_t, int) {
           errno = ENOMEM;
           return -1;
         };
-        _exit(heap_keep_for_children(hidden, 1000) == -1 ? 0 : 1);
+        _exit(heap_keep_for_children(left_out, 1000) == -1 ? 0 : 1);
       },
       ExitedWithCode(0), "");
 }
 
-TEST_F(HeapDeathTest, growth_that_cannot_be_hidden_is_hidden_at_the_next_fork) {
+TEST_F(HeapDeathTest, growth_that_cannot_be_left_out_is_left_out_at_the_next_fork) {
   EXPECT_EXIT(
       {
         heap_set_up();
@@ -180,7 +180,7 @@ TEST_F(HeapDeathTest, a_block_that_begins_before_the_growth_and_ends_in_it_is_ke
       ExitedWithCode(3), "");
 }
 
-TEST_F(HeapDeathTest, a_heap_that_shrank_is_hidden_again_when_it_grows) {
+TEST_F(HeapDeathTest, a_heap_that_shrank_is_left_out_again_when_it_grows) {
   EXPECT_EXIT(
       {
         heap_set_up();
@@ -228,7 +228,7 @@ TEST_F(HeapDeathTest, a_block_of_a_heap_that_shrank_below_its_first_size_is_kept
       ExitedWithCode(1), "");
 }
 
-TEST_F(HeapDeathTest, keeping_a_block_below_the_heap_hides_growth_only) {
+TEST_F(HeapDeathTest, keeping_a_block_below_the_heap_leaves_out_growth_only) {
   EXPECT_EXIT(
       {
         heap_set_up();

@@ -147,7 +147,7 @@ TEST_F(StackPool, taking_and_returning_hold_the_pools_mutex) {
   EXPECT_EQ(std::set<pthread_mutex_t*>(locks.begin(), locks.end()).size(), 1U);
 }
 
-TEST_F(StackPool, a_whole_block_stays_out_of_children_and_gets_no_huge_pages) {
+TEST_F(StackPool, a_whole_block_is_left_out_of_children_and_gets_no_huge_pages) {
   using Advices = std::vector<std::pair<size_t, int>>;
   Advices advices;
   fakes.madvise = [&](void* where, size_t size, int advice) {
@@ -175,7 +175,7 @@ class StackFork : public StackPool {
     fakes.madvise = [this](void* where, size_t size, int advice) {
       EXPECT_EQ(where, stack);
       EXPECT_EQ(size, pool_stack_size);
-      calls.push_back(advice == MADV_DOFORK ? "share" : advice == MADV_DONTFORK ? "hide" : "?");
+      calls.push_back(advice == MADV_DOFORK ? "take in" : advice == MADV_DONTFORK ? "leave out" : "?");
       if (advice_fails) errno = ENOMEM;
       return advice_fails ? -1 : 0;
     };
@@ -205,29 +205,29 @@ int handlers_run;
 
 }  // namespace
 
-TEST_F(StackFork, the_stack_is_shared_with_children_only_during_the_fork) {
+TEST_F(StackFork, the_stack_is_taken_into_children_only_for_the_fork) {
   note_calls();
   for (const pid_t outcome : {4711, -1}) {
     calls.clear();
     result = outcome;
     EXPECT_EQ(stack_fork(stack), outcome);
-    EXPECT_EQ(calls, stacks_stay_out_of_children ? (Calls{"share", "fork", "hide"}) : (Calls{"fork"}));
+    EXPECT_EQ(calls, stacks_stay_out_of_children ? (Calls{"take in", "fork", "leave out"}) : (Calls{"fork"}));
   }
 }
 
-TEST_F(StackFork, the_child_does_not_hide_its_stack) {
+TEST_F(StackFork, the_child_does_not_leave_out_its_stack) {
   note_calls();
   result = 0;
   EXPECT_EQ(stack_fork(stack), 0);
   EXPECT_EQ(calls.back(), "fork");
 }
 
-TEST_F(StackFork, a_stack_that_cannot_be_shared_is_a_failed_fork) {
+TEST_F(StackFork, a_stack_that_cannot_be_taken_into_the_child_is_a_failed_fork) {
   if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   note_calls();
   advice_fails = true;
   EXPECT_EQ(stack_fork(stack), -1);
-  EXPECT_EQ(calls, (Calls{"share"}));
+  EXPECT_EQ(calls, (Calls{"take in"}));
 }
 
 TEST_F(StackFork, a_child_has_the_stack_of_the_forking_thread_and_no_other_of_the_pool) {
@@ -316,8 +316,8 @@ class StackPrepareOwn : public StackPool {
     int advice;
     bool operator==(const Advice&) const = default;
   };
-  /** Whether the advice hides the thread's stack, alone or with its neighbours. */
-  bool hides_stack(const Advice& advice) const {
+  /** Whether the advice leaves out the thread's stack, alone or with its neighbours. */
+  bool leaves_out_stack(const Advice& advice) const {
     const auto* begin = static_cast<char*>(advice.where);
     return advice.advice == MADV_DONTFORK && begin <= stack && begin + advice.size >= stack + stack_size;
   }
@@ -332,7 +332,8 @@ class StackPrepareOwn : public StackPool {
 
 }  // namespace
 
-TEST_F(StackPrepareOwn, workers_stacks_are_shared_while_a_worker_is_expected_and_hidden_when_it_fails) {
+TEST_F(StackPrepareOwn,
+       workers_stacks_are_taken_into_children_while_a_worker_is_expected_and_left_out_if_it_fails) {
   if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   run_thread(0);
   advices.clear();
@@ -345,13 +346,13 @@ TEST_F(StackPrepareOwn, workers_stacks_are_shared_while_a_worker_is_expected_and
   EXPECT_EQ(advices.back(), (Advice{expecting.where, expecting.size, MADV_DONTFORK}));
 }
 
-TEST_F(StackPrepareOwn, adjacent_workers_stacks_are_hidden_as_one) {
+TEST_F(StackPrepareOwn, adjacent_workers_stacks_are_left_out_of_children_as_one) {
   if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   char* const area = first_of_a_new_block();
   for (int i = 1; i < 6; ++i) stack_take();
   struct {
     size_t stack;         // the next worker's, as an index into the area
-    size_t first, count;  // the stacks that are then hidden
+    size_t first, count;  // the stacks that are then left out
     const char* place;    // of the next worker's stack
   } const workers[] = {{3, 3, 1, "alone"},
                        {2, 2, 2, "below the last"},
@@ -378,7 +379,7 @@ TEST_F(StackPrepareOwn, adjacent_workers_stacks_are_hidden_as_one) {
   }
 }
 
-TEST_F(StackPrepareOwn, a_stack_that_is_not_adjacent_hides_the_others_again_which_were_shared_for_it) {
+TEST_F(StackPrepareOwn, a_worker_whose_stack_is_not_adjacent_leaves_out_the_others_again) {
   if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   char* const area = first_of_a_new_block();
   for (int i = 1; i < 3; ++i) stack_take();
@@ -400,11 +401,11 @@ TEST_F(StackPrepareOwn, a_stack_that_is_not_adjacent_hides_the_others_again_whic
                                        {area + 2 * pool_stack_size, pool_stack_size, MADV_DONTFORK}}));
 }
 
-TEST_F(StackPrepareOwn, a_stack_without_a_guard_gets_one_and_is_hidden_from_children) {
+TEST_F(StackPrepareOwn, a_stack_without_a_guard_gets_one_and_is_left_out_of_children) {
   run_thread(0);
   ASSERT_GE(advices.size(), 1U);
   EXPECT_EQ(advices.front(), (Advice{stack, page_size, guard_install}));
-  EXPECT_EQ(hides_stack(advices.back()), stacks_stay_out_of_children);
+  EXPECT_EQ(leaves_out_stack(advices.back()), stacks_stay_out_of_children);
   EXPECT_FALSE(guard_is_there);
   EXPECT_TRUE(next_page_is_there);
 }
@@ -416,10 +417,10 @@ TEST_F(StackPrepareOwn, on_a_kernel_without_guards_in_a_mapping_the_lowest_page_
   EXPECT_TRUE(next_page_is_there);
 }
 
-TEST_F(StackPrepareOwn, a_stack_with_a_guard_of_the_c_library_is_only_hidden_from_children) {
+TEST_F(StackPrepareOwn, a_stack_with_a_guard_of_the_c_library_is_only_left_out_of_children) {
   run_thread(page_size);
   for (const Advice& advice : advices) EXPECT_EQ(advice.advice, MADV_DONTFORK);
-  EXPECT_EQ(!advices.empty() && hides_stack(advices.back()), stacks_stay_out_of_children);
+  EXPECT_EQ(!advices.empty() && leaves_out_stack(advices.back()), stacks_stay_out_of_children);
   EXPECT_TRUE(guard_is_there) << "its lowest page is usable";
 }
 
