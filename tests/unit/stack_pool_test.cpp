@@ -332,8 +332,7 @@ class StackPrepareOwn : public StackPool {
 
 }  // namespace
 
-TEST_F(StackPrepareOwn,
-       workers_stacks_are_taken_into_children_while_a_worker_is_expected_and_left_out_if_it_fails) {
+TEST_F(StackPrepareOwn, workers_stacks_are_in_children_while_a_worker_is_expected_and_left_out_if_it_fails) {
   if (!stacks_stay_out_of_children) GTEST_SKIP() << "children get all memory";
   run_thread(0);
   advices.clear();
