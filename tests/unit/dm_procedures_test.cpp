@@ -69,6 +69,7 @@ TEST_F(InitGroupThread, init_station_needs_no_action) {
   EXPECT_EQ(memory.blocks_left(), 0U) << "the copy is freed";
   EXPECT_EQ(log_at_free, (std::vector<std::string>{""})) << "before the first line";
   EXPECT_EQ(value_of(station.launched), 1) << "posted once";
+  EXPECT_EQ(station.groups[0].is_running, 0);
   EXPECT_EQ(log.lines(),
             dm_lines("init_group_thread", {"init_group_thread() for actor_code:1, display_num:3",
                                            "No action needed for INIT_STATION. display_num: 3"}));

@@ -183,9 +183,11 @@ TEST_F(StartStationThread, stations_are_linked_and_unlinked_under_the_tables_mut
   start(2);
   result = EAGAIN;
   start(5);
+  result = 0;
+  start(5);
   fakes.seen_lock = fakes.seen_unlock = nullptr;
-  EXPECT_EQ(at_lock, (std::vector<Displays>{{}, {1}, {1, 2}, {1, 2, 5}}));
-  EXPECT_EQ(at_unlock, (std::vector<Displays>{{1}, {1, 2}, {1, 2, 5}, {1, 2}}));
+  EXPECT_EQ(at_lock, (std::vector<Displays>{{}, {1}, {1, 2}, {1, 2, 5}, {1, 2}}));
+  EXPECT_EQ(at_unlock, (std::vector<Displays>{{1}, {1, 2}, {1, 2, 5}, {1, 2}, {1, 2, 5}}));
 }
 
 TEST_F(StartStationThread, if_a_worker_cannot_be_created_the_others_stacks_are_left_out_of_children_again) {

@@ -196,6 +196,16 @@ TEST_F(LogOpen, a_device_is_not_renamed_and_is_opened_for_writing) {
   EXPECT_FALSE(exists(path + ".old"));
 }
 
+TEST_F(LogOpen, a_link_to_a_regular_file_is_renamed_and_the_file_stays) {
+  const std::string file = directory.file("elsewhere", "of the last run\n");
+  const std::string path = directory.path("log");
+  ASSERT_EQ(symlink(file.c_str(), path.c_str()), 0);
+  const LoggerOwner logger = open(path);
+  EXPECT_EQ(contents_of(path), "");
+  EXPECT_EQ(contents_of(path + ".old"), "of the last run\n");
+  EXPECT_EQ(contents_of(file), "of the last run\n");
+}
+
 TEST_F(LogOpen, every_log_is_closed_on_exec_and_only_one_that_cannot_be_renamed_is_opened_for_appending) {
   record_opened();
   const std::string path = directory.path("log");
