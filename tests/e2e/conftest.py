@@ -1,3 +1,4 @@
 # SPDX-License-Identifier: MIT
-# conftest.py: the fixtures that every story of this folder may use.
-from support.fixtures import bare, machine  # noqa: F401: pytest finds them here
+# conftest.py: the fixtures for every story of this folder. pytest finds them here.
+from hostile import ground, own_limit  # noqa: F401
+from support.fixtures import bare, machine  # noqa: F401
