@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-// stand-in.c: stands in for every actor program and writes down how it was started.
+// stand-in.c: replaces every actor program and records how it was started.
 //
-// Writes /run/stage/actors/records/PID.json (complete from the moment it exists): argv, parent, session,
-// working directory, environment, open descriptors, blocked, ignored and caught signals. Then it does what
-// /run/stage/actors/behaviour/PROGRAM says, or stays until it is killed. It is C and not a script, because a
-// shell changes the signals, descriptors and environment that it would report.
+// It writes /run/stage/actors/records/PID.json, which is complete as soon as it exists: argv, parent,
+// session, working directory, environment, open descriptors, and blocked, ignored and caught signals. Then it
+// follows /run/stage/actors/behaviour/PROGRAM, or stays until it is killed. A shell script would not
+// do: a shell changes the signals, descriptors and environment.
 #include <dirent.h>
 #include <errno.h>
 #include <signal.h>
@@ -122,7 +122,7 @@ int main(int argc, char** argv) {
 
   (void)argc;
   if (strcmp(behaviour, "ignore-term") == 0) {
-    record(argv);  // as it was started: before it changes anything
+    record(argv);  // before it changes its signals
     signal(SIGTERM, SIG_IGN);
     snprintf(path, sizeof path, "/run/stage/actors/records/%d.deaf", getpid());
     fclose(fopen(path, "w"));

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# bus.py: a message bus of one's own.
+# bus.py: starts a private message bus.
 import subprocess
 
 from support.place import STAGE
@@ -8,10 +8,10 @@ BUS_SOCKET = f"{STAGE}/bus"
 
 
 def start_bus(*options, path=BUS_SOCKET, **popen):
-    """Starts a bus (with --session, unless options say otherwise) that listens at `path`.
+    """Starts a bus that listens at `path`, with --session unless other options are given.
 
-    Returns its process and its address. It prints the address when it listens, so that a caller can connect
-    as soon as this returns.
+    Returns its process and its address. The bus prints the address when it listens, so a caller can connect as
+    soon as this function returns.
     """
     bus = subprocess.Popen(["dbus-daemon", *(options or ("--session",)), "--nofork", "--print-address=1",
                             f"--address=unix:path={path}"],

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: MIT
-# displays.py: three stations with X servers of their own, for the demonstration and for the end-to-end tests.
+# displays.py: three stations with their own X servers, for the demonstration and the end-to-end tests.
 #
-# What happens there is looked at from outside: the windows of each display, the pixels of its screen and the
-# table of processes; what is not as expected raises AssertionError. It needs private-machine --displays. The
-# environment names the executables of the daemon and of corvane-ctl, CORVANE_BIN and CORVANE_CTL, and the directory
-# of the actors, CORVANE_ACTORS.
+# It checks the windows of each display, the pixels of its screen and the process table, and raises
+# AssertionError if one is not as expected. It needs private-machine --displays. The environment names the
+# executables of the daemon and of corvane-ctl (CORVANE_BIN and CORVANE_CTL) and the directory of the actors
+# (CORVANE_ACTORS).
 import io
 import os
 import re
@@ -22,10 +22,10 @@ from support.place import IMAGES, PROGRAMS, STAGE
 from support.processes import descendants
 
 BUNDLE = f"{IMAGES}/images/kva-images.bundle"
-UNITS = (640, 360)  # what the actors divide a screen into, whatever its size is
+UNITS = (640, 360)  # the actors divide a screen of any size into these units
 BLACK, RED, GREEN, INK, PALE = (0, 0, 0), (176, 24, 32), (0, 153, 51), (34, 42, 56), (230, 232, 240)
-BACKGROUNDS = {0: (13, 107, 107), 1: (40, 80, 140), 2: (107, 58, 128)}  # of logins, by display modulo 3
-PATIENCE = 30  # seconds that anything may take on a busy machine
+BACKGROUNDS = {0: (13, 107, 107), 1: (40, 80, 140), 2: (107, 58, 128)}  # logins, by display modulo 3
+PATIENCE = 30  # seconds, the longest time for anything on a busy machine
 
 
 def font(size, style=""):
@@ -33,14 +33,14 @@ def font(size, style=""):
 
 
 def make_bundle():
-    """The bundle that the daemon names: for each image a line with its name and size, and a PNG file."""
+    """Writes the bundle that the daemon names: a line with name and size, then a PNG file, for each image."""
     disabled = Image.new("RGB", (1280, 720), RED)
     draw = ImageDraw.Draw(disabled)
     draw.ellipse((500, 80, 780, 360), "white")
     draw.rectangle((540, 196, 740, 244), RED)
     draw.text((640, 480), "Station disabled", "white", font(100, "-Bold"), "mm")
     draw.text((640, 600), "Please ask the attendant", "white", font(60), "mm")
-    assert not os.path.lexists(IMAGES), f"the images of the stations would take the place of {IMAGES}"
+    assert not os.path.lexists(IMAGES), f"{IMAGES} exists, but the stations need this path"
     os.makedirs(f"{STAGE}/share/images")
     os.symlink(f"{STAGE}/share", IMAGES)
     with open(BUNDLE, "wb") as bundle:
@@ -56,7 +56,7 @@ class Window(NamedTuple):
 
 
 class Screen:
-    """A display with an X server of our own, and our connection to it."""
+    """A display with its own X server, and a connection to it."""
 
     def __init__(self, number, command):
         self.number = number
@@ -64,7 +64,7 @@ class Screen:
         self.open()
 
     def open(self):
-        """Starts the server and waits until it is ready: it then writes the number of its display."""
+        """Starts the server and waits until it writes its display number, which means that it is ready."""
         ready, tell = os.pipe()
         self.server = subprocess.Popen([*self.command, f":{self.number}", "-displayfd", str(tell)],
                                        pass_fds=[tell], stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -79,7 +79,7 @@ class Screen:
         self.server.wait()
 
     def windows(self):
-        """The windows that are shown, the topmost first; None when one has gone while we looked."""
+        """The visible windows, the topmost first; None if one has just been closed."""
         pid = self.display.get_atom("_NET_WM_PID")
         try:
             shown = [window for window in reversed(self.root.query_tree().children)
@@ -103,7 +103,7 @@ class Screen:
 
 
 def pixels(number, titles):
-    """What colour is where on a display with these windows: (x, y) in units -> colour."""
+    """The expected colours of a display with these windows: (x, y) in units -> colour."""
     if "Image disabled" in titles[:1]:
         return {(10, 10): RED, (320, 350): RED, (320, 60): (255, 255, 255)}
     login = next((title for title in titles if title.startswith("Login")), None)
@@ -120,25 +120,25 @@ def colours(picture, places):
 
 
 class Stage(NamedTuple):
-    """What the story has come to: all of it has been seen."""
+    """One stage of the story. Everything in it has been checked."""
     title: str
     text: str
-    calls: list  # what was asked of the daemon: lines of text
-    pictures: dict  # display -> what was seen on it
-    log: list  # what the daemon has logged since the stage before: lines of text
-    status: list  # what corvane-ctl says then: lines of text
+    calls: list  # the calls to the daemon, as text
+    pictures: dict  # display -> its screen
+    log: list  # the lines that the daemon logged since the last stage
+    status: list  # the output of corvane-ctl status
 
 
 class Stations(Machine):
     """A machine with three displays, the actors of the demonstration and the image bundle."""
 
     def __init__(self, session=None):
-        """With the name of a display, `session`, the stations are windows on it."""
+        """`session` is the name of a display. If it is given, the stations are windows there."""
         super().__init__()
         make_bundle()
         self.calls = []
-        self.logged = 0  # as much of the log has been handed out
-        self.titles = {}  # display -> what windows it was last expected to have
+        self.end_of_stage = 0  # the size of the log at the last stage
+        self.titles = {}  # display -> the windows that it was last expected to have
         taken = int(re.match(r".*:(\d+)", session)[1]) if session else 0
         numbers = [number for number in (1, 2, 3, 4) if number != taken][:3]
         self.screens = {number: Screen(number, self.server(number, session)) for number in numbers}
@@ -155,17 +155,17 @@ class Stations(Machine):
         place = f"{width}x{height}+{(number - 1) % 3 * (width + 12)}+40"
         return ["Xephyr", "-noreset", "-title", f"Station :{number}", "-screen", place]
 
-    # ---- what is done ----
+    # ---- actions ----
 
     def serve(self):
         """Starts the bus and, in the background, the daemon."""
-        self.start_bus("--session", "--syslog-only")  # it complains of limits that it can do without
+        self.start_bus("--session", "--syslog-only")  # it logs limits that it does not need
         assert self.daemonise("--start").returncode == 0, self.terminal()
         self.wait_log(r"Start mainloop \.\.\.", seconds=PATIENCE)
         self.bus_caller = self.caller()
 
     def ask(self, option):
-        """Runs the daemon's executable with an option; returns what it prints."""
+        """Runs the daemon's executable with an option; returns the output."""
         process = self.run(option)
         assert process.returncode == 0, f"corvane-cs {option}: {process.stderr}"
         return process.stdout
@@ -182,10 +182,10 @@ class Stations(Machine):
         self.screens[number].press(key)
         self.calls.append(f"key {key} is typed on :{number}")
 
-    # ---- what is seen ----
+    # ---- observations ----
 
     def actors(self):
-        """The actors that run: pid -> command line."""
+        """The running actors: pid -> command line."""
         running = {}
         for pid in descendants():
             try:
@@ -199,15 +199,15 @@ class Stations(Machine):
     def expect(self, number, *commands):
         """Waits until exactly these (title, command) are the windows of a display, the topmost first.
 
-        Each must belong to a process with that command line, and the screen must have their colours.
-        Returns the processes, in the same order.
+        Each must belong to a process with this command line, and the screen must have the right colours. Returns
+        the pids in the same order.
         """
         screen = self.screens[number]
         titles = self.titles[number] = [title for title, _ in commands]
         expected = (list(commands), pixels(number, titles))
         seen, pids = None, []
 
-        def as_told():
+        def is_as_expected():
             nonlocal seen
             windows, running, picture = screen.windows(), self.actors(), screen.picture()
             if windows is None:
@@ -218,21 +218,21 @@ class Stations(Machine):
             return seen == expected
 
         try:
-            self.wait(f"{titles} on :{number}", as_told, PATIENCE)
+            self.wait(f"{titles} on :{number}", is_as_expected, PATIENCE)
         except AssertionError as failure:
-            raise AssertionError(f"{failure}\nseen on :{number}: {seen}\nexpected: {expected}") from None
+            raise AssertionError(f"{failure}\n:{number} shows: {seen}\nexpected: {expected}") from None
         return pids
 
     def stage(self, title, text):
-        """The stage that the story has come to, with pictures that show what was expected last."""
+        """Returns the current stage of the story. Its pictures show the windows that were expected last."""
         pictures = {number: screen.picture() for number, screen in self.screens.items()}
         for number, picture in pictures.items():
             expected = pixels(number, self.titles[number])
-            assert colours(picture, expected) == expected, f"the picture of :{number} is not as told"
+            assert colours(picture, expected) == expected, f"the picture of :{number} has other colours"
         text_of_log = self.log_text()
         end = text_of_log.rfind("\n") + 1
-        log = [Line(raw) for raw in text_of_log[self.logged:end].splitlines() if raw]
-        self.logged = end
+        log = [Line(raw) for raw in text_of_log[self.end_of_stage:end].splitlines() if raw]
+        self.end_of_stage = end
         calls, self.calls = self.calls, []
         status = subprocess.run([os.environ["CORVANE_CTL"], "--bus", self.address, "status"],
                                 capture_output=True, text=True)
@@ -242,7 +242,7 @@ class Stations(Machine):
     # ---- the end ----
 
     def clean(self):
-        """As in every story; the X servers first, which remove their sockets when they are asked to end."""
+        """Terminates the X servers first, because a killed X server leaves its socket."""
         for screen in self.screens.values():
             screen.close()
         super().clean()

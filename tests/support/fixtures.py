@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# fixtures.py: hands a clean machine to every story.
+# fixtures.py: gives every story a clean machine.
 import pytest
 
 from support.machine import Machine
@@ -7,7 +7,7 @@ from support.machine import Machine
 
 @pytest.fixture
 def bare():
-    """A clean machine on which nothing runs yet."""
+    """A clean machine without a bus and a daemon."""
     machine = Machine()
     yield machine
     machine.clean()
@@ -15,7 +15,7 @@ def bare():
 
 @pytest.fixture
 def machine(bare):
-    """A machine with a bus and a daemon that serves it."""
+    """A machine with a bus and a daemon."""
     bare.start_bus()
     bare.start_daemon()
     return bare

@@ -1,9 +1,8 @@
 # SPDX-License-Identifier: MIT
-# place.py: where stories happen: the daemon's fixed paths, the stage for everything else, and what they
-# leave.
+# place.py: the fixed paths of the daemon, and the stage, the directory for all other files of a story.
 #
-# tools/private-machine says in CORVANE_MACHINE of what kind this machine is. On a private one everything in
-# /run and /var/log is the story's. In a container only the daemon's own files and the stage are.
+# tools/private-machine sets CORVANE_MACHINE to the kind of this machine. On a private machine, everything in
+# /run and /var/log belongs to the story. In a container, only the stage and the daemon's files belong to it.
 import glob
 import os
 import shutil
@@ -12,7 +11,7 @@ LOG = "/var/log/corvane-cs.log"
 RUN = "/run/corvane"
 PID_FILE = "/var/run/corvane/corvane-cs.pid"
 STAGE = "/run/stage"
-IMAGES = "/usr/share/corvane"  # where the daemon looks for them
+IMAGES = "/usr/share/corvane"  # the daemon's path
 PROGRAMS = ("corvane-ls", "corvane-pfk", "corvane-x11-put-image", "corvane-xh")
 
 NAME = "com.corvane.ControlServer"
@@ -20,25 +19,25 @@ PATH = "/com/corvane/ControlServer"
 
 
 def is_private():
-    """Whether /run, /var/log, mounts and pids are this process's own."""
+    """Whether /run, /var/log, the mounts and the pids belong to the story alone."""
     return os.environ["CORVANE_MACHINE"] == "private"
 
 
 def set_stage():
-    """Makes the directories that daemon and story need; fails where another story still is."""
+    """Makes the directories that the daemon and the story need; fails if a daemon has left files."""
     if "CORVANE_MACHINE" not in os.environ:
-        raise RuntimeError("stories run inside tools/private-machine only")
+        raise RuntimeError("stories run only inside tools/private-machine")
     if os.path.exists(STAGE):
         clear_stage()
     if traces := [*glob.glob("/var/log/corvane-*"), *glob.glob(f"{RUN}/*")]:
-        raise RuntimeError(f"stories need a machine without a daemon: {' '.join(traces)} is there")
+        raise RuntimeError(f"stories need a machine without a daemon, but found {' '.join(traces)}")
     os.makedirs(RUN, exist_ok=True)
-    for directory in ("bin", "records", "behaviour"):
-        os.makedirs(f"{STAGE}/actors/{directory}")
+    for directory in ("actors/bin", "actors/records", "actors/behaviour", "preload"):
+        os.makedirs(f"{STAGE}/{directory}")
 
 
 def clear_stage():
-    """Removes what a story and its daemon made."""
+    """Removes the files that a story and its daemon made."""
     traces = ["/run/*", "/run/.*", "/var/log/*", "/var/log/.*"]
     if not is_private():
         traces = [RUN, STAGE, "/var/log/corvane-*"]

@@ -1,19 +1,19 @@
 # SPDX-License-Identifier: MIT
-# processes.py: the processes of a story: who they are, how long to wait for one, and how all of them end.
+# processes.py: finds the processes of a story, waits for them and terminates them.
 #
-# The runner (pytest, the demonstration, the benchmark) adopts every process that its descendants leave
-# behind, so all that a story started stays below the runner in the process table. Cleaning up terminates the
-# runner's descendants and nothing else, on a private machine as in a container that others use, too.
+# The runner (pytest, the demonstration or a benchmark) adopts the orphans of its descendants, so every
+# process of a story stays below the runner in the process table. Cleaning up terminates only the descendants
+# of the runner, also in a container with other processes.
 import ctypes
 import os
 import signal
 import time
 
 PR_SET_CHILD_SUBREAPER = 36  # prctl(2)
-RELEASED = "ZX"  # states of processes that have ended
+RELEASED = "ZX"  # the states of processes that have exited
 
-# What keeps SIGTERM away from a process, to be called before it executes its program.
-SIGTERM_KEPT_AWAY = {
+# Two ways to keep SIGTERM from a process, for preexec_fn.
+SIGTERM_BARRED = {
     "ignored": lambda: signal.signal(signal.SIGTERM, signal.SIG_IGN),
     "blocked": lambda: signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM]),
 }
@@ -27,7 +27,7 @@ def adopt_orphans():
 
 
 def stat_of(pid):
-    """State, parent and the fields that follow them in /proc/PID/stat (proc(5)); None without one."""
+    """The fields of /proc/PID/stat from the state on (proc(5)); None if the process does not exist."""
     try:
         with open(f"/proc/{pid}/stat") as file:
             return file.read().rpartition(")")[2].split()
@@ -36,7 +36,7 @@ def stat_of(pid):
 
 
 def process_state(pid):
-    """The state letter of a process; None when there is none, dead or not yet reaped ones included."""
+    """The state letter of a process; None if it does not exist or has exited."""
     stat = stat_of(pid)
     return None if stat is None or stat[0] in RELEASED else stat[0]
 
@@ -46,12 +46,12 @@ def is_alive(pid):
 
 
 def children_of(parent):
-    """The pids of a process's children that are alive."""
+    """The pids of the live children of a process."""
     return sorted(pid for pid, (state, of) in table().items() if of == parent and state not in RELEASED)
 
 
 def descendants():
-    """The pids of everything alive that this process has started, directly or not."""
+    """The pids of the live descendants of this process."""
     processes, found = table(), {os.getpid()}
     while more := {pid for pid, (_, parent) in processes.items() if parent in found} - found:
         found |= more
@@ -59,14 +59,14 @@ def descendants():
 
 
 def table():
-    """State and parent of every process."""
+    """The state and the parent of every process."""
     stats = {int(entry): stat_of(entry) for entry in os.listdir("/proc") if entry.isdigit()}
     return {pid: (stat[0], int(stat[1])) for pid, stat in stats.items() if stat}
 
 
 def kill_descendants():
-    """Kills everything that this process has started, and returns when all of it has ended."""
-    while left := descendants():  # again: a process may have forked in the meantime
+    """Kills all descendants of this process; returns when all have exited."""
+    while left := descendants():  # a process may have forked in the meantime
         for pid in left:
             try:
                 os.kill(pid, signal.SIGKILL)
@@ -76,7 +76,7 @@ def kill_descendants():
 
 
 def reap_orphans():
-    """Reaps the children that have ended. Call it when no subprocess.Popen waits for one of them any more."""
+    """Reaps the children that have exited. No subprocess.Popen may still wait for one of them."""
     try:
         while os.waitpid(-1, os.WNOHANG)[0]:
             pass
@@ -85,12 +85,12 @@ def reap_orphans():
 
 
 def wait_for(what, condition, seconds=20, pause=0.005, explain=lambda: ""):
-    """Waits until condition() is true and returns its result; fails after the deadline, as explain() says."""
+    """Waits until condition() is true and returns its result; a failure shows the text of explain()."""
     deadline = time.monotonic() + seconds
     while True:
         result = condition()
         if result:
             return result
         if time.monotonic() > deadline:
-            raise AssertionError(f"waited {seconds:g} s in vain for {what}{explain()}")
+            raise AssertionError(f"no {what} after {seconds:g} s{explain()}")
         time.sleep(pause)

@@ -1,11 +1,11 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: MIT
-# summary.py: counts the stories of all files: how many passed, failed and were skipped, and why.
+# summary.py: counts the stories that passed, failed and were skipped, and lists the skipped ones.
 #
-# A file of stories is one test for CTest, which cannot say that some of it were skipped. Each file leaves a
-# report in pytest's JUnit form; files that left none have failed before their end, and CTest says so.
+# For CTest a file of stories is one test, so CTest cannot report single skipped stories. Each file leaves a
+# JUnit report of pytest. A file without a report has failed before its end; CTest reports that.
 #
-# The explorer of interleavings leaves the lines of its stories; the last one has their sum.
+# The explorer of interleavings leaves a table of its stories, and the last line has the sums.
 #
 # usage: summary.py DIRECTORY    of the reports
 import sys
