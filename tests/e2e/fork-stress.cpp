@@ -3,9 +3,9 @@
 //
 // usage: fork-stress FORKS
 //
-// A creation that fails is taken back by the C library, and a child that is forked at that moment finds the
-// library's lists half changed. Each child must end by itself all the same. A filter of system calls makes
-// the creations of its own thread fail, and no other.
+// When the creation of a thread fails, the C library undoes it. A child that is forked at that moment finds
+// the lists of the C library half changed, and still has to exit normally. A system call filter lets
+// creations fail on one thread only.
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <pthread.h>
@@ -61,12 +61,13 @@ void* fork_on(void* stack) {
   return nullptr;
 }
 
-// From here on the calling thread can make processes, but no threads.
+// After this, the calling thread can create processes, but no threads.
 void refuse_threads() {
   sock_filter rules[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone3, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),  // its flags are out of reach: clone comes next
+      BPF_STMT(BPF_RET | BPF_K,
+               SECCOMP_RET_ERRNO | ENOSYS),  // a filter cannot read its flags, so clone comes next
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone, 0, 3),
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
       BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_THREAD, 0, 1),

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-// launch-stress.cpp: the daemon's stations and logger without its bus: launches while eight threads log.
+// launch-stress.cpp: runs the daemon's stations and logger without a bus, and launches actors while eight
+// threads log.
 //
 // usage: launch-stress LAUNCHES
 //
-// Launches actors on sixteen stations, 48 at a time, and waits until each has said that it runs; then it
-// stops them, and goes on. An actor that got stuck between fork and exec says nothing. The actors are this
-// program too, found on PATH by the actors' names; an actor says 'y', or 'n' if a signal is blocked or
-// ignored.
+// It launches actors on sixteen stations, 48 at a time, and waits until each has written a byte. Then it
+// stops them and launches the next 48. An actor that hangs between fork and exec writes nothing. The actors
+// are this program under other names on PATH. An actor writes 'y', or 'n' if a signal is blocked or ignored.
 #include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -27,7 +27,7 @@ constexpr int actor_codes[] = {2, 4, 7};  // one of each group that runs a progr
 constexpr int launches_at_a_time = station_count * 3;
 constexpr int logging_threads = 8;
 constexpr int most_milliseconds_of_a_launch = 20000;
-constexpr int pipe_end_of_actors = 100;  // the number of their descriptor
+constexpr int pipe_end_of_actors = 100;  // file descriptor
 
 [[noreturn]] void fail(const char* what) {
   fprintf(stderr, "launch-stress: %s\n", what);
@@ -74,7 +74,7 @@ void request_all(PluginContext* context, int kind) {
   }
 }
 
-// How many of the answers were `wanted`, out of launches_at_a_time or as many as came in time.
+// Waits for launches_at_a_time answers or the deadline; returns how many of them were `wanted`.
 int count_answers(int pipe_end, char wanted, int* came) {
   int matching = 0;
   *came = 0;
@@ -98,7 +98,7 @@ int main(int argc, char** argv) {
 
   start_from_a_clean_shell();
   signals_take_over();
-  signal(SIGPIPE, SIG_IGN);  // as the bus library does
+  signal(SIGPIPE, SIG_IGN);  // as libdbus does
   int ends[2];
   if (pipe(ends) != 0 || dup2(ends[1], pipe_end_of_actors) < 0) fail("no pipe");
   pthread_mutex_init(&station_table_mutex, nullptr);

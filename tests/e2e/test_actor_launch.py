@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# test_actor_launch.py: what an actor is given at its start: arguments, environment, signals, descriptors.
+# test_actor_launch.py: what an actor gets at its start: arguments, environment, signals and descriptors.
 import os
 import re
 import signal
@@ -9,10 +9,10 @@ import pytest
 
 from support.machine import STAND_IN, not_under_a_sanitizer
 from support.place import PID_FILE
-from support.processes import SIGTERM_KEPT_AWAY
+from support.processes import SIGTERM_BARRED
 from transcript import launch, now, transcript
 
-ARGUMENTS = {  # of each actor: code, and the arguments on display 3
+ARGUMENTS = {  # the code of each actor, and its arguments on display 3
     "local-login": (2, ["corvane-ls", ":3"]),
     "remote-login": (3, ["corvane-ls", ":3", "-query", "localhost"]),
     "press-fkey": (4, ["corvane-pfk", "-display", ":3", "--verbose", "--logfile", "/var/log/corvane-pfk3.log"]),
@@ -24,7 +24,7 @@ ARGUMENTS = {  # of each actor: code, and the arguments on display 3
 
 
 def started_directly(machine, **popen):
-    """The record of a program that the story starts as it starts the daemon."""
+    """The record of a program that the story starts in the same way as the daemon."""
     with subprocess.Popen([STAND_IN], env=machine.environment(), stdin=subprocess.DEVNULL, **popen) as process:
         (record,) = machine.wait_records(1, "stand-in")
         process.kill()
@@ -35,7 +35,7 @@ def started_directly(machine, **popen):
 
 
 @pytest.mark.parametrize("display", [0, 3, 10, 2147483647])
-def test_each_actor_is_given_its_own_arguments_with_the_display_in_them(machine, display):
+def test_each_actor_gets_its_own_arguments_with_the_display_in_them(machine, display):
     caller = machine.caller()
     for count, (actor, (code, on_display_3)) in enumerate(ARGUMENTS.items(), 1):
         argv = [word.replace(":3", f":{display}").replace("pfk3", f"pfk{display}") for word in on_display_3]
@@ -44,23 +44,13 @@ def test_each_actor_is_given_its_own_arguments_with_the_display_in_them(machine,
         record = machine.wait_records(count)[-1]
         machine.wait_log("child=", count)
         assert record.argv == argv
-        assert transcript(machine, since)[-len(argv) - 1:] == launch(code, display, record.pid, *argv)
+        lines = launch(code, display, record.pid, *argv)
+        assert transcript(machine, since)[-len(lines):] == lines
         assert caller.stop(f":{display}", actor) is True
         machine.wait_log("keep_alive field is FALSE", count)
 
 
-def test_the_arguments_on_the_largest_display_are_written_out(machine):
-    caller = machine.caller()
-    assert caller.start(":2147483647", "click-mouse") is True
-    assert caller.start(":2147483647", "xhotkey") is True
-    machine.wait_records(2)
-    assert machine.records("corvane-pfk")[0].argv == [
-        "corvane-pfk", "-display", ":2147483647", "--mouse", "--verbose", "--logfile",
-        "/var/log/corvane-pfk2147483647.log"]
-    assert machine.records("corvane-xh")[0].argv == ["corvane-xh", "-display", ":2147483647"]
-
-
-def test_no_environment_variable_changes_an_argument(bare):
+def test_the_environment_does_not_change_the_arguments(bare):
     bare.start_bus()
     bare.start_daemon(environment={"CORVANE_DIR": "/tmp", "DISPLAY": ":99", "HOSTNAME": "elsewhere"})
     caller = bare.caller()
@@ -71,10 +61,10 @@ def test_no_environment_variable_changes_an_argument(bare):
     assert bare.records("corvane-ls")[0].argv == ARGUMENTS["remote-login"][1]
 
 
-# ---- surroundings ----
+# ---- environment ----
 
 
-def test_an_actor_has_the_daemons_environment_session_and_directory(bare):
+def test_an_actor_has_the_environment_the_session_and_the_directory_of_the_daemon(bare):
     bare.start_bus()
     bare.start_daemon(environment={"LANG": "de_DE.UTF-8", "EMPTY": "", "ODD": "a=b \"c\" \\ \u2603"}, cwd="/usr/share",
                       start_new_session=True)
@@ -88,46 +78,31 @@ def test_an_actor_has_the_daemons_environment_session_and_directory(bare):
     assert record.directory == "/usr/share"
 
 
-def test_an_actor_of_a_daemon_in_the_background_is_in_its_session_and_in_the_root_directory(bare):
+def test_an_actor_of_a_background_daemon_has_its_session_the_root_directory_and_three_descriptors(bare):
     bare.start_bus()
-    away = subprocess.DEVNULL
-    assert bare.run("--start", cwd="/usr/share", stdout=away, stderr=away).returncode == 0
+    assert bare.daemonise("--start", cwd="/usr/share").returncode == 0
     bare.wait_log(r"Start mainloop \.\.\.")
     with open(PID_FILE) as file:
         daemon = int(file.read())
     assert bare.caller().start(":1", "xhotkey") is True
     (record,) = bare.wait_records(1)
     assert (record.parent, record.session, record.directory) == (daemon, os.getsid(daemon), "/")
-
-
-def test_an_actor_inherits_the_standard_descriptors_and_no_other(machine):
-    assert machine.caller().start(":1", "xhotkey") is True
-    (record,) = machine.wait_records(1)
-    assert record.descriptors == {number: os.readlink(f"/proc/{machine.daemon.pid}/fd/{number}") for number in "012"}
-
-
-def test_an_actor_of_a_daemon_in_the_background_inherits_no_other_either(bare):
-    bare.start_bus()
-    assert bare.daemonise("--start").returncode == 0
-    bare.wait_log(r"Start mainloop \.\.\.")
-    assert bare.caller().start(":1", "xhotkey") is True
-    (record,) = bare.wait_records(1)
     terminal = "/run/stage/terminal"
     assert record.descriptors == {"0": "/dev/null", "1": terminal, "2": terminal}
 
 
-def test_an_actor_of_a_later_launch_holds_no_more_than_one_of_an_early_one(machine):
+def test_an_actor_inherits_only_the_three_standard_descriptors(machine):
     caller = machine.caller()
-    for number in range(1, 6):
-        assert caller.start(f":{number}", "xhotkey") is True
-    records = machine.wait_records(5)
-    assert all(record.descriptors == records[0].descriptors for record in records)
+    for display in range(1, 6):
+        assert caller.start(f":{display}", "xhotkey") is True
+    for record in machine.wait_records(5):
+        assert record.descriptors == {number: os.readlink(f"/proc/{machine.daemon.pid}/fd/{number}") for number in "012"}
 
 
 # ---- signals ----
 
 
-def test_an_actor_finds_its_signals_as_if_started_in_the_daemons_place(machine):
+def test_an_actor_has_the_signals_of_a_program_started_in_place_of_the_daemon(machine):
     direct = started_directly(machine)
     assert machine.caller().start(":1", "xhotkey") is True
     (record,) = machine.wait_records(1, "corvane-xh")
@@ -136,7 +111,7 @@ def test_an_actor_finds_its_signals_as_if_started_in_the_daemons_place(machine):
     assert record.blocked == [] and record.caught == []
 
 
-def test_a_daemon_started_with_signals_ignored_or_blocked_hands_them_on_as_they_were(bare):
+def test_signals_ignored_or_blocked_at_the_start_of_the_daemon_are_so_in_actors(bare):
     def ignore_and_block():
         for number in (signal.SIGINT, signal.SIGPIPE, signal.SIGCHLD):
             signal.signal(number, signal.SIG_IGN)
@@ -153,7 +128,7 @@ def test_a_daemon_started_with_signals_ignored_or_blocked_hands_them_on_as_they_
 
 
 @pytest.mark.parametrize("number", [signal.SIGPIPE, signal.SIGCHLD])
-def test_a_daemon_started_with_one_of_its_own_signals_ignored_hands_on_that_one_alone(bare, number):
+def test_of_two_signals_that_the_daemon_changes_actors_ignore_only_the_one_ignored_at_the_start(bare, number):
     bare.start_bus()
     bare.start_daemon(preexec_fn=lambda: signal.signal(number, signal.SIG_IGN))
     assert bare.caller().start(":1", "xhotkey") is True
@@ -161,10 +136,10 @@ def test_a_daemon_started_with_one_of_its_own_signals_ignored_hands_on_that_one_
     assert {signal.SIGPIPE, signal.SIGCHLD} & set(record.ignored) == {number}
 
 
-@pytest.mark.parametrize("how", SIGTERM_KEPT_AWAY)
-def test_a_stop_reaches_the_actor_of_a_daemon_that_was_started_with_sigterm_kept_away(bare, how):
+@pytest.mark.parametrize("how", SIGTERM_BARRED)
+def test_a_stop_terminates_the_actor_of_a_daemon_that_started_with_sigterm_barred(bare, how):
     bare.start_bus()
-    bare.start_daemon(preexec_fn=SIGTERM_KEPT_AWAY[how])
+    bare.start_daemon(preexec_fn=SIGTERM_BARRED[how])
     caller = bare.caller()
     assert caller.start(":1", "xhotkey") is True
     (record,) = bare.wait_records(1)
@@ -173,8 +148,8 @@ def test_a_stop_reaches_the_actor_of_a_daemon_that_was_started_with_sigterm_kept
     bare.wait_gone(record.pid)
 
 
-@not_under_a_sanitizer("the heap is the sanitizer's")
-def test_what_the_heap_has_grown_by_stays_out_of_actors(machine):
+@not_under_a_sanitizer("the sanitizer has its own heap")
+def test_later_growth_of_the_heap_is_not_copied_into_children(machine):
     caller = machine.caller()
     for number in range(200):
         assert caller.start(f":{number}", "init-station") is True
@@ -189,7 +164,7 @@ def test_what_the_heap_has_grown_by_stays_out_of_actors(machine):
 # ---- programs ----
 
 
-def test_a_program_is_looked_up_on_the_search_path_and_one_that_is_not_executable_is_passed_over(bare):
+def test_the_search_for_a_program_on_path_skips_files_that_are_not_executable(bare):
     os.mkdir("/run/stage/first")
     with open("/run/stage/first/corvane-xh", "w") as file:
         file.write("not executable")
@@ -199,7 +174,7 @@ def test_a_program_is_looked_up_on_the_search_path_and_one_that_is_not_executabl
     assert bare.wait_records(1)[0].argv == ["corvane-xh", "-display", ":1"]
 
 
-def test_a_script_without_an_interpreter_line_is_run_by_the_shell(machine):
+def test_the_shell_runs_a_script_without_an_interpreter_line(machine):
     machine.remove("corvane-xh")
     with open("/run/stage/actors/bin/corvane-xh", "w") as file:
         file.write('echo "$@" > /run/stage/actors/script\nexec sleep 600\n')
@@ -211,14 +186,14 @@ def test_a_script_without_an_interpreter_line_is_run_by_the_shell(machine):
         with open("/run/stage/actors/script") as file:
             return file.read()
 
-    machine.wait("the script", lambda: os.path.exists("/run/stage/actors/script") and written())
+    machine.wait("output of the script", lambda: os.path.exists("/run/stage/actors/script") and written())
     assert written() == "-display :1\n"
     (child,) = machine.children()
     assert caller.stop(":1", "xhotkey") is True
     machine.wait_gone(child)
 
 
-def test_a_program_that_is_missing_is_tried_again_until_it_is_there(machine):
+def test_the_launch_of_a_missing_program_is_retried_until_the_program_exists(machine):
     machine.remove("corvane-xh")
     caller = machine.caller()
     assert caller.start(":1", "xhotkey") is True
@@ -229,24 +204,3 @@ def test_a_program_that_is_missing_is_tried_again_until_it_is_there(machine):
     assert record.argv == ["corvane-xh", "-display", ":1"]
     assert caller.stop(":1", "xhotkey") is True
     machine.wait_gone(record.pid)
-
-
-def test_a_program_that_is_not_executable_is_tried_again_until_it_is(machine):
-    machine.remove("corvane-xh")
-    with open(STAND_IN, "rb") as source, open("/run/stage/actors/bin/corvane-xh", "wb") as copy:
-        copy.write(source.read())
-    caller = machine.caller()
-    assert caller.start(":1", "xhotkey") is True
-    machine.wait_log("Child process died")
-    os.chmod("/run/stage/actors/bin/corvane-xh", 0o755)
-    assert machine.wait_records(1)[0].argv == ["corvane-xh", "-display", ":1"]
-
-
-def test_a_missing_program_can_be_stopped_between_two_attempts(machine):
-    machine.remove("corvane-xh")
-    caller = machine.caller()
-    assert caller.start(":1", "xhotkey") is True
-    machine.wait_log("Child process died")
-    assert caller.stop(":1", "xhotkey") is True
-    machine.wait_log("keep_alive field is FALSE. Exit from the current thread")
-    assert len([text for text in machine.texts() if "child=" in text]) == 2

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# test_displays.py: the daemon and real X clients on real displays, judged by what is to be seen there.
+# test_displays.py: the daemon with real X clients on real displays. The stories check what the screens show.
 #
 # The stations, their displays and the main story are those of the demonstration.
 import os
@@ -21,7 +21,7 @@ def login(number):
     return "Login", f"corvane-ls :{number}"
 
 
-def test_the_story_of_the_demonstration_is_true(stations):
+def test_each_stage_of_the_demonstration_is_reached(stations):
     stages = list(Story(stations).stages())
 
     assert [stage.title for stage in stages] == [
@@ -30,7 +30,7 @@ def test_the_story_of_the_demonstration_is_true(stations):
         "Everything is stopped"]
 
 
-def test_a_station_whose_display_ends_and_comes_back_gets_its_login_back_and_the_others_keep_theirs(stations):
+def test_a_login_is_relaunched_after_its_display_was_restarted_and_other_logins_stay(stations):
     stations.serve()
     for number in (1, 2, 3):
         stations.start(number, "local-login", "COMMON")
@@ -45,7 +45,7 @@ def test_a_station_whose_display_ends_and_comes_back_gets_its_login_back_and_the
     assert after[1] != before[1]
 
 
-def test_a_login_started_before_its_display_is_shown_as_soon_as_there_is_one(stations):
+def test_a_login_started_before_its_display_appears_when_the_display_starts(stations):
     stations.serve()
     stations.screens[3].close()
     stations.start(3, "local-login", "COMMON")
@@ -56,7 +56,7 @@ def test_a_login_started_before_its_display_is_shown_as_soon_as_there_is_one(sta
     stations.expect(3, login(3))
 
 
-def test_actors_of_one_group_take_turns_on_the_screen(stations):
+def test_actors_of_one_group_exclude_each_other_on_the_screen(stations):
     stations.serve()
     image = "Image disabled", f"corvane-x11-put-image :1 {BUNDLE} disabled"
     stations.start(1, "local-login", "PCI")
@@ -64,13 +64,13 @@ def test_actors_of_one_group_take_turns_on_the_screen(stations):
     stations.start(1, "disable-station", "PCI")
     stations.expect(1, image, login(1))
 
-    stations.start(1, "press-fkey", "PCI")  # the image has its place
+    stations.start(1, "press-fkey", "PCI")  # refused: the image runs
     stations.start(1, "init-station", "PCI")
     stations.wait_log("No action needed for INIT_STATION")
     stations.expect(1, image, login(1))
     assert not os.path.exists("/var/log/corvane-pfk1.log")
 
-    stations.stop(1, "press-fkey")  # ends whatever runs in the place
+    stations.stop(1, "press-fkey")  # stops the image, which is in the same group
     stations.expect(1, login(1))
     stations.start(1, "press-fkey", "PCI")
     stations.expect(1, ("Login, key F1", "corvane-ls :1"))

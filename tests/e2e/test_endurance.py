@@ -1,10 +1,11 @@
 # SPDX-License-Identifier: MIT
-# test_endurance.py: the twenty-thousandth start costs what the first one cost.
+# test_endurance.py: the twenty-thousandth start costs as much as the first one.
 #
-# A thread that is neither joined nor detached leaves its stack behind, so memory grows with each cycle. It must grow
-# evenly, by little, and in few mappings: fork slows with each, and their number is limited. Times are compared with
-# those of a young daemon, cycle by cycle in turns: a machine that gets busier meanwhile slows both, though not quite
-# alike. So one of three comparisons must hold the bound: a daemon that has become slow fails them all.
+# The daemon neither joins nor detaches its threads, so each cycle keeps a stack and memory grows. It must
+# grow evenly, by little and in few mappings: each mapping makes fork slower, and their number is limited. The
+# test compares the times with those of a young daemon, in alternating cycles, because other load slows both.
+# It makes three comparisons, and one must be below the bound: a daemon that has become slow fails all of
+# them.
 import collections
 import os
 import statistics
@@ -12,22 +13,22 @@ import time
 
 import pytest
 
+from stress import make_stations, report, size, time_limit
 from support.machine import not_under_a_sanitizer
 from support.place import LOG
-from stress import make_stations, report, size, time_limit
 
 pytestmark = time_limit
 MOST_KIB_A_CYCLE = 13
 MOST_SLOWDOWN = 1.25
 COMPARISONS = 3
-POSSIBLE = 65530 // 2  # of the system's mappings, so that as many cycles again would pass
+POSSIBLE = 65530 // 2  # half of the mappings that the kernel allows
 CYCLES = size(600, 20000)
-SAMPLE = size(150, 500)  # the last cycles, and a young daemon's first ones: their medians are compared
+SAMPLE = size(150, 500)  # the compared cycles: the last ones, and the first ones of a young daemon
 
 
 @pytest.fixture
 def one_processor():
-    """All on one processor: where the scheduler puts who would decide on the times otherwise."""
+    """Runs all processes on one processor, because the scheduler's placement would change the times."""
     processors = os.sched_getaffinity(0)
     os.sched_setaffinity(0, {max(processors)})
     yield
@@ -35,7 +36,7 @@ def one_processor():
 
 
 class Daemon:
-    """The machine's present daemon, with a caller, one station, and a reader of its log."""
+    """A daemon with one station, a caller, and a reader of its log."""
 
     def __init__(self, machine):
         self.machine = machine
@@ -44,7 +45,7 @@ class Daemon:
         self.cycles = collections.Counter()
         make_stations(self.caller, 1)
         machine.wait_log("No action needed")
-        machine.wait("the worker to be the only thread", lambda: self.status("Threads") == 2)
+        machine.wait("worker as the only other thread", lambda: self.status("Threads") == 2)
         self.log = open(LOG)
         self.log.seek(0, os.SEEK_END)
 
@@ -61,16 +62,16 @@ class Daemon:
             return sum(1 for _ in file)
 
     def seconds_of(self, what):
-        """The time of a cycle up to its last line in the log and the end of its thread."""
+        """The seconds of a cycle, until its last line in the log and the end of its thread."""
         cycle, last_line = KINDS[what]
         self.cycles[what] += 1
         begin = time.perf_counter()
         cycle(self.caller)
         seen = ""
-        while last_line not in seen or self.status("Threads") != 2:  # asks without a pause, because it is timed
+        while last_line not in seen or self.status("Threads") != 2:  # no pause: this is timed
             os.sched_yield()
             seen += self.log.read()
-            assert time.perf_counter() < begin + 10, f"no end of the cycle; the log:\n{self.whole_log()[-3000:]}"
+            assert time.perf_counter() < begin + 10, f"no end of the cycle; log:\n{self.whole_log()[-3000:]}"
         return time.perf_counter() - begin
 
     def whole_log(self):
@@ -94,7 +95,7 @@ KINDS = {
 
 
 def young_daemon(machine):
-    """One more daemon, on a bus of its own. The old one goes on writing to its log."""
+    """Starts one more daemon on another bus. The old one continues to write to its own log."""
     os.rename(LOG, f"{LOG}.of-the-old")
     machine.start_bus(path="/run/stage/bus-of-the-young")
     machine.start_daemon()
@@ -102,7 +103,7 @@ def young_daemon(machine):
 
 
 def endure(daemon, what):
-    """Runs the cycles one after the other, each to the end of its thread, and holds the memory against the bounds."""
+    """Runs the cycles one after the other, and asserts that memory stays within the bounds."""
     memory, mapped = daemon.status("RssAnon"), daemon.mappings()
     for number in range(CYCLES):
         if number == CYCLES // 2:
@@ -119,7 +120,7 @@ def endure(daemon, what):
 
 
 def slowdown(old, young, what):
-    """How much longer the old daemon's next cycles take than the young one's, taken in turns."""
+    """The ratio of the times of the old daemon to those of the young one, in alternating cycles."""
     times = [(old.seconds_of(what), young.seconds_of(what)) for _ in range(SAMPLE)]
     last, first = (1000 * statistics.median(some) for some in zip(*times))
     report(f"after {old.cycles[what] - SAMPLE} times {what}", median_ms=f"{last:.2f}",
@@ -127,22 +128,22 @@ def slowdown(old, young, what):
     return last / first
 
 
-@not_under_a_sanitizer("memory and time are its own as well")
-def test_the_last_cycles_cost_what_the_first_ones_did(one_processor, machine):
+@not_under_a_sanitizer("it uses memory and time itself")
+def test_the_last_cycles_cost_as_much_as_the_first_ones(one_processor, machine):
     old = Daemon(machine)
     young = None
     for what in KINDS:
         endure(old, what)
         young = young or young_daemon(machine)
         holds = any(slowdown(old, young, what) <= MOST_SLOWDOWN for _ in range(COMPARISONS))
-        assert holds or size(True, False)  # a short run is no place for a timed test
+        assert holds or size(True, False)  # a short run only reports the times
 
     for daemon in (old, young):
         log = daemon.whole_log()
         ends = log.count("keep_alive field is FALSE. Exit from the current thread\n")
         stations = log.count("No action needed for INIT_STATION. display_num: 0\n")
         assert ends == daemon.cycles["Start and Stop"]
-        assert stations == daemon.cycles["Start of init-station"] + 1  # one made the station
+        assert stations == daemon.cycles["Start of init-station"] + 1  # one more created the station
         assert " ERROR: " not in log and "Unable" not in log and "is not running" not in log
     assert old.caller.start(":0", "local-login") is True
     machine.wait_records(1, "corvane-ls")

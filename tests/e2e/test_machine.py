@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
-# test_machine.py: the first story starts the daemon and stops it; the others rely on what is seen here.
+# test_machine.py: the daemon starts, serves and ends. All other stories rely on this.
 
 
-def test_the_daemon_starts_serves_and_ends_by_a_signal(machine):
+def test_the_daemon_starts_serves_and_is_terminated_by_a_signal(machine):
     assert machine.caller().hello() == "How are you?"
     machine.daemon.terminate()
     assert machine.daemon.wait(10) == -15

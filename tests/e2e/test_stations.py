@@ -1,34 +1,25 @@
 # SPDX-License-Identifier: MIT
-# test_stations.py: one worker for each display, and what the log tells of a request from its arrival to its effect.
-
+# test_stations.py: each display has one worker, and the log shows a request from its arrival to its effect.
 import pytest
 
-from support.callers import plugin_call
+from support.callers import start_call, stop_call
 from support.processes import process_state
 from transcript import START, STOP, begun, launch, now, transcript
-
-
-def start_call(display, actor, station_type="COMMON"):
-    return plugin_call("DisplayManager", "Start", "sss", display, actor, station_type)
-
-
-def stop_call(display, actor):
-    return plugin_call("DisplayManager", "Stop", "ss", display, actor)
 
 
 # ---- transcripts ----
 
 
-def test_the_first_start_on_a_display_makes_its_station_and_launches_the_actor(machine):
+def test_the_first_start_on_a_display_creates_the_station_and_launches_the_actor(machine):
     since = now(machine)
     assert machine.caller().start("host:4.1", "xhotkey", "USB") is True
     (record,) = machine.wait_records(1)
     machine.wait_log("child=")
-    said = transcript(machine, since)
-    worker_began = said.index(begun(4))
+    lines = transcript(machine, since)
+    worker_began = lines.index(begun(4))
     assert worker_began in (3, 4)
-    said.pop(worker_began)
-    assert said == [
+    lines.pop(worker_began)
+    assert lines == [
         START,
         ("dbus_dm_start", "dbus_dm_start(): display=host:4.1, actor=xhotkey, stationtype=USB"),
         ("dm_start_station_thread", "Start a new station thread for :4"),
@@ -40,7 +31,7 @@ def test_the_first_start_on_a_display_makes_its_station_and_launches_the_actor(m
     ]
 
 
-def test_a_second_start_on_a_display_finds_the_station(machine):
+def test_a_second_start_on_a_display_uses_the_same_station(machine):
     caller = machine.caller()
     assert caller.start(":4", "xhotkey", "USB") is True
     machine.wait_records(1)
@@ -78,7 +69,7 @@ def test_a_start_of_a_running_group_is_dropped(machine):
     ]
 
 
-def test_a_stop_ends_the_child_and_its_thread(machine):
+def test_a_stop_terminates_the_child_and_ends_its_thread(machine):
     caller = machine.caller()
     assert caller.start(":6", "disable-station") is True
     (record,) = machine.wait_records(1)
@@ -97,7 +88,7 @@ def test_a_stop_ends_the_child_and_its_thread(machine):
     assert process_state(record.pid) is None
 
 
-def test_a_stop_of_a_group_that_runs_nothing_is_queued_and_says_so(machine):
+def test_a_stop_of_an_idle_group_is_queued_and_logs_that_nothing_runs(machine):
     caller = machine.caller()
     assert caller.start(":6", "init-station") is True
     machine.wait_log("No action needed")
@@ -112,17 +103,7 @@ def test_a_stop_of_a_group_that_runs_nothing_is_queued_and_says_so(machine):
     ]
 
 
-def test_a_second_stop_finds_nothing_running(machine):
-    caller = machine.caller()
-    machine.behave("corvane-ls", "ignore-term")
-    assert caller.start(":6", "local-login") is True
-    machine.wait_log("child=")
-    assert caller.burst([stop_call(":6", "local-login")] * 2) == [(True,), (True,)]
-    machine.wait_log("sub process is not running")
-    assert sum("proc_method_stop: child_pid" in text for text in machine.texts()) == 1
-
-
-def test_a_stop_on_an_unknown_display_fails_and_makes_no_station(machine):
+def test_a_stop_on_an_unknown_display_fails_and_creates_no_station(machine):
     caller = machine.caller()
     assert caller.start(":1", "init-station") is True
     machine.wait_log("No action needed")
@@ -137,13 +118,13 @@ def test_a_stop_on_an_unknown_display_fails_and_makes_no_station(machine):
     ]
 
 
-def test_init_station_makes_the_station_and_runs_nothing(machine):
+def test_init_station_creates_the_station_and_runs_no_process(machine):
     since = now(machine)
     assert machine.caller().start(":4", "init-station", "PCI") is True
     machine.wait_log("No action needed")
-    said = transcript(machine, since)
-    said.remove(begun(4))
-    assert said == [
+    lines = transcript(machine, since)
+    lines.remove(begun(4))
+    assert lines == [
         START,
         ("dbus_dm_start", "dbus_dm_start(): display=:4, actor=init-station, stationtype=PCI"),
         ("dm_start_station_thread", "Start a new station thread for :4"),
@@ -167,16 +148,6 @@ def test_init_station_never_counts_as_running(machine):
     assert machine.texts()[-2:] == ["proc_method_stop", "{DM} sub process is not running"]
 
 
-def test_init_station_leaves_the_other_groups_alone(machine):
-    caller = machine.caller()
-    assert caller.start(":4", "xhotkey") is True
-    (record,) = machine.wait_records(1)
-    assert caller.start(":4", "init-station") is True
-    assert caller.stop(":4", "init-station") is True
-    machine.wait_log("sub process is not running")
-    assert machine.children() == [record.pid]
-
-
 # ---- groups ----
 
 
@@ -185,13 +156,13 @@ def test_init_station_leaves_the_other_groups_alone(machine):
     (2, ["press-fkey", "click-mouse", "disable-station"]),
     (3, ["xhotkey"]),
 ])
-def test_the_actors_of_a_group_exclude_one_another_and_share_their_stop(machine, group, actors):
+def test_the_actors_of_a_group_exclude_each_other_and_a_stop_of_any_one_stops_the_group(machine, group, actors):
     caller = machine.caller()
     refused = 0
     for first in actors:
         for second in actors:
             assert caller.start(":1", first) is True
-            machine.wait("one child", lambda: len(machine.children()) == 1)
+            machine.wait("single child", lambda: len(machine.children()) == 1)
             (child,) = machine.children()
             assert caller.start(":1", second) is True
             refused += 1
@@ -202,7 +173,7 @@ def test_the_actors_of_a_group_exclude_one_another_and_share_their_stop(machine,
             machine.wait_gone(child)
 
 
-def test_the_groups_of_a_station_and_the_stations_of_a_group_do_not_exclude_one_another(machine):
+def test_groups_and_stations_do_not_exclude_each_other(machine):
     caller = machine.caller()
     for display in (":1", ":2"):
         for actor in ("local-login", "click-mouse", "xhotkey"):
@@ -223,7 +194,7 @@ def test_the_groups_of_a_station_and_the_stations_of_a_group_do_not_exclude_one_
 
 
 @pytest.mark.parametrize("option", ["--verbose", "-v"])
-def test_verbose_lists_all_stations_whenever_one_is_made(bare, option):
+def test_a_verbose_daemon_lists_all_stations_after_it_creates_one(bare, option):
     bare.start_bus()
     bare.start_daemon(option)
     caller = bare.caller()
@@ -231,7 +202,7 @@ def test_verbose_lists_all_stations_whenever_one_is_made(bare, option):
     def listing_of(display, station_type):
         since = now(bare)
         assert caller.start(display, "init-station", station_type) is True
-        return [said for said in transcript(bare, since) if said[0] == "dm_start_station_thread"]
+        return [lines for lines in transcript(bare, since) if lines[0] == "dm_start_station_thread"]
 
     def row(position, display, code):
         return ("dm_start_station_thread", f"#{position} station: display_num={display}, type={code}")
@@ -246,20 +217,20 @@ def test_verbose_lists_all_stations_whenever_one_is_made(bare, option):
     assert listing_of(":1", "USB") == [made(1), row(1, 5, 2), row(2, 2147483647, 3), row(3, 0, 1), row(4, 1, 3)]
 
 
-def test_without_verbose_no_station_is_listed(machine):
+def test_without_the_verbose_option_no_station_is_listed(machine):
     caller = machine.caller()
     for display in (":5", ":2", ":5"):
         assert caller.start(display, "init-station") is True
     assert "station: display_num=" not in machine.log_text()
 
 
-def test_a_worker_is_made_once_for_each_display_and_stays(machine):
+def test_each_display_gets_one_worker_which_never_ends(machine):
     caller = machine.caller()
     threads = len(machine.threads())
     for display in (":3", ":4", ":3", "host:4.0", ":3", ":4"):
         assert caller.start(display, "init-station") is True
     machine.wait_log("No action needed", 6)
-    machine.wait("the group threads to be gone", lambda: len(machine.threads()) == threads + 2)
+    machine.wait("end of the group threads", lambda: len(machine.threads()) == threads + 2)
     assert [text for text in machine.texts() if text.startswith("Thread for Display")] == [
         "Thread for Display 3 started...", "Thread for Display 4 started..."]
 
@@ -267,7 +238,7 @@ def test_a_worker_is_made_once_for_each_display_and_stays(machine):
 # ---- the queue ----
 
 
-def test_the_requests_of_a_station_run_in_the_order_of_their_arrival(machine):
+def test_the_requests_of_a_station_run_in_order_of_arrival(machine):
     actors = ["local-login", "press-fkey", "xhotkey", "init-station", "click-mouse", "remote-login", "disable-station"]
     codes = [2, 4, 7, 1, 5, 3, 6]
     assert machine.caller().burst([start_call(":1", actor) for actor in actors] +
@@ -288,19 +259,7 @@ def test_the_requests_of_a_station_run_in_the_order_of_their_arrival(machine):
                      f"proc_method_stop: child_pid {children[2]}"] + 4 * [not_running]
 
 
-def test_two_starts_of_one_group_in_a_burst_make_one_child_the_first_ones(machine):
-    caller = machine.caller()
-    displays = [f":{number}" for number in range(8)]
-    calls = [start_call(display, actor) for display in displays for actor in ("click-mouse", "press-fkey")]
-    assert caller.burst(calls) == 16 * [(True,)]
-    machine.wait_log("Sub thread of actor group for 2 is already running", 8)
-    records = machine.wait_records(8)
-    assert len(machine.children()) == 8
-    assert sorted(record.argv[2] for record in records) == displays
-    assert all(record.argv[3] == "--mouse" for record in records)
-
-
-def test_what_several_callers_sent_in_bursts_has_all_run_in_the_silence_after_them(machine):
+def test_all_requests_of_several_bursts_run_although_no_later_request_arrives(machine):
     callers = [machine.caller() for _ in range(4)]
     calls = [start_call(f":{number % 5}", "init-station") for number in range(50)]
     sent = [caller.send_all(calls) for caller in callers]

@@ -1,24 +1,34 @@
 # SPDX-License-Identifier: MIT
-# test_supervision.py: an actor is kept alive until it is stopped, and is the only one of its group.
+# test_supervision.py: an actor is relaunched until it is stopped, and a group runs only one actor.
 import os
 import signal
 
 import pytest
 
-from support.callers import plugin_call
+from support.callers import start_call, stop_call
 from support.processes import process_state
 from transcript import launch, now, transcript
 
 PAUSE = 2.0
-MOST_SECONDS_OF_A_RELAUNCH = 2.9  # less than the next whole second: the pause is neither shorter nor longer
+MOST_SECONDS_OF_A_RELAUNCH = 2.9  # less than with a pause of 3 seconds
 
 
 def assert_one_pause_between(first, second):
     assert PAUSE <= second.started - first.started < MOST_SECONDS_OF_A_RELAUNCH
 
 
+def start_deaf_actor(machine, caller):
+    """Starts an actor that ignores SIGTERM."""
+    machine.behave("corvane-xh", "ignore-term")
+    assert caller.start(":1", "xhotkey") is True
+    (record,) = machine.wait_records(1)
+    machine.wait_deaf(record)
+    machine.wait_log("child=")
+    return record
+
+
 @pytest.mark.parametrize("status", [0, 3])
-def test_an_actor_that_ends_is_started_again_after_two_seconds_with_new_arguments(machine, status):
+def test_an_actor_that_exits_is_relaunched_after_two_seconds(machine, status):
     caller = machine.caller()
     machine.behave("corvane-pfk", f"exit {status}")
     assert caller.start(":3", "click-mouse") is True
@@ -39,7 +49,7 @@ def test_an_actor_that_ends_is_started_again_after_two_seconds_with_new_argument
     machine.wait_gone(second.pid)
 
 
-def test_an_actor_that_is_killed_counts_as_running_through_the_pause_and_comes_back(machine):
+def test_a_group_counts_as_running_during_the_pause_after_its_actor_was_killed(machine):
     caller = machine.caller()
     assert caller.start(":1", "local-login") is True
     (first,) = machine.wait_records(1)
@@ -57,7 +67,7 @@ def test_an_actor_that_is_killed_counts_as_running_through_the_pause_and_comes_b
     assert machine.children() == [second.pid]
 
 
-def test_an_actor_comes_back_as_often_as_it_dies(machine):
+def test_an_actor_is_relaunched_each_time_it_exits(machine):
     machine.behave("corvane-xh", "exit 1")
     caller = machine.caller()
     assert caller.start(":1", "xhotkey") is True
@@ -66,25 +76,10 @@ def test_an_actor_comes_back_as_often_as_it_dies(machine):
     assert_one_pause_between(second, third)
 
 
-def test_a_daemon_that_was_started_with_child_signals_ignored_supervises(bare):
-    bare.start_bus()
-    bare.start_daemon(preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
-    assert bare.caller().start(":1", "xhotkey") is True
-    (first,) = bare.wait_records(1)
-    os.kill(first.pid, signal.SIGKILL)
-    bare.wait_log(f"Child process died: {first.pid}$")
-    second = bare.wait_records(2)[1]
-    assert bare.children() == [second.pid]
-
-
-def test_a_start_behind_a_stop_waits_for_no_death_and_its_actor_stays_supervised(machine):
-    machine.behave("corvane-xh", "ignore-term")
+def test_a_start_after_a_stop_does_not_wait_for_the_old_actor_and_its_actor_is_supervised(machine):
     caller = machine.caller()
-    assert caller.start(":1", "xhotkey") is True
-    (first,) = machine.wait_records(1)
-    machine.wait("a deaf actor", lambda: os.path.exists(f"/run/stage/actors/records/{first.pid}.deaf"))
-    assert caller.burst([plugin_call("DisplayManager", "Stop", "ss", ":1", "xhotkey"),
-                         plugin_call("DisplayManager", "Start", "sss", ":1", "xhotkey", "COMMON")]) == 2 * [(True,)]
+    first = start_deaf_actor(machine, caller)
+    assert caller.burst([stop_call(":1", "xhotkey"), start_call(":1", "xhotkey")]) == 2 * [(True,)]
     second = machine.wait_records(2)[1]
     machine.wait_log(f"child={second.pid}$")
     assert machine.children() == sorted([first.pid, second.pid])
@@ -106,20 +101,16 @@ def test_a_start_behind_a_stop_waits_for_no_death_and_its_actor_stays_supervised
     machine.wait_gone(third.pid)
 
 
-def test_the_supervision_of_an_actor_that_was_stopped_ends_with_it_and_nothing_comes_back(machine):
+def test_the_thread_of_a_stopped_actor_ends_with_it_without_a_relaunch(machine):
     caller = machine.caller()
     assert caller.start(":1", "init-station") is True
     machine.wait_log("No action needed")
-    machine.wait("the group thread to be gone", lambda: len(machine.threads()) == 2)
-    machine.behave("corvane-xh", "ignore-term")
-    assert caller.start(":1", "xhotkey") is True
-    (record,) = machine.wait_records(1)
-    machine.wait("a deaf actor", lambda: os.path.exists(f"/run/stage/actors/records/{record.pid}.deaf"))
-    machine.wait_log("child=")
+    machine.wait("end of the group thread", lambda: len(machine.threads()) == 2)
+    record = start_deaf_actor(machine, caller)
     assert caller.stop(":1", "xhotkey") is True
     machine.wait_log("proc_method_stop: child_pid")
-    assert process_state(record.pid) and len(machine.threads()) == 3  # waited for, however long it takes
+    assert process_state(record.pid) and len(machine.threads()) == 3  # the thread waits for the actor
     os.kill(record.pid, signal.SIGKILL)
     machine.wait_log("keep_alive field is FALSE. Exit from the current thread$")
-    machine.wait("the group thread to be gone", lambda: len(machine.threads()) == 2)
+    machine.wait("end of the group thread", lambda: len(machine.threads()) == 2)
     assert len(machine.records()) == 1
