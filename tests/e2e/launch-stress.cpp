@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// launch-stress.cpp: runs the daemon's stations and logger without a bus, and launches actors while eight
-// threads log.
+// launch-stress.cpp: launches actors with the daemon's code, but without a bus, while eight threads log.
 //
 // usage: launch-stress LAUNCHES
 //

@@ -13,8 +13,12 @@
 #include <string.h>
 #include <time.h>
 
+// Keeps errno, because free() does.
 int exists(const char* path) {
-  return access(path, F_OK) == 0;
+  int error = errno;
+  int found = access(path, F_OK) == 0;
+  errno = error;
+  return found;
 }
 
 void append(const char* path, const char* text) {
