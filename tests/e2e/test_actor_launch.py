@@ -9,7 +9,7 @@ import pytest
 
 from support.machine import STAND_IN, not_under_a_sanitizer
 from support.place import PID_FILE
-from support.processes import SIGTERM_BARRED
+from support.processes import WITHOUT_SIGTERM
 from transcript import launch, now, transcript
 
 ARGUMENTS = {  # the code of each actor, and its arguments on display 3
@@ -136,10 +136,10 @@ def test_of_two_signals_that_the_daemon_changes_actors_ignore_only_the_one_ignor
     assert {signal.SIGPIPE, signal.SIGCHLD} & set(record.ignored) == {number}
 
 
-@pytest.mark.parametrize("how", SIGTERM_BARRED)
-def test_a_stop_terminates_the_actor_of_a_daemon_that_started_with_sigterm_barred(bare, how):
+@pytest.mark.parametrize("how", WITHOUT_SIGTERM)
+def test_a_stop_terminates_the_actor_of_a_daemon_that_started_with_sigterm_ignored_or_blocked(bare, how):
     bare.start_bus()
-    bare.start_daemon(preexec_fn=SIGTERM_BARRED[how])
+    bare.start_daemon(preexec_fn=WITHOUT_SIGTERM[how])
     caller = bare.caller()
     assert caller.start(":1", "xhotkey") is True
     (record,) = bare.wait_records(1)

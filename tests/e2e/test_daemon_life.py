@@ -17,7 +17,7 @@ import pytest
 from support.log import texts_of
 from support.machine import DAEMON, not_under_a_sanitizer
 from support.place import LOG, PID_FILE
-from support.processes import SIGTERM_BARRED, process_state
+from support.processes import WITHOUT_SIGTERM, process_state
 
 PR_SET_CHILD_SUBREAPER = 36
 
@@ -204,10 +204,10 @@ def test_stop_terminates_the_daemon_with_sigterm_and_another_one_can_start(bare,
     assert bare.caller().hello() == "How are you?"
 
 
-@pytest.mark.parametrize("how", SIGTERM_BARRED)
-def test_stop_terminates_a_daemon_that_started_with_sigterm_barred(bare, adopted, how):
+@pytest.mark.parametrize("how", WITHOUT_SIGTERM)
+def test_stop_terminates_a_daemon_that_started_with_sigterm_ignored_or_blocked(bare, adopted, how):
     bare.start_bus()
-    bare.daemonise("--start", preexec_fn=SIGTERM_BARRED[how])
+    bare.daemonise("--start", preexec_fn=WITHOUT_SIGTERM[how])
     bare.wait_log(r"Start mainloop")
     daemon = int(bare.pid_file())
     adopted(os.getsid(daemon))

@@ -12,8 +12,8 @@ import time
 PR_SET_CHILD_SUBREAPER = 36  # prctl(2)
 RELEASED = "ZX"  # the states of processes that have exited
 
-# Two ways to keep SIGTERM from a process, for preexec_fn.
-SIGTERM_BARRED = {
+# Two ways to start a process without SIGTERM, for preexec_fn.
+WITHOUT_SIGTERM = {
     "ignored": lambda: signal.signal(signal.SIGTERM, signal.SIG_IGN),
     "blocked": lambda: signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM]),
 }
