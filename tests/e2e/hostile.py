@@ -29,7 +29,9 @@ MOST_OPEN = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
 BASIC = {"y": 1, "b": True, "n": -1, "q": 1, "i": -1, "u": 1, "x": -1, "t": 1, "d": 1.5, "o": "/a", "g": "s"}
 
 
-def call(member, signature="", body=(), plugin="DisplayManager", interface="", path=None, destination=NAME, flags=0):
+def call(
+    member, signature="", body=(), plugin="DisplayManager", interface="", path=None, destination=NAME, flags=0
+):
     """A method call. The interface None is left out; an empty one is that of the plugin."""
     interface = f"{NAME}.{plugin}" if interface == "" else interface
     address = DBusAddress(path or f"{PATH}/{plugin}", bus_name=destination, interface=interface)
@@ -114,8 +116,11 @@ class Client:
     def missing(self):
         """Serial -> number of replies that came and that were wanted, where the two differ."""
         counts = {s: (self.answers.get(s, 0), self.wanted.get(s, 0)) for s in {*self.wanted, *self.answers}}
-        return {s: (came, wanted) for s, (came, wanted) in counts.items()
-                if came != wanted and not (came == 1 and s in self.others)}
+        return {
+            s: (came, wanted)
+            for s, (came, wanted) in counts.items()
+            if came != wanted and not (came == 1 and s in self.others)
+        }
 
     def close(self):
         self.connection.close()

@@ -15,17 +15,27 @@ from transcript import launch, now, transcript
 ARGUMENTS = {  # the code of each actor, and its arguments on display 3
     "local-login": (2, ["corvane-ls", ":3"]),
     "remote-login": (3, ["corvane-ls", ":3", "-query", "localhost"]),
-    "press-fkey": (4, ["corvane-pfk", "-display", ":3", "--verbose", "--logfile", "/var/log/corvane-pfk3.log"]),
-    "click-mouse": (5, ["corvane-pfk", "-display", ":3", "--mouse", "--verbose", "--logfile",
-                        "/var/log/corvane-pfk3.log"]),
-    "disable-station": (6, ["corvane-x11-put-image", ":3", "/usr/share/corvane/images/kva-images.bundle", "disabled"]),
+    "press-fkey": (
+        4,
+        ["corvane-pfk", "-display", ":3", "--verbose", "--logfile", "/var/log/corvane-pfk3.log"],
+    ),
+    "click-mouse": (
+        5,
+        ["corvane-pfk", "-display", ":3", "--mouse", "--verbose", "--logfile", "/var/log/corvane-pfk3.log"],
+    ),
+    "disable-station": (
+        6,
+        ["corvane-x11-put-image", ":3", "/usr/share/corvane/images/kva-images.bundle", "disabled"],
+    ),
     "xhotkey": (7, ["corvane-xh", "-display", ":3"]),
 }
 
 
 def started_directly(machine, **popen):
     """The record of a program that the story starts in the same way as the daemon."""
-    with subprocess.Popen([STAND_IN], env=machine.environment(), stdin=subprocess.DEVNULL, **popen) as process:
+    with subprocess.Popen(
+        [STAND_IN], env=machine.environment(), stdin=subprocess.DEVNULL, **popen
+    ) as process:
         (record,) = machine.wait_records(1, "stand-in")
         process.kill()
     return record
@@ -45,7 +55,8 @@ def test_each_actor_gets_its_own_arguments_with_the_display_in_them(machine, dis
         machine.wait_log("child=", count)
         assert record.argv == argv
         lines = launch(code, display, record.pid, *argv)
-        assert transcript(machine, since)[-len(lines):] == lines
+        first = -len(lines)
+        assert transcript(machine, since)[first:] == lines
         assert caller.stop(f":{display}", actor) is True
         machine.wait_log("keep_alive field is FALSE", count)
 
@@ -66,8 +77,11 @@ def test_the_environment_does_not_change_the_arguments(bare):
 
 def test_an_actor_has_the_environment_the_session_and_the_directory_of_the_daemon(bare):
     bare.start_bus()
-    bare.start_daemon(environment={"LANG": "de_DE.UTF-8", "EMPTY": "", "ODD": "a=b \"c\" \\ \u2603"}, cwd="/usr/share",
-                      start_new_session=True)
+    bare.start_daemon(
+        environment={"LANG": "de_DE.UTF-8", "EMPTY": "", "ODD": 'a=b "c" \\ \u2603'},
+        cwd="/usr/share",
+        start_new_session=True,
+    )
     assert bare.caller().start(":1", "xhotkey") is True
     (record,) = bare.wait_records(1)
     with open(f"/proc/{bare.daemon.pid}/environ") as file:
@@ -96,7 +110,9 @@ def test_an_actor_inherits_only_the_three_standard_descriptors(machine):
     for display in range(1, 6):
         assert caller.start(f":{display}", "xhotkey") is True
     for record in machine.wait_records(5):
-        assert record.descriptors == {number: os.readlink(f"/proc/{machine.daemon.pid}/fd/{number}") for number in "012"}
+        assert record.descriptors == {
+            number: os.readlink(f"/proc/{machine.daemon.pid}/fd/{number}") for number in "012"
+        }
 
 
 # ---- signals ----

@@ -16,9 +16,8 @@ CLONE3 = 435  # the same on every machine
 
 
 class CloneArguments(ctypes.Structure):
-    _fields_ = [(name, ctypes.c_uint64) for name in (
-        "flags", "pidfd", "child_tid", "parent_tid", "exit_signal", "stack", "stack_size", "tls", "set_tid",
-        "set_tid_size")]
+    NAMES = "flags pidfd child_tid parent_tid exit_signal stack stack_size tls set_tid set_tid_size"
+    _fields_ = [(name, ctypes.c_uint64) for name in NAMES.split()]
 
 
 @contextlib.contextmanager
@@ -107,8 +106,11 @@ def test_after_a_stop_and_a_start_in_the_pause_only_the_new_thread_has_a_child(m
         words = ("corvane-xh", "-display", ":1")
         assert transcript(machine, since) == [
             *(("method_start_thread", f"{{DM}} method_start_thread(): {word}") for word in words),
-            ("method_start_thread", "Another process on the same actor group has been started: "
-                                    f"{second.pid}. Exit from the current thread"),
+            (
+                "method_start_thread",
+                "Another process on the same actor group has been started: "
+                f"{second.pid}. Exit from the current thread",
+            ),
         ]
         assert machine.children() == [second.pid]
         assert caller.stop(":1", "xhotkey") is True

@@ -40,7 +40,8 @@ def test_each_stop_in_a_burst_over_new_stations_signals_its_child(machine):
     assert caller.burst(pairs([f":{number}" for number in range(100)], "press-fkey")) == 200 * [(True,)]
     assert_each_stop_hit_its_actor(machine, 100)
     assert [text for text in machine.texts() if text.startswith("Start a new station")] == [
-        f"Start a new station thread for :{number}" for number in range(100)]
+        f"Start a new station thread for :{number}" for number in range(100)
+    ]
 
 
 @pytest.mark.parametrize("how", WITHOUT_SIGTERM)
@@ -51,7 +52,9 @@ def test_each_stop_in_a_burst_works_with_sigterm_ignored_or_blocked_at_the_start
     assert_each_stop_hit_its_actor(bare, 100)
 
 
-@pytest.mark.parametrize("behaviour", ["ignore-term", "stop-self", "grandchild", "daemonise", "exit 0", "exit 1", None])
+@pytest.mark.parametrize(
+    "behaviour", ["ignore-term", "stop-self", "grandchild", "daemonise", "exit 0", "exit 1", None]
+)
 def test_replies_come_at_once_whatever_the_actors_do(machine, behaviour):
     for program in PROGRAMS:
         if behaviour:
@@ -125,7 +128,9 @@ def test_a_child_stopped_by_sigstop_does_not_count_as_dead(machine):
     machine.wait_log(f"child={second.pid}$")
     assert machine.children() == sorted([first.pid, second.pid])
     os.kill(first.pid, signal.SIGCONT)
-    machine.wait_log(f"Another process on the same actor group has been started: {second.pid}. "
-                     "Exit from the current thread$")
+    machine.wait_log(
+        f"Another process on the same actor group has been started: {second.pid}. "
+        "Exit from the current thread$"
+    )
     assert f"Child process died: {first.pid}" in machine.texts()
     assert machine.children() == [second.pid]

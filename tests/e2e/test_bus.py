@@ -29,7 +29,9 @@ def assert_given_up(process, machine, lines):
 
 
 def ask_bus(caller, member, signature=None, *arguments):
-    address = DBusAddress("/org/freedesktop/DBus", bus_name="org.freedesktop.DBus", interface="org.freedesktop.DBus")
+    address = DBusAddress(
+        "/org/freedesktop/DBus", bus_name="org.freedesktop.DBus", interface="org.freedesktop.DBus"
+    )
     return caller.ask(new_method_call(address, member, signature, arguments))[0]
 
 
@@ -54,13 +56,22 @@ def hello_to(caller, owner):
 # ---- no bus ----
 
 
-@pytest.mark.parametrize("address, reason", [
-    ("", "Unable to autolaunch a dbus-daemon without a $DISPLAY for X11"),
-    ("garbage", "Address does not contain a colon"),
-    ("unix:path=/run/stage/nothing", "Failed to connect to socket /run/stage/nothing: No such file or directory"),
-    ("pigeon:coop=3", "Could not parse server address: Unknown address type "
-                      '(examples of valid types are "tcp" and on UNIX "unix")'),
-])
+@pytest.mark.parametrize(
+    "address, reason",
+    [
+        ("", "Unable to autolaunch a dbus-daemon without a $DISPLAY for X11"),
+        ("garbage", "Address does not contain a colon"),
+        (
+            "unix:path=/run/stage/nothing",
+            "Failed to connect to socket /run/stage/nothing: No such file or directory",
+        ),
+        (
+            "pigeon:coop=3",
+            "Could not parse server address: Unknown address type "
+            '(examples of valid types are "tcp" and on UNIX "unix")',
+        ),
+    ],
+)
 def test_without_a_bus_the_daemon_logs_the_reason_and_exits(bare, address, reason):
     bare.address = address
     environment = {name: "" for name in ("DISPLAY", "XDG_RUNTIME_DIR")}
@@ -106,16 +117,21 @@ def test_both_objects_are_registered_with_the_same_functions(bare):
 # ---- the name ----
 
 
+REFUSED = (
+    'cs/bus.cpp ccs_request_service_name: {EE} dbus_bus_request_name(): Connection ":1.0" is not allowed to '
+    'own the service "com.corvane.ControlServer" due to security policies in the configuration file'
+)
+REFUSING_BUS = f"""<busconfig><type>session</type><listen>unix:path=/run/stage/bus</listen>
+<policy context="default"><allow user="*"/><allow send_destination="*"/><allow receive_sender="*"/>
+<allow own="*"/><deny own="{NAME}"/></policy></busconfig>"""
+
+
 def test_the_daemon_exits_when_the_bus_refuses_the_name(bare):
     with open("/run/stage/bus.conf", "w") as file:
-        file.write('<busconfig><type>session</type><listen>unix:path=/run/stage/bus</listen><policy context="default">'
-                   '<allow user="*"/><allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/>'
-                   f'<deny own="{NAME}"/></policy></busconfig>')
+        file.write(REFUSING_BUS)
     bare.start_bus("--config-file=/run/stage/bus.conf")
-    assert_given_up(bare.launch(), bare, [
-        *set_up_to("Request service name: com.corvane.ControlServer"),
-        'cs/bus.cpp ccs_request_service_name: {EE} dbus_bus_request_name(): Connection ":1.0" is not allowed to own '
-        'the service "com.corvane.ControlServer" due to security policies in the configuration file'])
+    lines = set_up_to("Request service name: com.corvane.ControlServer")
+    assert_given_up(bare.launch(), bare, [*lines, REFUSED])
 
 
 def test_the_daemon_waits_for_a_name_with_another_owner(bare):
@@ -281,15 +297,24 @@ def test_the_daemon_exits_when_select_cannot_hold_its_descriptor(bare):
     assert_given_up(process, bare, [*lines, failure])
 
 
-@pytest.mark.parametrize("call, answer", [
-    (plugin_call("Dummy", "HelloWorld"), ("How are you?",)),
-    (new_method_call(DUMMY, "Ping"), ()),
-    (plugin_call("Dummy", "GoodbyeWorld"),
-     ('Method "GoodbyeWorld" with signature "" on interface "com.corvane.ControlServer.Dummy" doesn\'t exist\n',)),
-    (plugin_call("DisplayManager", "Start", "ss", ":1", "xhotkey"),
-     ('Method "Start" with signature "ss" on interface "com.corvane.ControlServer.DisplayManager" doesn\'t exist\n',)),
-], ids=["plugin", "libdbus", "unknown method", "wrong arguments"])
-def test_no_reply_is_lost_when_the_bus_is_slow(bare, call, answer):
+def unknown(member, signature, plugin):
+    return f'Method "{member}" with signature "{signature}" on interface "{NAME}.{plugin}" doesn\'t exist\n'
+
+
+CALLS = {
+    "plugin": (plugin_call("Dummy", "HelloWorld"), ("How are you?",)),
+    "libdbus": (new_method_call(DUMMY, "Ping"), ()),
+    "unknown method": (plugin_call("Dummy", "Bye"), (unknown("Bye", "", "Dummy"),)),
+    "wrong arguments": (
+        plugin_call("DisplayManager", "Start", "s", ":1"),
+        (unknown("Start", "s", "DisplayManager"),),
+    ),
+}
+
+
+@pytest.mark.parametrize("kind", CALLS)
+def test_no_reply_is_lost_when_the_bus_is_slow(bare, kind):
+    call, answer = CALLS[kind]
     bare.start_bus()
     bare.set_rule("connect")  # makes its buffer small
     daemon = bare.start_daemon(preloaded=True)

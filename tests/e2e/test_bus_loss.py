@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# test_bus_loss.py: the daemon exits with status 1 when it loses the bus, and a new daemon serves the next bus.
+# test_bus_loss.py: the daemon exits with status 1 when it loses the bus, and a new one serves the next bus.
 #
 # A daemon without its bus would be deaf, and no service manager would replace it. The stories kill a real bus
 # at random moments. A played bus hangs up after each step of the conversation, also within a message.
@@ -16,9 +16,11 @@ from jeepney import Endianness, Header, HeaderFields, Message, MessageFlag, Mess
 
 from stress import chance, report, size
 from support.callers import plugin_call, start_call, stop_call
+from support.place import NAME, PATH
 from support.processes import process_state
 
 SECONDS = 5
+DBUS = "org.freedesktop.DBus"
 
 
 def expect_end(machine):
@@ -62,7 +64,9 @@ class Losses:
         """During a burst whose caller does not read the replies."""
         self.start()
         caller = self.machine.wait_service()
-        caller.send_all([make(f":{display}", "xhotkey") for display in range(5) for make in (start_call, stop_call)])
+        caller.send_all(
+            [make(f":{display}", "xhotkey") for display in range(5) for make in (start_call, stop_call)]
+        )
         self.pause(0.01)
         self.machine.kill_bus()
 
@@ -193,7 +197,7 @@ STEPS = [  # the last step before the bus hangs up
 
 def bus_message(kind, serial, signature=None, body=(), **fields):
     named = {HeaderFields[name]: value for name, value in fields.items()}
-    named[HeaderFields.sender] = "org.freedesktop.DBus"
+    named[HeaderFields.sender] = DBUS
     named[HeaderFields.destination] = ":1.7"
     if signature:
         named[HeaderFields.signature] = signature
@@ -202,8 +206,8 @@ def bus_message(kind, serial, signature=None, body=(), **fields):
 
 
 def hello_call(serial, flags=1):
-    data = bytearray(bus_message(MessageType.method_call, serial, path="/com/corvane/ControlServer/Dummy",
-                                 interface="com.corvane.ControlServer.Dummy", member="HelloWorld"))
+    named = {"path": f"{PATH}/Dummy", "interface": f"{NAME}.Dummy", "member": "HelloWorld"}
+    data = bytearray(bus_message(MessageType.method_call, serial, **named))
     data[2] = flags
     return bytes(data)
 
@@ -259,7 +263,9 @@ class PlayedBus:
         assert call.header.fields[HeaderFields.member] == member
         yield member
         serial = call.header.serial
-        reply = bus_message(MessageType.method_return, 1000 + serial, signature, (value,), reply_serial=serial)
+        reply = bus_message(
+            MessageType.method_return, 1000 + serial, signature, (value,), reply_serial=serial
+        )
         yield from self.send(f"{member}'s reply", reply)
 
     def conversation(self):
@@ -277,7 +283,7 @@ class PlayedBus:
         self.connection.sendall(hello_call(51, flags=0))
         while self.message().header.fields[HeaderFields.reply_serial] != 51:
             pass  # the reply to the early call; the daemon serves after the next one
-        named = {"path": "/org/freedesktop/DBus", "interface": "org.freedesktop.DBus", "member": "NameAcquired"}
+        named = {"path": "/org/freedesktop/DBus", "interface": DBUS, "member": "NameAcquired"}
         yield from self.send("a signal", bus_message(MessageType.signal, 52, "s", ("x" * 1000,), **named))
         yield from self.send("a call", hello_call(53))
         self.connection.sendall(b"GET / HTTP/1.1\r\nHost: corvane\r\n\r\n")

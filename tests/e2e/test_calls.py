@@ -72,8 +72,10 @@ def test_each_valid_display_names_its_station(machine):
         assert machine.texts().count(f"Start requested actor code: 1 on display :{number}") > 0, display
         assert caller.stop(display, "init-station") is True, display
         requests = [text for text in machine.texts() if text.startswith(("Start requested", "display_num="))]
-        assert requests[-2:] == [f"Start requested actor code: 1 on display :{number}",
-                                 f"display_num={number}, actor_code=1"], display
+        assert requests[-2:] == [
+            f"Start requested actor code: 1 on display :{number}",
+            f"display_num={number}, actor_code=1",
+        ], display
 
 
 def test_start_and_stop_refuse_each_invalid_display(machine):
@@ -177,34 +179,40 @@ def test_a_call_that_wants_no_reply_takes_effect(machine):
 
 # ---- wrong arguments ----
 
-WRONG_TYPE = '{{DM}} Unable to get args from DBus message: Argument {} is specified to be of type "string", ' \
-             'but is actually of type "{}"'
+WRONG_TYPE = (
+    '{{DM}} Unable to get args from DBus message: Argument {} is specified to be of type "string", '
+    'but is actually of type "{}"'
+)
 TOO_FEW = "{{DM}} Unable to get args from DBus message: Message has only {} arguments, but more were expected"
 
 
-@pytest.mark.parametrize("member, signature, arguments, text", [
-    ("Start", "", (), WRONG_TYPE.format(0, "invalid")),
-    ("Start", "s", (":1",), TOO_FEW.format(1)),
-    ("Start", "ss", (":1", "xhotkey"), TOO_FEW.format(2)),
-    ("Start", "iss", (1, "xhotkey", "COMMON"), WRONG_TYPE.format(0, "int32")),
-    ("Start", "sus", (":1", 7, "COMMON"), WRONG_TYPE.format(1, "uint32")),
-    ("Start", "ssb", (":1", "xhotkey", True), WRONG_TYPE.format(2, "boolean")),
-    ("Start", "as", ([":1", "xhotkey", "COMMON"],), WRONG_TYPE.format(0, "array")),
-    ("Start", "(sss)", ((":1", "xhotkey", "COMMON"),), WRONG_TYPE.format(0, "struct")),
-    ("Start", "ssv", (":1", "xhotkey", ("s", "COMMON")), WRONG_TYPE.format(2, "variant")),
-    ("Start", "oss", ("/a", "xhotkey", "COMMON"), WRONG_TYPE.format(0, "object_path")),
-    ("Stop", "", (), WRONG_TYPE.format(0, "invalid")),
-    ("Stop", "s", (":1",), TOO_FEW.format(1)),
-    ("Stop", "ds", (1.0, "xhotkey"), WRONG_TYPE.format(0, "double")),
-    ("Stop", "sg", (":1", "s"), WRONG_TYPE.format(1, "signature")),
-])
+@pytest.mark.parametrize(
+    "member, signature, arguments, text",
+    [
+        ("Start", "", (), WRONG_TYPE.format(0, "invalid")),
+        ("Start", "s", (":1",), TOO_FEW.format(1)),
+        ("Start", "ss", (":1", "xhotkey"), TOO_FEW.format(2)),
+        ("Start", "iss", (1, "xhotkey", "COMMON"), WRONG_TYPE.format(0, "int32")),
+        ("Start", "sus", (":1", 7, "COMMON"), WRONG_TYPE.format(1, "uint32")),
+        ("Start", "ssb", (":1", "xhotkey", True), WRONG_TYPE.format(2, "boolean")),
+        ("Start", "as", ([":1", "xhotkey", "COMMON"],), WRONG_TYPE.format(0, "array")),
+        ("Start", "(sss)", ((":1", "xhotkey", "COMMON"),), WRONG_TYPE.format(0, "struct")),
+        ("Start", "ssv", (":1", "xhotkey", ("s", "COMMON")), WRONG_TYPE.format(2, "variant")),
+        ("Start", "oss", ("/a", "xhotkey", "COMMON"), WRONG_TYPE.format(0, "object_path")),
+        ("Stop", "", (), WRONG_TYPE.format(0, "invalid")),
+        ("Stop", "s", (":1",), TOO_FEW.format(1)),
+        ("Stop", "ds", (1.0, "xhotkey"), WRONG_TYPE.format(0, "double")),
+        ("Stop", "sg", (":1", "s"), WRONG_TYPE.format(1, "signature")),
+    ],
+)
 def test_a_call_with_wrong_arguments_is_logged_and_gets_an_error(machine, member, signature, arguments, text):
     since = now(machine)
     with pytest.raises(CallFailed) as failure:
         machine.caller().call("DisplayManager", member, signature, *arguments)
     assert failure.value.args == (
         UNKNOWN_METHOD,
-        f'Method "{member}" with signature "{signature}" on interface "{INTERFACE}" doesn\'t exist\n')
+        f'Method "{member}" with signature "{signature}" on interface "{INTERFACE}" doesn\'t exist\n',
+    )
     assert transcript(machine, since) == [arrival(member), (f"dbus_dm_{member.lower()}", text)]
 
 
@@ -233,18 +241,21 @@ def test_a_call_without_an_interface_is_served(machine):
     assert arrivals == [arrival("Start", "(null)"), arrival("Stop", "(null)")]
 
 
-@pytest.mark.parametrize("interface, member", [
-    (INTERFACE, "Launch"),
-    (INTERFACE, "start"),
-    (INTERFACE, "STOP"),
-    (INTERFACE, "StartStop"),
-    (INTERFACE, "HelloWorld"),
-    ("com.corvane.ControlServer.Dummy", "Start"),
-    ("com.corvane.ControlServer.Dummy", "HelloWorld"),
-    ("com.corvane.ControlServer.displaymanager", "Start"),
-    ("com.corvane.ControlServer", "Stop"),
-    (None, "Launch"),
-])
+@pytest.mark.parametrize(
+    "interface, member",
+    [
+        (INTERFACE, "Launch"),
+        (INTERFACE, "start"),
+        (INTERFACE, "STOP"),
+        (INTERFACE, "StartStop"),
+        (INTERFACE, "HelloWorld"),
+        ("com.corvane.ControlServer.Dummy", "Start"),
+        ("com.corvane.ControlServer.Dummy", "HelloWorld"),
+        ("com.corvane.ControlServer.displaymanager", "Start"),
+        ("com.corvane.ControlServer", "Stop"),
+        (None, "Launch"),
+    ],
+)
 def test_a_call_of_an_unknown_method_is_logged_as_unhandled_and_gets_an_error(machine, interface, member):
     since = now(machine)
     shown = interface or "(null)"
@@ -252,7 +263,9 @@ def test_a_call_of_an_unknown_method_is_logged_as_unhandled_and_gets_an_error(ma
     with pytest.raises(CallFailed) as failure:
         machine.caller().ask(call)
     assert failure.value.args == (
-        UNKNOWN_METHOD, f'Method "{member}" with signature "sss" on interface "{shown}" doesn\'t exist\n')
+        UNKNOWN_METHOD,
+        f'Method "{member}" with signature "sss" on interface "{shown}" doesn\'t exist\n',
+    )
     assert transcript(machine, since) == [arrival(member, shown), unhandled(shown, member)]
 
 
@@ -261,7 +274,7 @@ def test_a_call_of_an_unknown_method_is_logged_as_unhandled_and_gets_an_error(ma
 
 def test_a_text_of_one_mebibyte_full_of_conversions_is_logged_unchanged(machine):
     caller = machine.caller()
-    long = ("%s%n%d%p%1$s%%%.9999999d" * 50000)[:1024 * 1024]
+    long = ("%s%n%d%p%1$s%%%.9999999d" * 50000)[: 1024 * 1024]
     since = now(machine)
     assert caller.start(long, "init-station") is False
     assert caller.start(":1", "init-station", long) is False

@@ -30,37 +30,43 @@ def assert_untouched(machine):
     assert machine.pid_file() is None
 
 
-@pytest.mark.parametrize("arguments", [
-    ["start"],
-    ["stop"],
-    [""],
-    ["start", "--bogus"],
-    ["pid", "--pid"],
-    ["--verbose", "start"],
-    ["-v", ""],
-    ["--enable", "--disable", "--purge", "--verbose", "-v", "x", "--stop"],
-])
+@pytest.mark.parametrize(
+    "arguments",
+    [
+        ["start"],
+        ["stop"],
+        [""],
+        ["start", "--bogus"],
+        ["pid", "--pid"],
+        ["--verbose", "start"],
+        ["-v", ""],
+        ["--enable", "--disable", "--purge", "--verbose", "-v", "x", "--stop"],
+    ],
+)
 def test_an_argument_without_a_dash_prints_only_the_usage_text(bare, arguments):
     refused = bare.run(*arguments)
     assert (refused.returncode, refused.stdout, refused.stderr) == (1, "", USAGE)
     assert_untouched(bare)
 
 
-@pytest.mark.parametrize("arguments, unknown", [
-    (["--bogus"], "--bogus"),
-    (["--bogus", "--pid"], "--bogus"),
-    (["-v", "--bogus", "start"], "--bogus"),
-    (["-vv"], "-vv"),
-    (["--verbose=1"], "--verbose=1"),
-    (["-"], "-"),
-    (["--"], "--"),
-    (["-V"], "-V"),
-    (["--star"], "--star"),
-    (["--starts"], "--starts"),
-    (["--stop "], "--stop "),
-    (["--PID"], "--PID"),
-    (["--%s%n"], "--%s%n"),
-])
+@pytest.mark.parametrize(
+    "arguments, unknown",
+    [
+        (["--bogus"], "--bogus"),
+        (["--bogus", "--pid"], "--bogus"),
+        (["-v", "--bogus", "start"], "--bogus"),
+        (["-vv"], "-vv"),
+        (["--verbose=1"], "--verbose=1"),
+        (["-"], "-"),
+        (["--"], "--"),
+        (["-V"], "-V"),
+        (["--star"], "--star"),
+        (["--starts"], "--starts"),
+        (["--stop "], "--stop "),
+        (["--PID"], "--PID"),
+        (["--%s%n"], "--%s%n"),
+    ],
+)
 def test_an_unknown_option_is_named_before_the_usage_text(bare, arguments, unknown):
     refused = bare.run(*arguments)
     assert (refused.returncode, refused.stdout) == (1, "")
@@ -78,15 +84,18 @@ def test_the_usage_text_is_one_write_to_standard_error(bare):
     assert pieces == ["corvane-cs: unknown command line option: --bogus\n", USAGE]
 
 
-@pytest.mark.parametrize("arguments", [
-    ["--pid"],
-    ["--pid", "--bogus"],
-    ["--pid", "start"],
-    ["--pid", ""],
-    ["--pid", "--start"],
-    ["--pid", "--stop"],
-    ["-v", "--enable", "--pid"],
-])
+@pytest.mark.parametrize(
+    "arguments",
+    [
+        ["--pid"],
+        ["--pid", "--bogus"],
+        ["--pid", "start"],
+        ["--pid", ""],
+        ["--pid", "--start"],
+        ["--pid", "--stop"],
+        ["-v", "--enable", "--pid"],
+    ],
+)
 def test_pid_without_a_daemon_prints_0_at_once_and_ignores_later_arguments(bare, arguments):
     begin = time.monotonic()
     answer = bare.run(*arguments)
@@ -96,14 +105,17 @@ def test_pid_without_a_daemon_prints_0_at_once_and_ignores_later_arguments(bare,
     assert_untouched(bare)
 
 
-@pytest.mark.parametrize("arguments", [
-    ["--stop"],
-    ["--stop", "--bogus"],
-    ["--stop", "stop"],
-    ["--stop", "--pid"],
-    ["--stop", "--start"],
-    ["--purge", "--stop"],
-])
+@pytest.mark.parametrize(
+    "arguments",
+    [
+        ["--stop"],
+        ["--stop", "--bogus"],
+        ["--stop", "stop"],
+        ["--stop", "--pid"],
+        ["--stop", "--start"],
+        ["--purge", "--stop"],
+    ],
+)
 def test_stop_without_a_daemon_reports_it_at_once_and_ignores_later_arguments(bare, arguments):
     begin = time.monotonic()
     answer = bare.run(*arguments)
@@ -113,15 +125,18 @@ def test_stop_without_a_daemon_reports_it_at_once_and_ignores_later_arguments(ba
     assert_untouched(bare)
 
 
-@pytest.mark.parametrize("options", [
-    [],
-    ["--enable"],
-    ["--disable"],
-    ["--purge"],
-    ["--verbose"],
-    ["-v"],
-    ["--enable", "--disable", "--purge", "--verbose", "-v", "--enable"],
-])
+@pytest.mark.parametrize(
+    "options",
+    [
+        [],
+        ["--enable"],
+        ["--disable"],
+        ["--purge"],
+        ["--verbose"],
+        ["-v"],
+        ["--enable", "--disable", "--purge", "--verbose", "-v", "--enable"],
+    ],
+)
 def test_the_daemon_serves_in_the_foreground_without_options_and_with_options_that_do_nothing(bare, options):
     bare.start_bus()
     daemon = bare.start_daemon(*options)

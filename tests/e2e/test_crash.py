@@ -73,8 +73,10 @@ def test_a_daemon_that_crashed_can_be_started_again_at_once(bare):
     assert "Catch segfault signal." in Path(LOG + ".old").read_text()
 
 
-@pytest.mark.parametrize("step, function", [("dbus_bus_get", "ccs_get_system_conn"),
-                                            ("dbus_bus_request_name", "ccs_request_service_name")])
+@pytest.mark.parametrize(
+    "step, function",
+    [("dbus_bus_get", "ccs_get_system_conn"), ("dbus_bus_request_name", "ccs_request_service_name")],
+)
 def test_a_crash_before_the_first_message_is_reported(bare, step, function):
     bare.start_bus()
     bare.write_pid_file("77")

@@ -48,7 +48,7 @@ def forget(machine):
         os.unlink(f"/run/stage/actors/records/{name}")
 
 
-def find_threads():
+def find_threads(machine):
     """Starts one station with one actor; returns the thread for each of BODIES."""
     caller = machine.caller()
     known = machine.threads()
@@ -86,22 +86,25 @@ def assert_in_report(machine, *functions):
         assert any(function in name for name in named), named
 
 
-@pytest.mark.parametrize("call, function", [
-    ("select", "main"),
-    ("dbus_message_new_method_return", "bus_reply"),
-    ("dbus_connection_send", "bus_reply"),
-    ("library_memory", "main"),
-    ("memory", "dm_start_station_thread"),
-    ("pthread_cond_wait", "process_station_events"),
-    ("kill", "proc_method_stop"),
-    ("mmap", "proc_method_start"),
-    ("pthread_create", "dm_start_station_thread"),
-    ("madvise", "stack_take" if SANITIZER == "thread" else "stack_prepare_own"),
-    ("fork", "method_start_thread"),
-    ("wait", "method_start_thread"),
-    ("sleep", "method_start_thread"),
-    ("fflush", "log_write"),
-])
+@pytest.mark.parametrize(
+    "call, function",
+    [
+        ("select", "main"),
+        ("dbus_message_new_method_return", "bus_reply"),
+        ("dbus_connection_send", "bus_reply"),
+        ("library_memory", "main"),
+        ("memory", "dm_start_station_thread"),
+        ("pthread_cond_wait", "process_station_events"),
+        ("kill", "proc_method_stop"),
+        ("mmap", "proc_method_start"),
+        ("pthread_create", "dm_start_station_thread"),
+        ("madvise", "stack_take" if SANITIZER == "thread" else "stack_prepare_own"),
+        ("fork", "method_start_thread"),
+        ("wait", "method_start_thread"),
+        ("sleep", "method_start_thread"),
+        ("fflush", "log_write"),
+    ],
+)
 def test_a_write_through_a_null_pointer_is_reported_in_any_call(doomed, call, function):
     for _ in range(size(1, 5)):
         doomed.write_pid_file("77")
@@ -110,8 +113,13 @@ def test_a_write_through_a_null_pointer_is_reported_in_any_call(doomed, call, fu
         doomed.set_rule(call, -1)
         caller = doomed.caller()
         for display in (":1", ":2", ":3"):
-            caller.send_all([start_call(display, "xhotkey"), start_call(display, "click-mouse"),
-                             stop_call(display, "xhotkey")])
+            caller.send_all(
+                [
+                    start_call(display, "xhotkey"),
+                    start_call(display, "click-mouse"),
+                    stop_call(display, "xhotkey"),
+                ]
+            )
         assert_ended(doomed)
         assert_in_report(doomed, function)
         forget(doomed)
@@ -208,7 +216,9 @@ def test_the_daemon_exits_when_the_report_aborts_crashes_or_hangs(doomed, who, t
 @pytest.mark.parametrize("blocked", [signal.SIGALRM, signal.SIGSEGV])
 def test_a_failing_report_ends_although_a_signal_was_blocked_at_the_start(doomed, blocked, trouble):
     doomed.set_rule("backtrace_symbols_fd", TROUBLES[trouble])
-    doomed.start_daemon(preloaded=True, preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, {blocked}))
+    doomed.start_daemon(
+        preloaded=True, preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, {blocked})
+    )
     doomed.set_rule("dbus_connection_send", -1)  # a signal from outside would stay blocked
     doomed.caller().send_all([plugin_call("Dummy", "HelloWorld")])
     assert_ended(doomed)

@@ -58,7 +58,8 @@ def plain(line):
 def row(line):
     """A row of the table: display, actor, state, whether it has a process, starts."""
     display, actor, state, process, starts = (
-        line[begin:end].strip() for begin, end in ((0, 7), (8, 23), (24, 50), (51, 58), (74, 80)))
+        line[begin:end].strip() for begin, end in ((0, 7), (8, 23), (24, 50), (51, 58), (74, 80))
+    )
     return display, actor, state, process != "-", starts
 
 
@@ -115,8 +116,8 @@ def test_start_stop_and_status_wait_for_an_actor_that_is_being_launched(machine,
 def test_the_station_type_is_common_unless_another_one_is_given(machine, ctl):
     assert ctl("start", ":1", "local-login").status == 0
     assert ctl("start", ":2", "local-login", "USB").status == 0
-    assert [text.rpartition("=")[2] for text in machine.texts() if text.startswith("dbus_dm_start")] == [
-        "COMMON", "USB"]
+    types = [text.rpartition("=")[2] for text in machine.texts() if text.startswith("dbus_dm_start")]
+    assert types == ["COMMON", "USB"]
 
 
 def test_a_start_of_a_running_actor_changes_nothing_and_says_so(machine, ctl):
@@ -223,7 +224,8 @@ def test_an_invalid_argument_is_not_sent_to_the_daemon(machine, ctl):
     assert (done.status, done.lines) == (2, [])
     assert done.errors == [
         ADVICE + "no such actor: local-logn; there are init-station local-login remote-login press-fkey "
-        "click-mouse disable-station xhotkey; did you mean local-login?"]
+        "click-mouse disable-station xhotkey; did you mean local-login?"
+    ]
     for words in (["start", "1", "local-login"], ["start", ":1", "local-login", "pci"], ["starr", ":1"], []):
         assert ctl(*words).status == 2
     assert machine.texts() == before
@@ -234,13 +236,13 @@ def test_an_invalid_argument_is_not_sent_to_the_daemon(machine, ctl):
 
 def test_status_shows_the_daemon_and_each_group_that_ever_had_an_actor(machine, ctl):
     empty = ctl("status")
-    since = rf"{time.strftime('%F')} [\d:]+"
-    assert re.fullmatch(rf"corvane-cs 1\.0\.0 runs, process {machine.daemon.pid}, since {since}", empty.lines[0])
+    process = rf"process {machine.daemon.pid}, since {time.strftime('%F')} [\d:]+"
+    assert re.fullmatch(rf"corvane-cs 1\.0\.0 runs, {process}", empty.lines[0])
     assert empty.lines[1:] == ["", HEAD]
     machine.behave("corvane-pfk", "exit 0")
     caller = machine.caller()
-    for display, actor in ((":2", "local-login"), (":10", "xhotkey"), (":2", "press-fkey"), (":1", "init-station")):
-        assert caller.start(display, actor) is True
+    for start in (":2 local-login", ":10 xhotkey", ":2 press-fkey", ":1 init-station"):
+        assert caller.start(*start.split()) is True
     machine.wait_log("Child process died", 3)
     assert ctl("start", ":3", "remote-login").status == ctl("stop", ":3", "remote-login").status == 0
     done = ctl("status", "-v")
@@ -263,9 +265,9 @@ def test_status_counts_down_to_the_relaunch(machine, ctl):
     (record,) = machine.wait_records(1)
     os.kill(record.pid, signal.SIGKILL)
     machine.wait_log(f"Child process died: {record.pid}$")
-    (display, actor, state, has_process, starts), reason = rows(ctl("status"))
-    assert (display, actor, has_process, starts, reason) == (
-        ":1", "local-login", False, "1", "corvane-ls has ended")
+    (*actor, state, has_process, starts), reason = rows(ctl("status"))
+    assert (*actor, has_process, starts) == (":1", "local-login", False, "1")
+    assert reason == "corvane-ls has ended"
     assert state in ("restarting in 2 s", "restarting in 1 s", "restarting in 0 s")
     machine.wait_records(2)
     machine.wait_log("DISPLAY=:1, actor_code=2, child=", 2)
@@ -308,8 +310,8 @@ def test_with_two_daemons_status_reads_the_log_of_the_owner_of_the_name(machine,
     assert [row["starts"] for row in found] == ([1] if daemon["daemon"] == machine.daemon.pid else [])
     second.kill()
     second.communicate()
-    machine.wait("first daemon with the name",
-                 lambda: f"process {machine.daemon.pid}," in "".join(ctl("status").lines))
+    first = f"process {machine.daemon.pid},"
+    machine.wait("first daemon with the name", lambda: first in ctl("status").raw)
     assert rows(ctl("status")) == [(":1", "local-login", "runs", True, "1")]
 
 
@@ -329,7 +331,9 @@ def test_status_reads_only_the_end_of_a_long_log(machine, ctl):
         log.write(("." * 99 + "\n") * 20000)
     ctl("start", ":2", "local-login")
     assert rows(ctl("status")) == [
-        (":1", "local-login", "runs", True, "0+"), (":2", "local-login", "runs", True, "1+")]
+        (":1", "local-login", "runs", True, "0+"),
+        (":2", "local-login", "runs", True, "1+"),
+    ]
 
 
 def test_without_a_log_status_shows_what_runs_and_one_warning(machine, ctl):
@@ -360,18 +364,30 @@ def test_json_has_everything_in_the_table(machine, ctl):
     moment = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d"
     assert all(re.fullmatch(moment, each.pop("since")) for each in (daemon, login, watcher))
     assert daemon == {"daemon": machine.daemon.pid, "version": "1.0.0"}
-    assert login == {"display": ":1", "actor": "local-login", "state": "runs", "process": record.pid, "starts": 1,
-                     "reason": "", "command": "corvane-ls :1"}
+    assert login == {
+        "display": ":1",
+        "actor": "local-login",
+        "state": "runs",
+        "process": record.pid,
+        "starts": 1,
+        "reason": "",
+        "command": "corvane-ls :1",
+    }
     assert watcher.pop("state") == "restarting"
-    assert watcher == {"display": ":1", "actor": "xhotkey", "process": 0, "starts": 1,
-                       "reason": "corvane-xh was not found", "command": ""}
+    assert watcher == {
+        "display": ":1",
+        "actor": "xhotkey",
+        "process": 0,
+        "starts": 1,
+        "reason": "corvane-xh was not found",
+        "command": "",
+    }
 
 
 @not_under_a_sanitizer("it takes more time")
 def test_status_of_400_stations_takes_less_than_50_ms_of_processor_time(machine, ctl):
     caller = machine.caller()
-    assert all(reply == (True,) for reply in caller.burst(
-        [start_call(f":{n}", "local-login") for n in range(400)]))
+    assert caller.burst([start_call(f":{n}", "local-login") for n in range(400)]) == 400 * [(True,)]
     machine.wait_log("DISPLAY=:[0-9]+, actor_code=2", 400, seconds=60)
     machine.wait_records(400, seconds=60)
 
@@ -394,8 +410,8 @@ class Watcher:
         self.machine = machine
         self.path = f"{STAGE}/watched"
         with open(self.path, "w") as output:
-            self.process = subprocess.Popen([CTL, "--bus", machine.address, "watch", *words], stdout=output,
-                                            stderr=subprocess.PIPE, text=True)
+            command = [CTL, "--bus", machine.address, "watch", *words]
+            self.process = subprocess.Popen(command, stdout=output, stderr=subprocess.PIPE, text=True)
 
     def lines(self):
         return [line for line in Path(self.path).read_text().splitlines() if line]
@@ -407,7 +423,8 @@ class Watcher:
         """Waits until the last of these states are in the output, in this order."""
 
         def have_come():
-            return [state for state in self.states() if state in states][-len(states):] == list(states)
+            first = -len(states)
+            return [state for state in self.states() if state in states][first:] == list(states)
 
         wait_for(f"{states} in {self.path}", have_come, explain=lambda: f": {self.lines()}")
 
@@ -478,8 +495,8 @@ def test_without_a_bus_the_exit_status_is_3(bare):
 
 
 def test_the_session_option_selects_the_session_bus(machine):
-    done = subprocess.run([CTL, "status", "--session"], capture_output=True, text=True,
-                          env={**os.environ, "DBUS_SESSION_BUS_ADDRESS": machine.address})
+    environment = {**os.environ, "DBUS_SESSION_BUS_ADDRESS": machine.address}
+    done = subprocess.run([CTL, "status", "--session"], capture_output=True, text=True, env=environment)
     assert (done.returncode, done.stderr) == (0, "")
 
 
@@ -525,8 +542,8 @@ def test_a_closed_pipe_terminates_watch_with_sigpipe(machine, ctl):
 def on_a_terminal(machine, **environment):
     """The output of corvane-ctl status on a terminal."""
     end, its_end = pty.openpty()
-    process = subprocess.Popen([CTL, "--bus", machine.address, "status"], stdout=its_end,
-                               env={**os.environ, **environment})
+    command = [CTL, "--bus", machine.address, "status"]
+    process = subprocess.Popen(command, stdout=its_end, env={**os.environ, **environment})
     os.close(its_end)
     text = b""
     try:

@@ -149,10 +149,13 @@ def test_a_background_daemon_can_be_verbose(bare, options):
     assert "#1 station: display_num=4, type=1" in bare.texts()
 
 
-@pytest.mark.parametrize("options, complaint", [
-    (["--start", "start"], ""),
-    (["--start", "--bogus"], "corvane-cs: unknown command line option: --bogus\n"),
-])
+@pytest.mark.parametrize(
+    "options, complaint",
+    [
+        (["--start", "start"], ""),
+        (["--start", "--bogus"], "corvane-cs: unknown command line option: --bogus\n"),
+    ],
+)
 def test_start_takes_effect_before_a_later_argument_is_refused(bare, adopted, options, complaint):
     bare.start_bus()
     assert bare.daemonise(*options).returncode == 0
@@ -237,8 +240,10 @@ def test_a_process_of_another_program_is_not_the_daemon_and_is_not_signalled(bar
     bare.write_pid_file(bare.bus.pid)
     asking = bare.launch("--pid")
     stopping = bare.launch("--stop")
-    bare.wait("two processes that read the pid file",
-              lambda: has_opened_the_pid_file(asking) and has_opened_the_pid_file(stopping))
+    bare.wait(
+        "two processes that read the pid file",
+        lambda: has_opened_the_pid_file(asking) and has_opened_the_pid_file(stopping),
+    )
     assert (*asking.communicate(timeout=10), asking.returncode) == ("0\n", "", 0)
     assert (*stopping.communicate(timeout=10), stopping.returncode) == ("", "", 0)
     assert bare.pid_file() is None

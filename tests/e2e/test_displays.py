@@ -25,9 +25,16 @@ def test_each_stage_of_the_demonstration_is_reached(stations):
     stages = list(Story(stations).stages())
 
     assert [stage.title for stage in stages] == [
-        "The daemon waits", "Login windows", "A hot key", "Keys and clicks from a program",
-        "A station is disabled", "And enabled again", "A login is killed", "And is back two seconds later",
-        "Everything is stopped"]
+        "The daemon waits",
+        "Login windows",
+        "A hot key",
+        "Keys and clicks from a program",
+        "A station is disabled",
+        "And enabled again",
+        "A login is killed",
+        "And is back two seconds later",
+        "Everything is stopped",
+    ]
 
 
 def test_a_login_is_relaunched_after_its_display_was_restarted_and_other_logins_stay(stations):

@@ -113,8 +113,13 @@ def endure(daemon, what):
     grown_late = (daemon.status("RssAnon") - halfway) / (CYCLES - CYCLES // 2)
     more_mappings = daemon.mappings() - mapped
 
-    report(f"{CYCLES} times {what}", kib_a_cycle=f"{grown:.2f}", in_the_second_half=f"{grown_late:.2f}",
-           more_mappings=more_mappings, virtual_mib=daemon.status("VmSize") // 1024)
+    report(
+        f"{CYCLES} times {what}",
+        kib_a_cycle=f"{grown:.2f}",
+        in_the_second_half=f"{grown_late:.2f}",
+        more_mappings=more_mappings,
+        virtual_mib=daemon.status("VmSize") // 1024,
+    )
     assert grown <= MOST_KIB_A_CYCLE and grown_late <= 1.05 * grown + 0.5
     assert more_mappings <= CYCLES // 16 + 8 and more_mappings < POSSIBLE
 
@@ -123,8 +128,12 @@ def slowdown(old, young, what):
     """The ratio of the times of the old daemon to those of the young one, in alternating cycles."""
     times = [(old.seconds_of(what), young.seconds_of(what)) for _ in range(SAMPLE)]
     last, first = (1000 * statistics.median(some) for some in zip(*times))
-    report(f"after {old.cycles[what] - SAMPLE} times {what}", median_ms=f"{last:.2f}",
-           of_a_young_daemon=f"{first:.2f}", ratio=f"{last / first:.2f}")
+    report(
+        f"after {old.cycles[what] - SAMPLE} times {what}",
+        median_ms=f"{last:.2f}",
+        of_a_young_daemon=f"{first:.2f}",
+        ratio=f"{last / first:.2f}",
+    )
     return last / first
 
 

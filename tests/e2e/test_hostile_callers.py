@@ -12,7 +12,16 @@ import tempfile
 from array import array
 
 import pytest
-from jeepney import DBusAddress, Endianness, Header, HeaderFields, Message, MessageFlag, MessageType, new_signal
+from jeepney import (
+    DBusAddress,
+    Endianness,
+    Header,
+    HeaderFields,
+    Message,
+    MessageFlag,
+    MessageType,
+    new_signal,
+)
 
 from hostile import BASIC, MOST_OPEN, SLACK_BYTES, START_BYTES, Ground, HungUp, call, hello, start, stop
 from stress import report, size
@@ -25,14 +34,15 @@ BACKLOG_BYTES = 1024 * 1024  # thousands of calls in libdbus's queue
 # The tests use half of them.
 IN_FLIGHT = MOST_OPEN // 2
 many_descriptors = pytest.mark.skipif(MOST_OPEN < 1024, reason="the bus may not open enough descriptors")
-ERROR = "org.freedesktop.DBus.Error"
+DBUS = "org.freedesktop.DBus"
 CASES = {}
 
 # fmt: off
 STRANGE_TEXTS = (
-    "%n", "%s%s%s%s%s%s%s%s", "%999999d", "%1$n", "%p%x%hhn", "%", "%*d", "%.999999999s", *map(chr, range(1, 33)),
-    "\x7f", "\x80", "\x9f", "\x1b[2J\x1b]0;x\x07", "\r\n", "\b\b\b", "\u202e:1", ":1\u202c", "\u2066xhotkey\u2069",
-    "\ufeff:1", "e\u0301" * 100, "\ufffe\uffff", "\U0001f469\u200d\U0001f4bb", "\U0010ffff", "\u2028\u2029\u0085",
+    "%n", "%s%s%s%s%s%s%s%s", "%999999d", "%1$n", "%p%x%hhn", "%", "%*d", "%.999999999s",
+    *map(chr, range(1, 33)), "\x7f", "\x80", "\x9f", "\x1b[2J\x1b]0;x\x07", "\r\n", "\b\b\b", "\u202e:1",
+    ":1\u202c", "\u2066xhotkey\u2069", "\ufeff:1", "e\u0301" * 100, "\ufffe\uffff",
+    "\U0001f469\u200d\U0001f4bb", "\U0010ffff", "\u2028\u2029\u0085",
     "\n2026-01-01 00:00:00:cs/corvane-cs.cpp:1:segfault_handler: ERROR: Catch segfault signal.\n",
 )
 STRANGE_PATHS = (
@@ -233,7 +243,7 @@ def the_unique_name(ground, client):
 def replies_that_were_not_asked_for(ground, client):
     for serial in (1, 2, 3, 77, 0xFFFFFFFF):
         for destination in (NAME, ground.unique_name):
-            for error in (None, "a.b", f"{ERROR}.Disconnected", f"{ERROR}.NoMemory"):
+            for error in (None, "a.b", f"{DBUS}.Error.Disconnected", f"{DBUS}.Error.NoMemory"):
                 fields = {HeaderFields.path: f"{PATH}/DisplayManager", HeaderFields.destination: destination}
                 fields[HeaderFields.reply_serial] = serial
                 if error:
@@ -272,10 +282,11 @@ def unknown_types_of_messages(ground, client):
 
 @case
 def calls_that_libdbus_answers_itself(ground, client):
-    for method in ("Peer.Ping", "Peer.GetMachineId", "Introspectable.Introspect", "Properties.GetAll", "Peer.Other"):
+    methods = "Peer.Ping Peer.GetMachineId Introspectable.Introspect Properties.GetAll Peer.Other"
+    for method in methods.split():
         interface, _, member = method.partition(".")
-        client.send(call(member, interface=f"org.freedesktop.DBus.{interface}"))
-        client.send(call(member, interface=f"org.freedesktop.DBus.{interface}", path="/"))
+        client.send(call(member, interface=f"{DBUS}.{interface}"))
+        client.send(call(member, interface=f"{DBUS}.{interface}", path="/"))
 
 
 @case
@@ -290,8 +301,8 @@ def bytes_that_are_no_message(ground, client):
 
 @case
 def a_caller_that_asks_for_the_name(ground, client):
-    client.send(call("RequestName", "su", (NAME, 1 | 2), interface="org.freedesktop.DBus",
-                     path="/org/freedesktop/DBus", destination="org.freedesktop.DBus"))
+    bus = {"interface": DBUS, "path": "/org/freedesktop/DBus", "destination": DBUS}
+    client.send(call("RequestName", "su", (NAME, 1 | 2), **bus))
     client.settle()
     client.send(hello())
 
@@ -378,8 +389,12 @@ def test_a_hostile_caller_harms_no_other_caller(ground, name):
     growth = ground.memory() - memory
     assert growth <= SLACK_BYTES + backlog + runs * grows_by
     assert ground.machine.daemon.poll() is None
-    report(name, slowest_next_caller=f"{1000 * ground.slowest:.0f} ms", memory=f"{memory // 1024} KiB",
-           growth=f"{growth // 1024} KiB in {runs} runs")
+    report(
+        name,
+        slowest_next_caller=f"{1000 * ground.slowest:.0f} ms",
+        memory=f"{memory // 1024} KiB",
+        growth=f"{growth // 1024} KiB in {runs} runs",
+    )
 
 
 @many_descriptors

@@ -90,11 +90,14 @@ def test_a_line_begins_with_the_local_time(bus, zone, hours):
     assert all(before <= line.time <= after for line in bus.log())
 
 
-@pytest.mark.parametrize("seconds, local", [
-    (981173106, "2001-02-03 04:05:06"),
-    (946684799, "1999-12-31 23:59:59"),
-    (4102444800, "2100-01-01 00:00:00"),
-])
+@pytest.mark.parametrize(
+    "seconds, local",
+    [
+        (981173106, "2001-02-03 04:05:06"),
+        (946684799, "1999-12-31 23:59:59"),
+        (4102444800, "2100-01-01 00:00:00"),
+    ],
+)
 def test_the_time_has_leading_zeros_and_passes_the_year_2038(bus, seconds, local):
     bus.set_rule("time", seconds)
     bus.start_daemon(preloaded=True, environment={"TZ": "UTC0"})
@@ -189,7 +192,7 @@ def test_a_log_larger_than_2_gib_that_cannot_be_moved_is_appended_to(bus):
     os.truncate(LOG, 3 << 30)
     os.mkdir(OLD)
     bus.daemon = bus.launch()
-    caller = bus.wait_service()
+    bus.wait_service()
     bus.wait("line of the call", lambda: "dbus_dummy_hello_world: HelloWorld\n" in tail(LOG, 1000))
 
 

@@ -67,7 +67,9 @@ def test_hello_world_ignores_its_arguments(machine):
 
 OTHERS = (DISPLAY_MANAGER, NAME, "org.freedesktop.DBus.Properties")
 UNKNOWN_CALLS = [("HelloWorld", interface) for interface in OTHERS]
-UNKNOWN_CALLS += [(name, DUMMY) for name in ("GoodbyeWorld", "helloworld", "HelloWorlds")] + [("GoodbyeWorld", None)]
+UNKNOWN_CALLS += [(name, DUMMY) for name in ("GoodbyeWorld", "helloworld", "HelloWorlds")] + [
+    ("GoodbyeWorld", None)
+]
 
 
 @pytest.mark.parametrize("member, interface", UNKNOWN_CALLS)

@@ -151,12 +151,16 @@ def test_init_station_never_counts_as_running(machine):
 # ---- groups ----
 
 
-@pytest.mark.parametrize("group, actors", [
-    (1, ["local-login", "remote-login"]),
-    (2, ["press-fkey", "click-mouse", "disable-station"]),
-    (3, ["xhotkey"]),
-])
-def test_the_actors_of_a_group_exclude_each_other_and_a_stop_of_any_one_stops_the_group(machine, group, actors):
+GROUPS = {
+    1: ["local-login", "remote-login"],
+    2: ["press-fkey", "click-mouse", "disable-station"],
+    3: ["xhotkey"],
+}
+
+
+@pytest.mark.parametrize("group", GROUPS)
+def test_the_actors_of_a_group_exclude_each_other_and_a_stop_of_any_one_stops_the_group(machine, group):
+    actors = GROUPS[group]
     caller = machine.caller()
     refused = 0
     for first in actors:
@@ -182,10 +186,13 @@ def test_groups_and_stations_do_not_exclude_each_other(machine):
     machine.wait_log("child=", 6)
     assert caller.stop(":1", "click-mouse") is True
     machine.wait_log("keep_alive field is FALSE")
-    expected = [["corvane-ls", ":1"], ["corvane-xh", "-display", ":1"],
-                ["corvane-ls", ":2"],
-                ["corvane-pfk", "-display", ":2", "--mouse", "--verbose", "--logfile", "/var/log/corvane-pfk2.log"],
-                ["corvane-xh", "-display", ":2"]]
+    expected = [
+        ["corvane-ls", ":1"],
+        ["corvane-xh", "-display", ":1"],
+        ["corvane-ls", ":2"],
+        ["corvane-pfk", "-display", ":2", "--mouse", "--verbose", "--logfile", "/var/log/corvane-pfk2.log"],
+        ["corvane-xh", "-display", ":2"],
+    ]
     assert sorted(record.argv for record in machine.running()) == sorted(expected)
     assert len(records) == 6 and "is already running" not in machine.log_text()
 
@@ -214,7 +221,8 @@ def test_a_verbose_daemon_lists_all_stations_after_it_creates_one(bare, option):
     assert listing_of(":2147483647", "USB") == [made(2147483647), row(1, 5, 2), row(2, 2147483647, 3)]
     assert listing_of(":0", "COMMON") == [made(0), row(1, 5, 2), row(2, 2147483647, 3), row(3, 0, 1)]
     assert listing_of(":5", "USB") == [("dm_start_station_thread", "station thread for :5 exists.")]
-    assert listing_of(":1", "USB") == [made(1), row(1, 5, 2), row(2, 2147483647, 3), row(3, 0, 1), row(4, 1, 3)]
+    listing = [made(1), row(1, 5, 2), row(2, 2147483647, 3), row(3, 0, 1), row(4, 1, 3)]
+    assert listing_of(":1", "USB") == listing
 
 
 def test_without_the_verbose_option_no_station_is_listed(machine):
@@ -231,32 +239,34 @@ def test_each_display_gets_one_worker_which_never_ends(machine):
         assert caller.start(display, "init-station") is True
     machine.wait_log("No action needed", 6)
     machine.wait("end of the group threads", lambda: len(machine.threads()) == threads + 2)
-    assert [text for text in machine.texts() if text.startswith("Thread for Display")] == [
-        "Thread for Display 3 started...", "Thread for Display 4 started..."]
+    started = [text for text in machine.texts() if text.startswith("Thread for Display")]
+    assert started == ["Thread for Display 3 started...", "Thread for Display 4 started..."]
 
 
 # ---- the queue ----
 
 
 def test_the_requests_of_a_station_run_in_order_of_arrival(machine):
-    actors = ["local-login", "press-fkey", "xhotkey", "init-station", "click-mouse", "remote-login", "disable-station"]
+    actors = "local-login press-fkey xhotkey init-station click-mouse remote-login disable-station".split()
     codes = [2, 4, 7, 1, 5, 3, 6]
-    assert machine.caller().burst([start_call(":1", actor) for actor in actors] +
-                                  [stop_call(":1", actor) for actor in actors]) == 14 * [(True,)]
+    calls = [make(":1", actor) for make in (start_call, stop_call) for actor in actors]
+    assert machine.caller().burst(calls) == 14 * [(True,)]
     machine.wait_log("^.*: proc_method_stop$", 7)
+    groups = [(1, 0), (2, 0), (3, 0), (0, 0), (2, 1), (1, 1), (2, 1)]  # and whether each is running
     assert [text for text in machine.texts() if text.startswith("group:")] == [
-        "group:1, is_running:0", "group:2, is_running:0", "group:3, is_running:0", "group:0, is_running:0",
-        "group:2, is_running:1", "group:1, is_running:1", "group:2, is_running:1"]
+        f"group:{group}, is_running:{is_running}" for group, is_running in groups
+    ]
     requested = [text for text in machine.texts() if text.startswith(("Start requested", "display_num="))]
-    assert requested == ([f"Start requested actor code: {code} on display :1" for code in codes] +
-                         [f"display_num=1, actor_code={code}" for code in codes])
+    assert requested == (
+        [f"Start requested actor code: {code} on display :1" for code in codes]
+        + [f"display_num=1, actor_code={code}" for code in codes]
+    )
     machine.wait_log("sub process is not running", 4)
     stops = [line.text for line in machine.log() if line.function == "proc_method_stop"]
     stops = [text for text in stops if text != "proc_method_stop"]
     children = [text.rpartition("=")[2] for text in machine.texts() if "child=" in text]
-    not_running = "{DM} sub process is not running"
-    assert stops == [f"proc_method_stop: child_pid {children[0]}", f"proc_method_stop: child_pid {children[1]}",
-                     f"proc_method_stop: child_pid {children[2]}"] + 4 * [not_running]
+    signalled = [f"proc_method_stop: child_pid {child}" for child in children]
+    assert len(children) == 3 and stops == signalled + 4 * ["{DM} sub process is not running"]
 
 
 def test_all_requests_of_several_bursts_run_although_no_later_request_arrives(machine):

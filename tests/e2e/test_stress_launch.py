@@ -20,8 +20,14 @@ def test_every_launch_reaches_its_program_while_eight_threads_log_without_pause(
         os.symlink(LAUNCH_STRESS, f"/run/stage/actors/bin/{program}")
     launches = size(480, 5040)
     with open("/run/stage/figures", "w+") as output:  # a launch that hangs would keep a pipe open
-        run = subprocess.run([LAUNCH_STRESS, str(launches)], env=bare.environment(), stdin=subprocess.DEVNULL,
-                             stdout=output, stderr=subprocess.STDOUT, timeout=600)
+        run = subprocess.run(
+            [LAUNCH_STRESS, str(launches)],
+            env=bare.environment(),
+            stdin=subprocess.DEVNULL,
+            stdout=output,
+            stderr=subprocess.STDOUT,
+            timeout=600,
+        )
         output.seek(0)
         text = output.read()
     figures = re.fullmatch(r"launched (\d+) stuck (\d+) clean (\d+)\n", text)
@@ -33,8 +39,13 @@ def test_every_launch_reaches_its_program_while_eight_threads_log_without_pause(
 
 def test_no_child_crashes_while_the_creation_of_another_thread_fails(bare):
     forks = size(2000, 200_000 if not SANITIZER else 2000)
-    run = subprocess.run([f"{os.path.dirname(LAUNCH_STRESS)}/fork-stress", str(forks)], stdin=subprocess.DEVNULL,
-                         capture_output=True, text=True, timeout=1300)
+    run = subprocess.run(
+        [f"{os.path.dirname(LAUNCH_STRESS)}/fork-stress", str(forks)],
+        stdin=subprocess.DEVNULL,
+        capture_output=True,
+        text=True,
+        timeout=1300,
+    )
     figures = re.fullmatch(r"forks (\d+) crashed (\d+) refused (\d+)\n", run.stdout)
     assert figures, (run.returncode, run.stdout, run.stderr)
     made, crashed, refused = map(int, figures.groups())

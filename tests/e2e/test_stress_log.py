@@ -11,7 +11,8 @@ pytestmark = time_limit
 STATIONS = 16
 WHOLE = re.compile(
     r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d:(?:cs|plugins)/[\w./-]+\.cpp:\d+:"
-    r"(?:\w+|dm_handle_dbus_message dbus_message_get_path\(message\)): DEBUG: (?!.*\d\d:\d\d:\d\d:).+")
+    r"(?:\w+|dm_handle_dbus_message dbus_message_get_path\(message\)): DEBUG: (?!.*\d\d:\d\d:\d\d:).+"
+)
 
 
 def long_text(choice):

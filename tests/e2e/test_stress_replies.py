@@ -89,7 +89,9 @@ def median_of_maxima(who, times):
         slowest[int(moment)] = max(slowest.get(int(moment), 0), taken)
     median = statistics.median(slowest.values())
     typical = statistics.median(taken for _, taken in times)
-    report(who, replies=len(times), median_ms=f"{1000 * typical:.1f}", median_of_maxima_ms=f"{1000 * median:.1f}")
+    report(
+        who, replies=len(times), median_ms=f"{1000 * typical:.1f}", median_of_maxima_ms=f"{1000 * median:.1f}"
+    )
     return median
 
 
@@ -98,8 +100,10 @@ def test_no_reply_waits_for_an_actor_while_sixteen_stations_start_and_stop_witho
     choice = chance()
     length = size(5, 60)
     until = time.monotonic() + length
-    helpers = [Helper(machine.address, range(number, STATIONS, CALLERS), SEED + number, until)
-               for number in range(CALLERS)]
+    helpers = [
+        Helper(machine.address, range(number, STATIONS, CALLERS), SEED + number, until)
+        for number in range(CALLERS)
+    ]
     last_kill = time.monotonic()
     while time.monotonic() < until:
         for program in PROGRAMS:

@@ -77,5 +77,9 @@ def test_no_stranger_is_signalled_in_a_storm_of_starts_stops_deaths_and_failures
     assert strangers == []
     assert hits > 50 and {int(number) for _, number, _ in kills} == {signal.SIGTERM}
     assert stops > hits, "no stop came while a child was dead"
-    for failure in ("Unable to create child process.", "Unable to start thread for", "Unable to allocate memory"):
+    for failure in (
+        "Unable to create child process.",
+        "Unable to start thread for",
+        "Unable to allocate memory",
+    ):
         assert failure in log

@@ -89,8 +89,11 @@ def test_a_start_after_a_stop_does_not_wait_for_the_old_actor_and_its_actor_is_s
     machine.wait_log("Another process")
     assert transcript(machine, since) == [
         ("method_start_thread", f"Child process died: {first.pid}"),
-        ("method_start_thread", "Another process on the same actor group has been started: "
-                                f"{second.pid}. Exit from the current thread"),
+        (
+            "method_start_thread",
+            "Another process on the same actor group has been started: "
+            f"{second.pid}. Exit from the current thread",
+        ),
     ]
     machine.behave("corvane-xh", "stay")
     os.kill(second.pid, signal.SIGKILL)

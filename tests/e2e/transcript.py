@@ -20,14 +20,18 @@ FILES = {
 
 def arrival(member, interface="com.corvane.ControlServer.DisplayManager", kind=1):
     """The core's line for a message to the display manager."""
-    return ("ccs_dbus_message_handler",
-            f"obj=/com/corvane/ControlServer/DisplayManager, interface={interface}, member={member}, type={kind}")
+    return (
+        "ccs_dbus_message_handler",
+        f"obj=/com/corvane/ControlServer/DisplayManager, interface={interface}, member={member}, type={kind}",
+    )
 
 
 def unhandled(interface, member):
     """The display manager's line for a message that it does not handle."""
-    return ("dm_handle_dbus_message dbus_message_get_path(message)",
-            f"Unhandled message: obj={interface}, intf={member}, member=")
+    return (
+        "dm_handle_dbus_message dbus_message_get_path(message)",
+        f"Unhandled message: obj={interface}, intf={member}, member=",
+    )
 
 
 SET_UP = [

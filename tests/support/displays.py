@@ -66,8 +66,12 @@ class Screen:
     def open(self):
         """Starts the server and waits until it writes its display number, which means that it is ready."""
         ready, tell = os.pipe()
-        self.server = subprocess.Popen([*self.command, f":{self.number}", "-displayfd", str(tell)],
-                                       pass_fds=[tell], stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.server = subprocess.Popen(
+            [*self.command, f":{self.number}", "-displayfd", str(tell)],
+            pass_fds=[tell],
+            stdin=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+        )
         os.close(tell)
         with os.fdopen(ready) as text:
             assert text.readline() == f"{self.number}\n", f"no X server for display :{self.number}"
@@ -82,16 +86,21 @@ class Screen:
         """The visible windows, the topmost first; None if one has just been closed."""
         pid = self.display.get_atom("_NET_WM_PID")
         try:
-            shown = [window for window in reversed(self.root.query_tree().children)
-                     if window.get_attributes().map_state == X.IsViewable]
-            return [Window(window.get_wm_name(), window.get_full_property(pid, Xatom.CARDINAL).value[0])
-                    for window in shown]
+            shown = [
+                window
+                for window in reversed(self.root.query_tree().children)
+                if window.get_attributes().map_state == X.IsViewable
+            ]
+            return [
+                Window(window.get_wm_name(), window.get_full_property(pid, Xatom.CARDINAL).value[0])
+                for window in shown
+            ]
         except error.BadWindow:
             return None
 
     def picture(self):
         size = self.root.get_geometry()
-        image = self.root.get_image(0, 0, size.width, size.height, X.ZPixmap, 0xffffffff)
+        image = self.root.get_image(0, 0, size.width, size.height, X.ZPixmap, 0xFFFFFFFF)
         return Image.frombytes("RGB", (size.width, size.height), image.data, "raw", "BGRX")
 
     def press(self, key):
@@ -115,12 +124,15 @@ def pixels(number, titles):
 
 
 def colours(picture, places):
-    return {(x, y): picture.getpixel((x * picture.width // UNITS[0], y * picture.height // UNITS[1]))
-            for x, y in places}
+    return {
+        (x, y): picture.getpixel((x * picture.width // UNITS[0], y * picture.height // UNITS[1]))
+        for x, y in places
+    }
 
 
 class Stage(NamedTuple):
     """One stage of the story. Everything in it has been checked."""
+
     title: str
     text: str
     calls: list  # the calls to the daemon, as text
@@ -199,8 +211,8 @@ class Stations(Machine):
     def expect(self, number, *commands):
         """Waits until exactly these (title, command) are the windows of a display, the topmost first.
 
-        Each must belong to a process with this command line, and the screen must have the right colours. Returns
-        the pids in the same order.
+        Each must belong to a process with this command line, and the screen must have the right colours.
+        Returns the pids in the same order.
         """
         screen = self.screens[number]
         titles = self.titles[number] = [title for title, _ in commands]
@@ -212,8 +224,10 @@ class Stations(Machine):
             windows, running, picture = screen.windows(), self.actors(), screen.picture()
             if windows is None:
                 return False
-            seen = ([(window.title, running.get(window.pid)) for window in windows],
-                    colours(picture, expected[1]))
+            seen = (
+                [(window.title, running.get(window.pid)) for window in windows],
+                colours(picture, expected[1]),
+            )
             pids[:] = [window.pid for window in windows]
             return seen == expected
 
@@ -230,14 +244,21 @@ class Stations(Machine):
             expected = pixels(number, self.titles[number])
             assert colours(picture, expected) == expected, f"the picture of :{number} has other colours"
         text_of_log = self.log_text()
-        end = text_of_log.rfind("\n") + 1
-        log = [Line(raw) for raw in text_of_log[self.end_of_stage:end].splitlines() if raw]
+        begin, end = self.end_of_stage, text_of_log.rfind("\n") + 1
+        log = [Line(raw) for raw in text_of_log[begin:end].splitlines() if raw]
         self.end_of_stage = end
         calls, self.calls = self.calls, []
-        status = subprocess.run([os.environ["CORVANE_CTL"], "--bus", self.address, "status"],
-                                capture_output=True, text=True)
-        return Stage(title, text, calls, pictures, [f"{line.time[11:]}  {line.text}" for line in log],
-                     (status.stdout or status.stderr).splitlines())
+        status = subprocess.run(
+            [os.environ["CORVANE_CTL"], "--bus", self.address, "status"], capture_output=True, text=True
+        )
+        return Stage(
+            title,
+            text,
+            calls,
+            pictures,
+            [f"{line.time[11:]}  {line.text}" for line in log],
+            (status.stdout or status.stderr).splitlines(),
+        )
 
     # ---- the end ----
 

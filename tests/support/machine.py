@@ -93,7 +93,11 @@ class Machine:
         environment = {**(environment or {}), **({"LD_PRELOAD": PRELOAD} if preloaded else {})}
         popen = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **popen}
         return subprocess.Popen(
-            [DAEMON, *options], env=self.environment(**environment), stdin=subprocess.DEVNULL, text=True, **popen
+            [DAEMON, *options],
+            env=self.environment(**environment),
+            stdin=subprocess.DEVNULL,
+            text=True,
+            **popen,
         )
 
     def run(self, *options, timeout=30, **popen):

@@ -25,20 +25,25 @@ class Story:
         self.stations = stations
         a, b, c = self.numbers = list(stations.screens)
         # The windows of each station: (title, command line of the process).
-        self.login = {a: ("Login", f"corvane-ls :{a}"), b: ("Login", f"corvane-ls :{b}"),
-                      c: ("Login on localhost", f"corvane-ls :{c} -query localhost")}
+        self.login = {
+            a: ("Login", f"corvane-ls :{a}"),
+            b: ("Login", f"corvane-ls :{b}"),
+            c: ("Login on localhost", f"corvane-ls :{c} -query localhost"),
+        }
         self.watcher = {number: ("Hot key", f"corvane-xh -display :{number}") for number in self.numbers}
 
     def stages(self):
-        for chapter in (self.wait, self.log_in, self.type_hot_key, self.inject, self.disable, self.enable,
-                        self.kill_login, self.restart_login, self.stop):
-            title, text = chapter()
+        chapters = "wait log_in type_hot_key inject disable enable kill_login restart_login stop"
+        for chapter in chapters.split():
+            title, text = getattr(self, chapter)()
             yield self.stations.stage(title, text)
 
     def expect_logins_and_watchers(self):
         """Returns the pids of the logins."""
-        return {number: self.stations.expect(number, self.watcher[number], self.login[number])[1]
-                for number in self.numbers}
+        return {
+            number: self.stations.expect(number, self.watcher[number], self.login[number])[1]
+            for number in self.numbers
+        }
 
     def wait(self):
         self.stations.serve()
@@ -47,8 +52,9 @@ class Story:
         for number in self.numbers:
             self.stations.expect(number)
         return "The daemon waits", (
-            f"Three stations, each with its own display. The daemon is process {self.daemon}. It has received no "
-            "calls yet, and nothing runs on the displays.")
+            f"Three stations, each with its own display. The daemon is process {self.daemon}. It has "
+            "received no calls yet, and nothing runs on the displays."
+        )
 
     def log_in(self):
         a, b, c = self.numbers
@@ -57,8 +63,9 @@ class Story:
         self.stations.start(c, "remote-login", "COMMON")
         self.logins = {number: self.stations.expect(number, self.login[number])[0] for number in self.numbers}
         return "Login windows", (
-            f"Each station has its login window. :{a} and :{b} have the local one. :{c} has the remote one, for "
-            "a login on the host that the daemon names.")
+            f"Each station has its login window. :{a} and :{b} have the local one. :{c} has the remote one, "
+            "for a login on the host that the daemon names."
+        )
 
     def type_hot_key(self):
         a, b, c = self.numbers
@@ -69,8 +76,9 @@ class Story:
         self.watcher[b] = "Hot key, seen 1", self.watcher[b][1]
         assert self.expect_logins_and_watchers() == self.logins
         return "A hot key", (
-            f"Each station has a hot-key watcher. A user types F12 on :{b}. Only the watcher of :{b} sees the "
-            "key, and no login window receives it.")
+            f"Each station has a hot-key watcher. A user types F12 on :{b}. Only the watcher of :{b} sees "
+            "the key, and no login window receives it."
+        )
 
     def inject(self):
         a, b, c = self.numbers
@@ -86,8 +94,9 @@ class Story:
             line = f"{action} on :{number}\n"
             self.stations.wait(f"{line!r} in {log}", lambda: Path(log).read_text() == line, PATIENCE)
         return "Keys and clicks from a program", (
-            f"One injector presses F1 on :{a}, another one clicks on :{c}. The login windows there receive the "
-            f"key and the click. The login window of :{b} receives nothing.")
+            f"One injector presses F1 on :{a}, another one clicks on :{c}. The login windows there receive "
+            f"the key and the click. The login window of :{b} receives nothing."
+        )
 
     def disable(self):
         b = self.numbers[1]
@@ -95,14 +104,16 @@ class Story:
         self.stations.start(b, "disable-station", "USB")
         self.stations.expect(b, image, self.watcher[b], self.login[b])
         return "A station is disabled", (
-            f"An image covers the whole screen of :{b}. Its login window and its watcher still run.")
+            f"An image covers the whole screen of :{b}. Its login window and its watcher still run."
+        )
 
     def enable(self):
         b = self.numbers[1]
         self.stations.stop(b, "disable-station")
         assert self.expect_logins_and_watchers() == self.logins
         return "And enabled again", (
-            f"The image of :{b} is stopped. The login and the watcher are the same processes as before.")
+            f"The image of :{b} is stopped. The login and the watcher are the same processes as before."
+        )
 
     def kill_login(self):
         a = self.numbers[0]
@@ -111,8 +122,9 @@ class Story:
         self.stations.calls.append(f"process {self.logins[a]} is killed")
         self.stations.expect(a, self.watcher[a])
         return "A login is killed", (
-            f"The login window of :{a}, process {self.logins[a]}, is gone. Its watcher and the other stations "
-            "are unaffected.")
+            f"The login window of :{a}, process {self.logins[a]}, is gone. Its watcher and the other "
+            "stations are unaffected."
+        )
 
     def restart_login(self):
         a = self.numbers[0]
@@ -122,13 +134,17 @@ class Story:
         away = start_of(self.logins[a]) - self.killed
         assert RESTART_PAUSE - 0.1 < away < RESTART_PAUSE + 2, f"the login was relaunched after {away:.2f} s"
         return "And is back two seconds later", (
-            f"The daemon has relaunched it as process {self.logins[a]}, {away:.1f} s after process {before[a]} "
-            "exited.")
+            f"The daemon has relaunched it as process {self.logins[a]}, {away:.1f} s after process "
+            f"{before[a]} exited."
+        )
 
     def stop(self):
         a, b, c = self.numbers
-        for number, actors in ((a, ("local-login", "press-fkey", "xhotkey")), (b, ("local-login", "xhotkey")),
-                               (c, ("remote-login", "click-mouse", "xhotkey"))):
+        for number, actors in (
+            (a, ("local-login", "press-fkey", "xhotkey")),
+            (b, ("local-login", "xhotkey")),
+            (c, ("remote-login", "click-mouse", "xhotkey")),
+        ):
             for actor in actors:
                 self.stations.stop(number, actor)
         for number in self.numbers:
@@ -138,4 +154,5 @@ class Story:
         self.stations.wait_gone(self.daemon, PATIENCE)
         assert self.stations.pid_file() is None
         return "Everything is stopped", (
-            "All actors are stopped, and then the daemon. No window, actor, daemon or pid file is left.")
+            "All actors are stopped, and then the daemon. No window, actor, daemon or pid file is left."
+        )
