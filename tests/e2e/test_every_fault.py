@@ -328,4 +328,4 @@ def test_a_reply_that_fails_a_thousand_times_is_given_up_and_logged(bare):
         caller.send_all([plugin_call("Dummy", "HelloWorld")])
         bare.wait("last attempt", lambda: not bare.is_pending(failing))
         assert caller.hello() == "How are you?"
-    assert bare.logged().count("common/bus.cpp bus_reply: {EE} Unable to reply to HelloWorld") == 3
+    assert bare.logged().count("common/reply.cpp bus_reply: {EE} Unable to reply to HelloWorld") == 3
