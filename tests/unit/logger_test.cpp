@@ -262,7 +262,7 @@ TEST_F(LogWrite, each_message_follows_its_local_time) {
     const char* zone;
     time_t time;
     std::string prefix;
-  } cases[] = {{"EST5:30", 1073038986, "2004-01-02 04:53:06:"},  // five and a half hours behind UTC
+  } cases[] = {{"EST5:30", 1073038986, "2004-01-02 04:53:06:"},  // UTC minus five and a half hours
                {"UTC0", 1078293845, "2004-03-03 06:04:05:"},
                {"UTC0", 1103674272, "2004-12-22 00:11:12:"},
                {"UTC0", 0, "1970-01-01 00:00:00:"},
