@@ -33,9 +33,18 @@ void* realloc(void* memory, size_t size) {
   return NO_MEMORY() ? NULL : REAL(realloc)(memory, size);
 }
 
+// A look-up frees the text of an earlier look-up that failed, which would never end here. That text is lost.
 void free(void* memory) {
+  static void (*real_free)(void*);
+  static volatile int is_in_look_up;  // the compiler assumes that dlsym() does not call back
+  if (is_in_look_up) return;
+  if (!real_free) {
+    is_in_look_up = 1;
+    real_free = REAL(free);
+    is_in_look_up = 0;
+  }
   while (exists(RULES "heap")) wait_microseconds(1000);
-  REAL(free)(memory);
+  real_free(memory);
 }
 
 char* strdup(const char* text) {
