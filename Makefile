@@ -47,7 +47,7 @@ help:
 	@echo 'make check-installed'
 	@echo '                 checks only the installed files (as root)'
 	@echo 'make check-boot  boots virtual machines with the packages, and checks them (as root)'
-	@echo 'make soak        runs the long stress tests'
+	@echo 'make soak        runs the long stress tests and the long form of the explorer'
 	@echo 'make check-variants'
 	@echo '                 removes one mechanism at a time and shows that the explorer of interleavings notices'
 	@echo 'make bench       compares the daemon with other programs, in four minutes; bench-smoke: exact counts'
@@ -97,17 +97,18 @@ stories:
 whole-machine:
 	@tools/check-machine root namespaces
 
-# In `make check` the stress tests last seconds; here they last long enough to use up a resource.
+# The stress tests and the explorer of interleavings: `make check` runs them for seconds, and here they last long
+# enough to use up a resource.
 soak: stories build-release
 	@mkdir -p build/release/stories
 	CORVANE_SOAK=1 ctest --preset release -L soak
-	@tail -n 1 build/release/stories/interleavings.*.txt
+	@cat build/release/stories/interleavings.*.txt
 
-# Prints the order in which the explorer notices each missing mechanism.
+# Prints how many schedules the explorer needs to notice each missing mechanism.
 check-variants: build-release
 	cmake --build --preset release --target variants
 	@ctest --preset release -C variants -R '^variant' -j $$(nproc) -V | \
-	  grep -E 'order .* of|tests (passed|failed)'
+	  grep -E 'schedule .* fails|tests (passed|failed)'
 
 # dpkg-buildpackage writes into the sources and beside them, so it gets a copy of the files that are not
 # ignored.

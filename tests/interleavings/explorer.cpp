@@ -1,21 +1,24 @@
 // SPDX-License-Identifier: MIT
-// explorer.cpp: coroutines, the depth-first search over their orders, and the hash of a state.
+// explorer.cpp: the depth-first search over all schedules, and the hash of a state.
+//
+// The search keeps the options of each point on the path of the running schedule. The next schedule follows
+// the same path up to the last point that has another option, and need not look for options before it.
 #include "tests/interleavings/explorer.h"
 
-#include <sys/mman.h>
-#include <ucontext.h>
-
 #include <algorithm>
+#include <array>
 #include <cstdlib>
+#include <deque>
 #include <map>
-#include <memory>
 #include <unordered_map>
+
+#include "tests/interleavings/memory.h"
 
 namespace {
 
-constexpr size_t stack_size = size_t{128} * 1024;
 constexpr size_t most_steps = 4000;
 constexpr uint64_t awake = 0;
+constexpr int no_thread = -1;
 
 uint64_t mix(uint64_t value, uint64_t other) {
   value = (value + 1) * 0x9e3779b97f4a7c15ULL + (other + 1) * 0xc2b2ae3d27d4eb4fULL;
@@ -23,329 +26,291 @@ uint64_t mix(uint64_t value, uint64_t other) {
   return value ^ (value >> 29U);
 }
 
-struct Coroutine : Thread {
-  ucontext_t context;
-  char* stack;
-  int made = 0;  // threads that it has made
-  uint64_t hash;
+struct SimulatedThread : Thread {
+  int index = 0;  // in the explorer's list
+  Coroutine* coroutine = nullptr;
+  int threads_made = 0;
+  uint64_t hash = 0;
   uint64_t wake_at = awake;
-  Step next;
-  std::function<bool()> can_go;
+  const std::function<bool()>* can_run = nullptr;  // on its stack; null: always
 };
 
-// What has been done to an object: the last change, and what was read since.
+// What was done to an object: the last change, and the reads since.
 struct History {
+  const void* object = nullptr;
+  uint64_t schedule = 0;  // to which this belongs
   uint64_t change = 0;
   uint64_t reads = 0;
-  uint64_t order = 0;  // the one in which this holds
 };
 
-// One way to go on.
+// The histories of all objects: a hash table. A row of an earlier schedule counts as empty.
+class Histories {
+ public:
+  void begin() {
+    ++schedule_;
+    used_ = 0;
+  }
+  History& operator[](const void* object) {
+    size_t row = static_cast<size_t>(mix(reinterpret_cast<uintptr_t>(object), 0)) % rows_.size();
+    while (rows_[row].schedule == schedule_ && rows_[row].object != object) row = (row + 1) % rows_.size();
+    if (rows_[row].schedule != schedule_) {
+      if (++used_ == rows_.size()) abort();
+      rows_[row] = {.object = object, .schedule = schedule_};
+    }
+    return rows_[row];
+  }
+
+ private:
+  std::array<History, 1024> rows_;
+  uint64_t schedule_ = 0;
+  size_t used_ = 0;
+};
+
+// One way to continue: a thread or an external event.
 struct Option {
-  Coroutine* thread;  // null: the happening
-  int happening;
+  int thread;  // its index, or no_thread
+  int event;
   int cost;
 };
 
-// A point with several ways, and the one that was taken.
-struct Choice {
-  size_t ways;
+// A schedule point. Its options end where those of the next point begin.
+struct Point {
+  size_t first;
   size_t taken;
 };
 
-class Explorer {
- public:
-  Explorer(const World& world, int bound) : world_(world), bound_(bound) {}
-
-  void run_all(Finding* finding, uint64_t only);
-
-  // All that follows is of the order that runs.
-  void leave();
-  void choose();
-  void count(Coroutine* thread, const Step& step);
-  void count_for(uint64_t* hash, const Step& step);
-
-  std::vector<Thread*> threads;
-  std::vector<std::unique_ptr<Coroutine>> owned;
-  Coroutine* current = nullptr;
-  uint64_t now = 1;
-  uint64_t sum = 0;  // of the hashes of all threads and objects
-  std::map<int, uint64_t> happening_hashes;
-  std::unordered_map<const void*, History> objects;
-  uint64_t order = 0;
+// The running schedule.
+struct Schedule {
+  std::deque<SimulatedThread> threads;
+  SimulatedThread* current = nullptr;  // runs, or ran last
+  uint64_t now = 1;                    // in microseconds
+  uint64_t sum = 0;                    // of the hashes of all threads, objects and external events
+  std::map<int, uint64_t> event_hashes;
+  int preemptions = 0;
+  size_t depth = 0;  // how many points of the path it has passed
   std::string failure;
-  bool is_listing = false;
-  std::vector<std::string> list;
-  ucontext_t outside = {};
-  const World& world_;
+  std::vector<std::string> steps;
+} run;
 
- private:
-  void find_options();
-  void take(const Option& option);
-  void run_one();
-  bool next_order();
-  bool is_known();
+// The search for schedules with up to `bound` preemptions.
+struct Search {
+  int bound = 0;
+  std::vector<Point> path;
+  std::vector<Option> options;
+  std::unordered_map<uint64_t, int> known;  // states, and the fewest preemptions that led there
+} search;
 
-  int bound_;
-  int used_ = 0;
-  size_t steps_ = 0;
-  size_t depth_ = 0;
-  std::vector<Choice> path_;
-  std::unordered_map<uint64_t, int> known_;  // states, and the fewest preemptions that led there
-  std::vector<Happening> happenings_;
-  std::vector<Option> options_;
-};
+Histories histories;
+bool is_listed = false;
 
-Explorer* explorer;
-
-// The stacks of all threads. An id has a digit of three bits for each generation, so that it is the same in
-// every order; not all are used.
-char* map_for_all(size_t size) {
-  void* area = mmap(nullptr, most_threads * size, PROT_READ | PROT_WRITE,
-                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (area == MAP_FAILED) abort();
-  return static_cast<char*>(area);
-}
-
-char* stack_of(int id) {
-  static char* const stacks = map_for_all(stack_size);
-  char* stack = stacks + static_cast<size_t>(id) * stack_size;
-  return stack;
-}
-
-void body() {
-  Coroutine* self = explorer->current;
-  explorer->count(self, self->next);
-  self->body(self->data);
-  self->has_ended = true;
-  tell(self->name + " ends");
-  self->can_go = [] { return false; };
-  explorer->choose();
-  abort();
-}
-
-void Explorer::count_for(uint64_t* hash, const Step& step) {
-  History& history = objects[step.object];
-  if (history.order != order) history = {.order = order};
-  sum -= *hash + mix(history.change, history.reads);
+// Adds a step to the hash of a thread or an external event.
+void add_step(uint64_t* hash, const Step& step) {
+  History& history = histories[step.object];
+  run.sum -= *hash + mix(history.change, history.reads);
   if (step.changes) {
     *hash = mix(mix(*hash, history.change), history.reads);
-    history = {*hash, 0, order};
+    history.change = *hash;
+    history.reads = 0;
   } else {
     *hash = mix(*hash, history.change);
     history.reads += *hash;
   }
-  sum += *hash + mix(history.change, history.reads);
+  run.sum += *hash + mix(history.change, history.reads);
 }
 
-void Explorer::count(Coroutine* thread, const Step& step) {
-  count_for(&thread->hash, step);
-  if (is_listing) tell(thread->name + " " + world_.describe(step));
+void count(SimulatedThread* thread, const Step& step) {
+  add_step(&thread->hash, step);
+  if (is_listed) list_step(thread->name + " ", describe(step));
 }
 
-// Ends the order that runs.
-void Explorer::leave() {
-  swapcontext(&current->context, &outside);
+void run_thread() {
+  SimulatedThread* self = run.current;
+  count(self, self->next);
+  self->body(self->data);
+  self->has_ended = true;
+  list_step(self->name, " ends");
+  coroutine_leave();
   abort();
 }
 
-bool Explorer::is_known() {
-  const uint64_t state = mix(mix(sum, static_cast<uint64_t>(current->id)), now);
-  const auto [known, is_new] = known_.try_emplace(state, used_);
+bool is_known() {
+  const uint64_t state = mix(mix(run.sum, static_cast<uint64_t>(run.current->id)), run.now);
+  const auto [known, is_new] = search.known.try_emplace(state, run.preemptions);
   if (is_new) return false;
-  if (known->second <= used_) return true;
-  known->second = used_;
+  if (known->second <= run.preemptions) return true;
+  known->second = run.preemptions;
   return false;
 }
 
-void Explorer::find_options() {
-  std::vector<Option>& found = options_;
-  found.clear();
-  const auto can_go = [this](const Coroutine& thread) {
-    return thread.wake_at <= now && !thread.has_ended && (!thread.can_go || thread.can_go());
+void add_option(int thread, int event, int cost) {
+  if (run.preemptions + cost <= search.bound) search.options.push_back({thread, event, cost});
+}
+
+// Appends the options of a new point, except those that need too many preemptions.
+void find_options() {
+  const auto can_run = [](const SimulatedThread& thread) {
+    return thread.wake_at <= run.now && !thread.has_ended && (!thread.can_run || (*thread.can_run)());
   };
-  if (can_go(*current)) found.push_back({current, 0, 0});
-  const int cost = found.empty() ? 0 : 1;
-  for (const auto& thread : owned) {
-    if (thread.get() != current && can_go(*thread)) found.push_back({thread.get(), 0, cost});
+  const bool current_can_run = can_run(*run.current);
+  if (current_can_run) add_option(run.current->index, 0, 0);
+  bool none_can_run = !current_can_run;
+  uint64_t first_wake = UINT64_MAX;
+  for (const SimulatedThread& thread : run.threads) {
+    if (thread.wake_at > run.now) first_wake = std::min(first_wake, thread.wake_at);
+    if (&thread == run.current || !can_run(thread)) continue;
+    add_option(thread.index, 0, current_can_run ? 1 : 0);
+    none_can_run = false;
   }
-  // The clock goes on, and children die, by themselves when no thread can go on. Earlier, that costs as much
-  // as a preemption.
-  const int early = found.empty() ? 0 : 1;
-  uint64_t first = UINT64_MAX;
-  for (const auto& thread : owned) {
-    if (thread->wake_at > now) first = std::min(first, thread->wake_at);
+  const int early = none_can_run ? 0 : 1;
+  for (const SimulatedThread& thread : run.threads) {
+    if (thread.wake_at > run.now) add_option(thread.index, 0, thread.wake_at == first_wake ? early : 1);
   }
-  for (const auto& thread : owned) {
-    if (thread->wake_at > now) found.push_back({thread.get(), 0, thread->wake_at == first ? early : 1});
-  }
-  happenings_.clear();
-  world_.find_happenings(&happenings_);
-  const bool is_at_rest = found.empty() && std::none_of(happenings_.begin(), happenings_.end(),
-                                                        [](const Happening& each) { return each.is_urgent; });
-  if (is_at_rest) world_.rest();
-  for (const Happening& each : happenings_) found.push_back({nullptr, each.id, early});
-  std::erase_if(found, [this](const Option& option) { return used_ + option.cost > bound_; });
+  const std::vector<ExternalEvent> events = find_events();
+  for (const ExternalEvent& event : events) add_option(no_thread, event.id, early);
+  if (none_can_run && first_wake == UINT64_MAX && std::ranges::none_of(events, &ExternalEvent::is_urgent))
+    check_end();
 }
 
-void Explorer::take(const Option& option) {
-  used_ += option.cost;
-  if (option.thread) {
-    now = std::max(now, option.thread->wake_at);
-    option.thread->wake_at = awake;
-    Coroutine* from = current;
-    current = option.thread;
-    if (from != current) swapcontext(&from->context, &current->context);
-    return;
+// Adds the point that the schedule has reached to the path. Returns false if the schedule ends here.
+bool add_point() {
+  const size_t first = search.options.size();
+  find_options();
+  if (search.options.size() == first || !run.failure.empty() || (!is_listed && is_known())) {
+    search.options.resize(first);
+    return false;
   }
-  world_.happen(option.happening);
+  search.path.push_back({first, first});
+  return true;
 }
 
-// Returns on the running coroutine when it is chosen.
-void Explorer::choose() {
-  Coroutine* self = current;
-  for (bool is_chosen = false; !is_chosen;) {
-    if (++steps_ > most_steps) fail("this never rests");
-    find_options();
-    const std::vector<Option>& found = options_;
-    if (found.empty()) leave();
-    const bool is_new = depth_ == path_.size();
-    if (is_new && !is_listing && is_known()) leave();
-    if (is_new && found.size() > 1) path_.push_back({found.size(), 0});
-    const Option option = found.size() > 1 ? found[path_[depth_++].taken] : found[0];
-    is_chosen = option.thread != nullptr;
-    take(option);
+// Chooses the thread that runs next. External events may happen first. Returns false if the schedule ends.
+bool choose() {
+  for (;;) {
+    if (run.depth == most_steps) report("this never ends");
+    if (!run.failure.empty() || (run.depth == search.path.size() && !add_point())) return false;
+    const Option option = search.options[search.path[run.depth++].taken];
+    run.preemptions += option.cost;
+    if (option.thread != no_thread) {
+      run.current = &run.threads[static_cast<size_t>(option.thread)];
+      run.now = std::max(run.now, run.current->wake_at);
+      run.current->wake_at = awake;
+      return true;
+    }
+    raise_event(option.event);
   }
-  if (current != self) abort();
 }
 
-void Explorer::run_one() {
-  threads.clear();
-  owned.clear();
-  ++order;
-  happening_hashes.clear();
-  list.clear();
-  current = nullptr;
-  failure.clear();
-  sum = 0;
-  now = 1;
-  used_ = 0;
-  steps_ = depth_ = 0;
-  world_.begin();
-  current = owned.front().get();
-  swapcontext(&outside, &current->context);
-  current = nullptr;
-}
-
-// The next order by depth: the last point that has another way goes on with it.
-bool Explorer::next_order() {
-  while (!path_.empty() && ++path_.back().taken == path_.back().ways) path_.pop_back();
-  return !path_.empty();
-}
-
-void Explorer::run_all(Finding* finding, uint64_t only) {
-  explorer = this;
+void run_one() {
+  run = {};
+  histories.begin();
+  begin_story();
+  run.current = &run.threads.front();
   do {
-    ++finding->schedules;
-    is_listing = finding->schedules == only;
-    run_one();
-    if (is_listing || !failure.empty()) break;
-  } while (next_order());
-  finding->states = known_.size();
-  finding->bound = bound_;
-  finding->failure = failure;
-  finding->steps = list;
-  if (!failure.empty() && !is_listing) {  // once more, with its steps
-    is_listing = true;
-    run_one();
-    finding->steps = list;
+    coroutine_resume(run.current->coroutine);
+  } while (choose());
+}
+
+bool next_schedule() {
+  while (!search.path.empty()) {
+    if (++search.path.back().taken < search.options.size()) return true;
+    search.options.resize(search.path.back().first);
+    search.path.pop_back();
   }
-  explorer = nullptr;
+  return false;
 }
 
 }  // namespace
 
-char* const arenas = map_for_all(arena_size);
-
-Finding explore(const World& world, int bound) {
-  Finding finding;
-  for (int each = 0; each <= bound && finding.failure.empty(); ++each)
-    Explorer(world, each).run_all(&finding, 0);
-  return finding;
+Result explore(int bound, uint64_t listed) {
+  Result result;
+  is_listed = false;
+  for (int each = 0; each <= bound && !is_listed && run.failure.empty(); ++each) {
+    search = {};
+    search.bound = each;
+    do {
+      is_listed = ++result.schedules == listed;
+      run_one();
+    } while (!is_listed && run.failure.empty() && next_schedule());
+  }
+  if (!run.failure.empty() && !is_listed) {
+    is_listed = true;
+    run_one();
+  }
+  result.states = search.known.size();
+  result.bound = search.bound;
+  result.failure = run.failure;
+  result.steps = run.steps;
+  run = {};
+  return result;
 }
 
-Finding replay(const World& world, int bound, uint64_t number) {
-  Finding finding;
-  for (int each = 0; each <= bound && finding.schedules < number && finding.failure.empty(); ++each)
-    Explorer(world, each).run_all(&finding, number);
-  return finding;
-}
-
-Thread* make_thread(const std::string& name, void* (*body_of_it)(void*), void* data) {
-  Coroutine* maker = explorer->current;
-  auto made = std::make_unique<Coroutine>();
-  made->id = maker ? maker->id * 8 + ++maker->made : 0;
-  made->name = name;
-  made->body = body_of_it;
-  made->data = data;
-  if (made->id >= static_cast<int>(most_threads)) fail("more threads than the story is made for");
-  made->stack = stack_of(made->id);
-  made->arena = arenas + static_cast<size_t>(made->id) * arena_size;
-  made->hash = mix(static_cast<uint64_t>(made->id), maker ? maker->hash : 1);
-  explorer->sum += made->hash;
-  made->next = {"begins", made->arena};
-  getcontext(&made->context);
-  made->context.uc_stack.ss_sp = made->stack;
-  made->context.uc_stack.ss_size = stack_size;
-  makecontext(&made->context, body, 0);
-  explorer->threads.push_back(made.get());
-  explorer->owned.push_back(std::move(made));
-  return explorer->threads.back();
+Thread* make_thread(const std::string& name, void* (*body)(void*), void* data) {
+  SimulatedThread* maker = run.current;
+  const int id = maker ? maker->id * 8 + ++maker->threads_made : 0;  // the same in every schedule
+  if (id >= static_cast<int>(most_threads)) fail("the story creates too many threads");
+  SimulatedThread& made = run.threads.emplace_back();
+  made.id = id;
+  made.index = static_cast<int>(run.threads.size()) - 1;
+  made.name = name;
+  made.body = body;
+  made.data = data;
+  made.memory = memory_of_thread(id);
+  made.next = {"begins", made.memory};
+  made.coroutine = coroutine_begin(id, run_thread);
+  made.hash = mix(static_cast<uint64_t>(id), maker ? maker->hash : 1);
+  run.sum += made.hash;
+  return &made;
 }
 
 Thread* running_thread() {
-  return explorer ? explorer->current : nullptr;
+  return run.current;
 }
 
-const std::vector<Thread*>& all_threads() {
-  return explorer->threads;
+std::vector<const Thread*> all_threads() {
+  std::vector<const Thread*> all;
+  for (const Thread& thread : run.threads) all.push_back(&thread);
+  return all;
 }
 
-void schedule(const Step& step, const std::function<bool()>& can_go) {
-  Coroutine* self = explorer->current;
+void schedule(const Step& step, const std::function<bool()>& can_run) {
+  SimulatedThread* self = run.current;
   self->next = step;
-  self->can_go = can_go;
-  explorer->choose();
-  self->can_go = nullptr;
-  explorer->count(self, step);
+  self->can_run = can_run ? &can_run : nullptr;
+  coroutine_leave();
+  self->can_run = nullptr;
+  count(self, step);
 }
 
 void schedule_sleep(uint64_t microseconds) {
-  Coroutine* self = explorer->current;
-  self->wake_at = explorer->now + microseconds;
-  explorer->sum -= self->hash;
+  SimulatedThread* self = run.current;
+  self->wake_at = run.now + microseconds;
+  run.sum -= self->hash;
   self->hash = mix(self->hash, self->wake_at);
-  explorer->sum += self->hash;
-  schedule({"has slept", self->arena});
+  run.sum += self->hash;
+  schedule({"has slept", self->memory});
 }
 
-void note(const Step& step) {
-  explorer->count_for(&explorer->current->hash, step);
+void record(const Step& step) {
+  add_step(&run.current->hash, step);
 }
 
-void note_happening(int id, const Step& step) {
-  uint64_t& hash = explorer->happening_hashes[id];
-  explorer->count_for(&hash, step);
-  tell(explorer->world_.describe(step));
+void record_event(int id, const Step& step) {
+  add_step(&run.event_hashes[id], step);
+  if (is_listed) list_step("", describe(step));
 }
 
-void tell(const std::string& text) {
-  if (explorer->is_listing) explorer->list.push_back(text);
+void list_step(std::string_view start, std::string_view end) {
+  if (is_listed) run.steps.emplace_back(start).append(end);
+}
+
+void report(const std::string& why) {
+  if (!run.failure.empty()) return;
+  run.failure = why;
+  list_step("FAILURE: ", why);
 }
 
 void fail(const std::string& why) {
-  explorer->failure = why;
-  tell("FAILURE: " + why);
-  explorer->leave();
+  report(why);
+  coroutine_leave();
   abort();
 }

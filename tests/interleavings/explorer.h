@@ -1,104 +1,110 @@
 // SPDX-License-Identifier: MIT
-// explorer: runs a story again and again, each time with another order of its threads' steps.
+// explorer: runs a story many times, each time with another schedule: another order of its threads' steps.
 //
 // The threads of a story are coroutines of one real thread. Before each step that other threads could notice
-// (a schedule point), the explorer decides which thread goes on. It tries every decision that needs at most
-// `bound` preemptions: switches away from a thread that could have gone on. A sleep that ends, or a death,
-// while a thread could go on counts as one.
+// (a schedule point), the explorer chooses the thread that runs next. It tries every choice that needs at
+// most `bound` preemptions. A preemption is a switch away from a thread that could have continued. The end of
+// a sleep, or an external event, also counts as one if a thread could have run instead.
 //
-// Two orders that differ only in steps that do not affect each other lead to the same state. The explorer
-// gives each state a hash of what its threads have done, and of what affected that (the happens-before
-// relation), and leaves a state that it has seen before with no fewer preemptions left.
+// Schedules that differ only in steps that do not affect each other lead to the same state. The explorer
+// hashes what each thread has done and what affected that (the happens-before relation). It abandons a
+// schedule in a state that it has reached before with as few preemptions.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-/** What a thread is about to do at a schedule point. */
+#include "tests/interleavings/coroutine.h"
+
+/** What a thread does at a schedule point. */
 struct Step {
   const char* what;              // "locks", "reads"
-  const void* object = nullptr;  // two steps affect each other if they have it in common, and one changes it
+  const void* object = nullptr;  // two steps affect each other if they share it and one of them changes it
   bool changes = true;
 };
 
-/** Something that can happen beside the threads, such as a death. */
-struct Happening {
-  int id;          // the same for the same happening in every order
-  bool is_urgent;  // it comes by itself when no thread can go on; without it, the story may also rest
+/** Something that can happen without a thread, such as the death of a process. */
+struct ExternalEvent {
+  int id;          // the same in every schedule
+  bool is_urgent;  // when no thread can run, it must happen; other events need not
 };
 
-/** What the explorer asks of the story's world. */
-struct World {
-  std::function<void()> begin;  // puts everything back and makes the first thread
-  std::function<void(std::vector<Happening>* all)> find_happenings;
-  std::function<void(int id)> happen;
-  std::function<void()> rest;                        // checks what is left when nothing happens any more
-  std::function<std::string(const Step&)> describe;  // a step, for the list of a failing order
-};
-
-struct Finding {
-  uint64_t schedules = 0;  // orders tried, the failing one included
-  uint64_t states = 0;
-  int bound = 0;                   // that was reached, or of the failure
-  std::string failure;             // empty: none
-  std::vector<std::string> steps;  // of the failing order
-};
-
-/** Tries all orders of up to `bound` preemptions, those with fewer first; stops at the first failure. */
-Finding explore(const World& world, int bound);
-
-/** The steps of schedule `number` of the orders with up to `bound` preemptions, as explore counts them. */
-Finding replay(const World& world, int bound, uint64_t number);
-
-// ---- for the world ------------------------------------------------------------------------------------
-
-inline constexpr size_t arena_size = size_t{64} * 1024;
-inline constexpr size_t most_threads = 256;
-
-/** The arenas of all threads, one after the other in the order of their ids. */
-extern char* const arenas;
-
-/** A thread of the story. Its identity, stack and memory do not depend on the order of the steps. */
+/** A thread of the story. Its id and its memory do not depend on the schedule. */
 struct Thread {
   int id;
   std::string name;
   void* (*body)(void*);
   void* data;
+  const char* memory;  // its heap
+  Step next;           // what it is about to do
   bool has_ended = false;
-  std::vector<std::string> lines;  // that it has logged
-  char* arena;                     // arena_size bytes, for its memory
-  size_t arena_used = 0;
+
+  // Used by the world only.
+  std::string log;             // its messages, one on each line
+  const char* owes = nullptr;  // what it must log or do next
 };
+
+struct Result {
+  uint64_t schedules = 0;          // that were run, the failed one included
+  uint64_t states = 0;             // that differ, of the schedules with the most preemptions
+  int bound = 0;                   // the most preemptions of the last schedules
+  std::string failure;             // empty: none
+  std::vector<std::string> steps;  // of the failed or listed schedule
+};
+
+/**
+ * Runs all schedules with up to `bound` preemptions, those with fewer first. Stops at the first failure, or
+ * at schedule `listed`, and lists its steps.
+ */
+Result explore(int bound, uint64_t listed = 0);
+
+// ---- defined by the world, called between steps -------------------------------------------------------
+
+/** Restores the initial state and makes the first thread. */
+void begin_story();
+
+std::vector<ExternalEvent> find_events();
+void raise_event(int id);
+
+/** Called when nothing more will happen, except events that are not urgent. */
+void check_end();
+
+/** A step, for the list. */
+std::string describe(const Step& step);
+
+// ---- for the world ------------------------------------------------------------------------------------
+
+inline constexpr size_t most_threads = most_coroutines;
 
 /** Makes a thread that begins with `body(data)`. It does not run before it is chosen. */
 Thread* make_thread(const std::string& name, void* (*body)(void*), void* data);
 
-/** The thread that runs; null outside a story. */
+/** The thread that runs, or that ran last; null outside a story. */
 Thread* running_thread();
 
-/** All threads made so far. */
-const std::vector<Thread*>& all_threads();
+std::vector<const Thread*> all_threads();
 
-/** A schedule point: returns when the running thread is chosen, which it is only while `can_go` is true. */
-void schedule(const Step& step, const std::function<bool()>& can_go = {});
+/** A schedule point: returns when the running thread is chosen, which it is only while `can_run` is true. */
+void schedule(const Step& step, const std::function<bool()>& can_run = {});
 
-/** The same for a thread that sleeps until the story's clock, in microseconds, says so. */
+/** A schedule point of a thread that sleeps. Time is simulated. */
 void schedule_sleep(uint64_t microseconds);
 
-/** Notes a step that is no schedule point, so that it counts for what affects what. */
-void note(const Step& step);
+/** Records a step that is no schedule point but can affect others. */
+void record(const Step& step);
 
-/** Notes a step of something beside the threads. */
-void note_happening(int id, const Step& step);
+/** Records the effect of an external event. */
+void record_event(int id, const Step& step);
 
-/** Adds a line to the list of steps. */
-void tell(const std::string& text);
+/** Adds a line, made of these texts, to the list of steps if this schedule is listed. */
+void list_step(std::string_view start, std::string_view end);
 
-/** Ends this order as a failure. */
+/** Ends this schedule as a failure. Threads only. */
 [[noreturn]] void fail(const std::string& why);
 
-/** Whether some thread sleeps, or can go on. */
-bool something_moves();
+/** The same, between steps: returns. Only the first failure of a schedule counts. */
+void report(const std::string& why);

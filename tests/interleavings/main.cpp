@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: MIT
-// main.cpp: explores the stories, prints a line for each, and the steps of an order that fails.
+// main.cpp: explores the stories, prints a line for each, and lists the steps of a schedule that fails.
 //
-// With CORVANE_SOAK=1 in the environment it explores longer stories, too, and each with one preemption more.
+// CORVANE_SOAK=1 in the environment selects the long form: more stories, and one more preemption in each.
 //
 // usage: interleavings [--bound N] [--half N] [--table FILE] [--caught] [--story TEXT [--replay NUMBER]]
-//   --bound   the most preemptions of an order; 3 unless it is given
-//   --half    1 or 2: only every second story, from the first or the second on
-//   --table   the file to write the lines to, besides standard output
-//   --caught  ends at the first failure, which is what is wanted: says how many orders it took
-//   --story   only stories whose name contains this
-//   --replay  prints the steps of this one of the story's orders
+//   --bound   the most preemptions of a schedule, without those of the long form; 3 by default
+//   --half    1 or 2: every second story only, beginning with the first or the second
+//   --table   also writes the lines to this file
+//   --caught  succeeds at the first failure, and prints how many schedules were needed
+//   --story   only the stories whose name contains this
+//   --replay  lists the steps of this schedule of the first such story
+#include <getopt.h>
+
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstdarg>
@@ -19,9 +20,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <string_view>
 
-#include "tests/interleavings/stories.h"
+#include "tests/interleavings/world.h"
 
 namespace {
 
@@ -32,60 +32,29 @@ struct Options {
   size_t half = 0;  // 0: all
   const char* table = "/dev/null";
   std::string story;
-  uint64_t replay = 0;
+  uint64_t replay = 0;  // 0: none
 };
 
-bool is_soak() {
-  const char* soak = getenv("CORVANE_SOAK");
-  return soak && strcmp(soak, "1") == 0;
-}
-
-[[noreturn]] void refuse() {
-  fprintf(stderr,
-          "usage: interleavings [--bound N] [--half N] [--table FILE] [--caught] "
-          "[--story TEXT [--replay NUMBER]]\n");
-  exit(2);
-}
-
 Options parse(int argc, char** argv) {
+  static constexpr option names[] = {
+      {"bound", required_argument, nullptr, 'b'}, {"half", required_argument, nullptr, 'h'},
+      {"table", required_argument, nullptr, 't'}, {"caught", no_argument, nullptr, 'c'},
+      {"story", required_argument, nullptr, 's'}, {"replay", required_argument, nullptr, 'r'},
+      {nullptr, no_argument, nullptr, 0}};
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view word = argv[i];
-    if (word == "--caught") {
-      options.wants_failure = true;
-      continue;
-    }
-    if (++i == argc) refuse();
-    if (word == "--bound") {
-      options.bound = static_cast<int>(strtol(argv[i], nullptr, 10));
-    } else if (word == "--half") {
-      options.half = strtoul(argv[i], nullptr, 10);
-    } else if (word == "--table") {
-      options.table = argv[i];
-    } else if (word == "--story") {
-      options.story = argv[i];
-    } else if (word == "--replay") {
-      options.replay = strtoull(argv[i], nullptr, 10);
-    } else {
-      refuse();
-    }
+  for (int name = 0; (name = getopt_long(argc, argv, "", names, nullptr)) != -1;) {
+    if (name == 'b') options.bound = static_cast<int>(strtol(optarg, nullptr, 10));
+    if (name == 'h') options.half = strtoul(optarg, nullptr, 10);
+    if (name == 't') options.table = optarg;
+    if (name == 'c') options.wants_failure = true;
+    if (name == 's') options.story = optarg;
+    if (name == 'r') options.replay = strtoull(optarg, nullptr, 10);
+    if (name == '?') exit(2);
   }
-  if (is_soak()) {
-    options.is_long = true;
-    ++options.bound;
-  }
+  const char* soak = getenv("CORVANE_SOAK");
+  options.is_long = soak && strcmp(soak, "1") == 0;
+  if (options.is_long) ++options.bound;
   return options;
-}
-
-std::vector<Story> chosen(const Options& options) {
-  std::vector<Story> stories = short_stories();
-  if (options.is_long) std::ranges::copy(long_stories(), std::back_inserter(stories));
-  std::vector<Story> found;
-  for (size_t i = 0; i < stories.size(); ++i) {
-    if (options.half != 0 && i % 2 != options.half - 1) continue;
-    if (stories[i].name.find(options.story) != std::string::npos) found.push_back(stories[i]);
-  }
-  return found;
 }
 
 FILE* table;
@@ -101,14 +70,10 @@ void print(const char* format, ...) {
   }
 }
 
-// Explores one story and prints its line.
-Finding tell_story(const Story& story, int bound) {
-  const auto begin = std::chrono::steady_clock::now();
-  Finding finding = explore(world_of(story), std::max(bound - story.fewer_preemptions, 0));
-  const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
-  print("%9" PRIu64 " orders, %9" PRIu64 " states, %5.1f s: %s\n", finding.schedules, finding.states,
-        seconds.count(), story.name.c_str());
-  return finding;
+// Whether the options choose this story, which has this place in the list of all.
+bool is_chosen(const Options& options, const Story& story, size_t place) {
+  const bool is_in_half = options.half == 0 || place % 2 == options.half - 1;
+  return is_in_half && story.name.find(options.story) != std::string::npos;
 }
 
 }  // namespace
@@ -120,26 +85,33 @@ int main(int argc, char** argv) {
     perror(options.table);
     return 2;
   }
-  const std::vector<Story> stories = chosen(options);
-  uint64_t orders = 0;
-  for (const Story& story : stories) {
-    if (options.replay != 0) {
-      for (const std::string& step : replay(world_of(story), options.bound, options.replay).steps)
-        puts(step.c_str());
-      return 0;
-    }
-    const Finding finding = tell_story(story, options.bound);
-    orders += finding.schedules;
-    if (finding.failure.empty()) continue;
+  std::vector<Story> stories = short_stories();
+  if (options.is_long) std::ranges::copy(long_stories(), std::back_inserter(stories));
+  size_t explored = 0;
+  uint64_t schedules = 0;
+  for (size_t i = 0; i < stories.size(); ++i) {
+    running_story = stories[i];
+    if (!is_chosen(options, running_story, i)) continue;
+    const char* name = running_story.name.c_str();
+    const auto begin = std::chrono::steady_clock::now();
+    const Result result =
+        explore(std::max(options.bound - running_story.fewer_preemptions, 0), options.replay);
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
+    ++explored;
+    schedules += result.schedules;
     if (!options.wants_failure) {
-      for (const std::string& step : finding.steps) puts(step.c_str());
+      for (const std::string& step : result.steps) puts(step.c_str());
     }
-    print("%s: order %" PRIu64 " of \"%s\" fails, after %" PRIu64 " of all, with %d preemptions: %s\n",
-          program_invocation_short_name, finding.schedules, story.name.c_str(), orders, finding.bound,
-          finding.failure.c_str());
-    return options.wants_failure ? 0 : 1;
+    if (options.replay != 0) return 0;
+    if (!result.failure.empty()) {
+      print("%s: schedule %7" PRIu64 " fails, with %d preemptions: %s: %s\n", program_invocation_short_name,
+            schedules, result.bound, name, result.failure.c_str());
+      return options.wants_failure ? 0 : 1;
+    }
+    print("%9" PRIu64 " schedules, %9" PRIu64 " states, up to %d preemptions, %5.1f s: %s\n",
+          result.schedules, result.states, result.bound, seconds.count(), name);
   }
-  print("interleavings: %zu stories, %" PRIu64 " orders with up to %d preemptions, none fails\n",
-        stories.size(), orders, options.bound);
-  return options.wants_failure || stories.empty() ? 1 : 0;
+  print("interleavings: %zu stories, %" PRIu64 " schedules with up to %d preemptions, none fails\n", explored,
+        schedules, options.bound);
+  return options.wants_failure || explored == 0 ? 1 : 0;
 }

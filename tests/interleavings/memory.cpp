@@ -1,87 +1,128 @@
 // SPDX-License-Identifier: MIT
-// memory.cpp: a heap for each thread of a story, whose addresses do not depend on the other threads.
+// memory.cpp: an arena for each simulated thread, so addresses do not depend on the schedule.
 //
-// Nothing is given out twice in one order, so that every use of freed memory is seen.
+// A schedule never allocates a byte twice, so every use of freed memory is noticed.
 #include "tests/interleavings/memory.h"
 
+#include <sanitizer/asan_interface.h>
 #include <sys/mman.h>
 
-#include <cstdint>
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
-#include <map>
+#include <vector>
 
 #include "tests/interleavings/explorer.h"
 
 namespace {
 
+constexpr size_t arena_size = size_t{64} * 1024;
+
 struct Block {
+  char* begin;
   size_t size;
-  bool is_free;
+  bool is_freed = false;
 };
-std::map<uintptr_t, Block>& blocks() {
-  static auto& all = *new std::map<uintptr_t, Block>;
+
+struct Arena {
+  std::vector<Block> blocks;  // by address
+  size_t used = 0;
+};
+
+std::array<Arena, most_threads> arenas;
+
+char* memory() {
+  static char* all = nullptr;
+  if (!all) {
+    all = map_memory(most_threads * arena_size);
+    ASAN_POISON_MEMORY_REGION(all, most_threads * arena_size);
+  }
   return all;
 }
 
-// The block of this address; the end when there is none.
-std::map<uintptr_t, Block>::iterator block_of(uintptr_t address) {
-  auto found = blocks().upper_bound(address);
-  if (found == blocks().begin()) return blocks().end();
-  --found;
-  return address < found->first + found->second.size ? found : blocks().end();
+// The block that has this address, null if none has.
+Block* find_block(const volatile void* address) {
+  if (!memory_is_simulated(address)) return nullptr;
+  const auto* byte = const_cast<const char*>(static_cast<const volatile char*>(address));
+  std::vector<Block>& blocks = arenas[static_cast<size_t>(byte - memory()) / arena_size].blocks;
+  const auto next = std::ranges::upper_bound(blocks, byte, {}, &Block::begin);
+  if (next == blocks.begin()) return nullptr;
+  Block& block = next[-1];
+  return byte < block.begin + block.size ? &block : nullptr;
 }
 
 }  // namespace
 
+char* map_memory(size_t size) {
+  void* memory =
+      mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (memory == MAP_FAILED) abort();
+  return static_cast<char*>(memory);
+}
+
 void memory_begin() {
-  blocks().clear();
+  for (size_t i = 0; i < most_threads; ++i) {
+    ASAN_POISON_MEMORY_REGION(memory() + i * arena_size, arenas[i].used);
+    arenas[i].blocks.clear();
+    arenas[i].used = 0;
+  }
 }
 
-bool memory_is_storys(const volatile void* address) {
-  return static_cast<const volatile char*>(address) >= arenas &&
-         static_cast<const volatile char*>(address) < arenas + most_threads * arena_size;
+char* memory_of_thread(int id) {
+  return memory() + static_cast<size_t>(id) * arena_size;
 }
 
-void memory_check(const volatile void* address) {
-  if (!memory_is_storys(address)) return;
-  const auto block = block_of(reinterpret_cast<uintptr_t>(address));
-  if (block == blocks().end()) fail("memory is touched that nobody took");
-  if (block->second.is_free) fail("memory is touched that was freed");
+bool memory_is_simulated(const volatile void* address) {
+  return address >= memory() && address < memory() + most_threads * arena_size;
+}
+
+void memory_check(const volatile void* address, size_t size) {
+  if (memory_is_simulated(address)) {
+    const Block* block = find_block(address);
+    if (!block || static_cast<const volatile char*>(address) + size > block->begin + block->size)
+      fail("memory that was never allocated is used");
+    if (block->is_freed) fail("memory that was freed is used");
+  }
+#if defined(__SANITIZE_ADDRESS__)
+  if (__asan_region_is_poisoned(const_cast<void*>(address), size))
+    fail("AddressSanitizer forbids this access");
+#endif
 }
 
 size_t memory_offset(const void* address, size_t size) {
-  const auto at = reinterpret_cast<uintptr_t>(address);
-  const auto block = block_of(at);
-  return block == blocks().end() || block->second.size != size ? size : at - block->first;
+  const Block* block = find_block(address);
+  return block && block->size == size ? static_cast<size_t>(static_cast<const char*>(address) - block->begin)
+                                      : size;
 }
 
 extern "C" {
 void* __real_malloc(size_t size);
 void __real_free(void* memory);
-void* __wrap_malloc(size_t size);
-void __wrap_free(void* memory);
-}
 
 void* __wrap_malloc(size_t size) {
-  Thread* self = running_thread();
+  const Thread* self = running_thread();
   if (!self) return __real_malloc(size);
   constexpr size_t alignment = 16;
-  void* memory = self->arena + self->arena_used;
-  self->arena_used += (size + alignment - 1) / alignment * alignment;
-  if (self->arena_used > arena_size) fail("a thread takes more memory than the story is made for");
-  blocks()[reinterpret_cast<uintptr_t>(memory)] = {size, false};
-  return memory;
+  Arena& arena = arenas[static_cast<size_t>(self->id)];
+  char* begin = memory_of_thread(self->id) + arena.used;
+  arena.used += (size + alignment - 1) / alignment * alignment;
+  if (arena.used > arena_size) fail("a thread allocates more memory than an arena has");
+  arena.blocks.push_back({begin, size});
+  ASAN_UNPOISON_MEMORY_REGION(begin, size);
+  return begin;
 }
 
 void __wrap_free(void* memory) {
-  if (!memory_is_storys(memory)) {
+  if (!memory_is_simulated(memory)) {
     __real_free(memory);
     return;
   }
-  note({"frees", memory});
-  const auto block = blocks().find(reinterpret_cast<uintptr_t>(memory));
-  if (block == blocks().end() || block->second.is_free) fail("memory is freed that is not in use");
-  block->second.is_free = true;
-  memset(memory, freed_byte, block->second.size);
+  record({"frees", memory});
+  Block* block = find_block(memory);
+  if (!block || block->begin != memory || block->is_freed) fail("memory that is not in use is freed");
+  block->is_freed = true;
+  memset(memory, freed_byte, block->size);
+  ASAN_POISON_MEMORY_REGION(memory, block->size);
+}
 }

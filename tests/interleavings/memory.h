@@ -1,21 +1,29 @@
 // SPDX-License-Identifier: MIT
-// memory: what the threads of a story take with malloc, and the proof that none touches what was freed.
+// memory: the heap of a story, which reports every use of memory that was freed or never allocated.
 #pragma once
 
 #include <cstddef>
 
-/** What freed memory is filled with, so that a text of it can be told. */
+/** Freed memory is filled with this byte, so that a message made of it is noticed. */
 inline constexpr char freed_byte = static_cast<char>(0xdb);
 
-/** Forgets all memory of the order before. */
+/** New memory from the system; the process ends when there is none. */
+char* map_memory(size_t size);
+
+/** Forgets all blocks of the previous schedule. */
 void memory_begin();
 
-/** Fails the order if the address is of memory that was freed or never taken. Other memory is not looked at.
+/** The arena from which this thread allocates. */
+char* memory_of_thread(int id);
+
+/** Whether the address is in an arena, in use or not. */
+bool memory_is_simulated(const volatile void* address);
+
+/**
+ * Fails if a byte of this range is in an arena but not in a block in use. A build with AddressSanitizer also
+ * fails if the range has poisoned memory, in an arena or not.
  */
-void memory_check(const volatile void* address);
+void memory_check(const volatile void* address, size_t size);
 
-/** Whether the address is of a story's memory, in use or not. */
-bool memory_is_storys(const volatile void* address);
-
-/** How far an address is into its block, if that has this size; else at least `size`. */
+/** The offset of an address in its block if the block has this size; else at least `size`. */
 size_t memory_offset(const void* address, size_t size);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// stories.cpp: each sequence of requests, alone and with each thing that can go wrong beside it.
+// stories.cpp: each sequence of requests, alone and with each fault or condition that can change it.
 #include "tests/interleavings/stories.h"
 
 namespace {
@@ -7,23 +7,23 @@ namespace {
 struct Plot {
   const char* name;
   std::vector<Request> requests;
-  int forks, threads, arguments;  // the most that it has when none fails
+  int forks, threads, arguments;  // how many can fail
   int fewer_preemptions = 0;
 };
 
-constexpr Request start(const char* actor, int display = 1) {
-  return {Ask::start, display, actor};
+Request start(const char* actor, int display = 1) {
+  return {Action::start, dm_find_actor(dm_lookup_actor_code(actor)), display};
 }
-constexpr Request stop(const char* actor, int display = 1) {
-  return {Ask::stop, display, actor};
+Request stop(const char* actor) {
+  return {Action::stop, dm_find_actor(dm_lookup_actor_code(actor))};
 }
-constexpr Request pause = {Ask::wait_for_pause};
+constexpr Request until_pause = {Action::wait_for_pause};
 
 const char* const login = "local-login";
 const char* const keys = "xhotkey";
 
 std::vector<Story> under_all_conditions(const std::vector<Plot>& plots) {
-  const std::vector<std::pair<const char*, Conditions>> conditions = {
+  const std::vector<std::pair<const char*, Conditions>> all_conditions = {
       {"", {}},
       {", the first fork fails", {.failing_fork = 1}},
       {", the second fork fails", {.failing_fork = 2}},
@@ -37,21 +37,22 @@ std::vector<Story> under_all_conditions(const std::vector<Plot>& plots) {
       {", no memory for the third argument", {.failing_argument = 3}},
       {", no memory for the fourth argument", {.failing_argument = 4}},
       {", no memory for the seventh argument", {.failing_argument = 7}},
-      {", deaf children", {.are_deaf = true}},
-      {", a late worker", {.is_worker_late = true}},
-      {", a death", {.deaths = 1}},
-      {", a death, pids are reused", {.deaths = 1, .reuses_pids = true}},
+      {", children ignore SIGTERM", {.ignore_sigterm = true}},
+      {", the worker is late", {.is_worker_late = true}},
+      {", a child dies", {.deaths = 1}},
+      {", a child dies and pids are reused", {.deaths = 1, .reuse_pids = true}},
   };
   std::vector<Story> stories;
   for (const Plot& plot : plots) {
-    for (const auto& [name, condition] : conditions) {
-      if (condition.failing_fork > plot.forks || condition.failing_thread > plot.threads ||
-          condition.failing_argument > plot.arguments)
+    for (const auto& [name, conditions] : all_conditions) {
+      if (conditions.failing_fork > plot.forks || conditions.failing_thread > plot.threads ||
+          conditions.failing_argument > plot.arguments)
         continue;
-      stories.push_back({plot.name + std::string(name), plot.requests, condition, plot.fewer_preemptions});
+      Story story = {plot.name + std::string(name), plot.requests, conditions, plot.fewer_preemptions};
       for (const Request& request : plot.requests) {
-        if (request.ask == Ask::wait_for_pause) ++stories.back().conditions.deaths;  // which makes the pause
+        if (request.action == Action::wait_for_pause) ++story.conditions.deaths;  // which begins the pause
       }
+      stories.push_back(story);
     }
   }
   return stories;
@@ -60,17 +61,14 @@ std::vector<Story> under_all_conditions(const std::vector<Plot>& plots) {
 }  // namespace
 
 std::vector<Story> short_stories() {
+  const std::vector<Request> two_in_a_pause = {start(keys), until_pause, stop(keys), start(keys), stop(keys)};
   return under_all_conditions({
       {"Start", {start(login)}, 1, 2, 3},
       {"Start Start", {start(login), start(login)}, 1, 2, 3},
       {"Start Stop", {start(login), stop(login)}, 1, 2, 3},
       {"Start Stop Start", {start(login), stop(login), start(login)}, 2, 3, 6},
-      {"Start, Stop in the pause", {start(keys), pause, stop(keys)}, 2, 2, 6},
-      {"Start, Stop in the pause, Start, Stop",
-       {start(keys), pause, stop(keys), start(keys), stop(keys)},
-       3,
-       3,
-       9},
+      {"Start, Stop in the pause", {start(keys), until_pause, stop(keys)}, 2, 2, 6},
+      {"Start, Stop in the pause, Start, Stop", two_in_a_pause, 3, 3, 9},
       {"Start, Stop by another actor of the group", {start("click-mouse"), stop("press-fkey")}, 1, 2, 7},
       {"two groups at once", {start(login), start(keys), stop(login)}, 2, 3, 6},
       {"two bursts", {start(login), start(keys), stop(login), stop(keys)}, 2, 3, 6, 1},
@@ -80,19 +78,12 @@ std::vector<Story> short_stories() {
 }
 
 std::vector<Story> long_stories() {
+  const Request again = start(login);
+  const Request end = stop(login);
+  const std::vector<Request> bursts = {again, start(keys), end, stop(keys), start(keys), again};
   return under_all_conditions({
-      {"two long bursts",
-       {start(login), start(keys), stop(login), stop(keys), start(keys), start(login)},
-       4,
-       5,
-       12,
-       3},
-      {"two stops in the pause", {start(keys), pause, stop(keys), stop(keys), start(keys)}, 3, 3, 9, 3},
-      {"Start Stop three times",
-       {start(login), stop(login), start(login), stop(login), start(login), stop(login)},
-       3,
-       4,
-       9,
-       3},
+      {"two long bursts", bursts, 4, 5, 12, 3},
+      {"two Stops in the pause", {start(keys), until_pause, stop(keys), stop(keys), start(keys)}, 3, 3, 9, 3},
+      {"Start Stop three times", {again, end, again, end, again, end}, 3, 4, 9, 3},
   });
 }

@@ -1,40 +1,91 @@
 // SPDX-License-Identifier: MIT
-// world: all that display-manager.cpp calls, for one story at a time.
+// world: the simulated machine on which a story runs, and what each request must lead to.
 //
-// Mutexes, semaphores, time, memory, threads and children are made up, and each call of them is a schedule
-// point. The world knows what each request must lead to, and fails an order that leads elsewhere.
+// Memory, threads, locks, time and processes are simulated. What display-manager.cpp calls is a schedule
+// point. A rule that a schedule breaks ends it as a failure.
 #pragma once
 
+#include <array>
+#include <deque>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tests/interleavings/explorer.h"
+#include "tests/interleavings/stories.h"
 
-enum class Ask { start, stop, wait_for_pause };  // the last one: of a dead child
+inline constexpr pid_t first_pid = 100;
+inline constexpr size_t most_children = 32;
 
-struct Request {
-  Ask ask;
-  int display = 1;
-  const char* actor = "";
+struct Supervisor;
+
+/** The expected state of a station's group. */
+struct ExpectedGroup {
+  int keep_alive = 0;
+  pid_t child_pid = 0;
+  Supervisor* newest = nullptr;
 };
 
-/** What goes wrong, or differs from the plainest machine. 0: nothing; n: the n-th of the story. */
-struct Conditions {
-  int failing_fork = 0;
-  int failing_thread = 0;
-  int failing_argument = 0;     // a word of an actor that finds no memory
-  int deaths = 0;               // of children that nobody stopped
-  bool are_deaf = false;        // children outlive their SIGTERM
-  bool reuses_pids = false;     // as soon as a child is reaped
-  bool is_worker_late = false;  // it finds a request only when the next one is queued
+struct ExpectedStation {
+  std::vector<Request> accepted;
+  size_t begun = 0;  // how many of them
+  std::array<ExpectedGroup, actor_group_count> groups;
+
+  const Request& running() const { return accepted.at(begun - 1); }
+  ExpectedGroup& running_group() { return groups[static_cast<size_t>(running().actor->group)]; }
 };
 
-struct Story {
-  std::string name;
-  std::vector<Request> requests;
-  Conditions conditions;
-  int fewer_preemptions = 0;  // than the others, because it is longer
+struct Child {
+  const Thread* parent = nullptr;
+  const ExpectedGroup* group = nullptr;
+  enum { none, runs, dead } state = none;
+  bool has_sigterm = false;
 };
 
-/** The world of a story, which must outlive it. One at a time. */
-World world_of(const Story& story);
+/** A thread that runs method_start_thread, and what happened to it. */
+struct Supervisor {
+  ExpectedGroup* group;
+  const Thread* thread = nullptr;
+  pid_t child = 0;                // the last one
+  bool met_fault = false;         // the story made a call fail
+  bool has_failed = false;        // and the thread has logged it
+  bool has_logged_death = false;  // and then checks whether to launch again
+  bool is_in_pause = false;       // from its sleep to the next launch
+  bool is_stopped = false;
+  bool may_launch = false;   // a death was logged before the stop
+  bool must_launch = false;  // the stop came in the pause
+  bool launched_after_stop = false;
+
+  bool runs_or_will() const { return !is_stopped || launched_after_stop; }
+};
+
+/** The state of the running schedule. */
+struct State {
+  PluginContext context = {};
+  std::array<Child, most_children> children;
+  size_t children_made = 0;
+  std::deque<Supervisor> supervisors;
+  std::array<ExpectedStation, 3> stations;                // by display number
+  int forks = 0, threads = 0, arguments = 0, deaths = 0;  // counted for the story's conditions
+  int polls = 0;                                          // of the main thread since it last queued a request
+  bool main_waits_for_pause = false, pause_has_come = false;
+};
+
+extern State state;
+extern Story running_story;  // set by main before it is explored
+
+/** The object of steps that depend on what supervisors and children do. */
+inline const void* const supervision = &state.forks;
+
+Child& child_of(pid_t pid);
+
+/** Whether this is the pid of a child that is not reaped. */
+bool is_child(pid_t pid);
+
+/** Null if the thread does not run method_start_thread. */
+Supervisor* supervisor_of(const Thread* thread);
+
+/** Counts a call; true if it is the one that the story makes fail. */
+inline bool fails(int* counter, int failing) {
+  return ++*counter == failing;
+}
