@@ -104,12 +104,12 @@ int main(int argc, char** argv) {
     }
     if (options.replay != 0) return 0;
     if (!result.failure.empty()) {
-      print("%s: schedule %7" PRIu64 " fails, with %d preemptions: %s: %s\n", program_invocation_short_name,
+      print("%s: schedule %7" PRIu64 " fails (preemptions: %d): %s: %s\n", program_invocation_short_name,
             schedules, result.bound, name, result.failure.c_str());
       return options.wants_failure ? 0 : 1;
     }
-    print("%9" PRIu64 " schedules, %9" PRIu64 " states, up to %d preemptions, %5.1f s: %s\n",
-          result.schedules, result.states, result.bound, seconds.count(), name);
+    print("%9" PRIu64 " schedules, %9" PRIu64 " states, preemptions <= %d, %5.1f s: %s\n", result.schedules,
+          result.states, result.bound, seconds.count(), name);
   }
   print("interleavings: %zu stories, %" PRIu64 " schedules with up to %d preemptions, none fails\n", explored,
         schedules, options.bound);

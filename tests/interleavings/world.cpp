@@ -74,6 +74,7 @@ std::string name_of(const void* object) {
     if (object == &state.children[i]) return "child " + std::to_string(first_pid + static_cast<pid_t>(i));
   }
   const size_t offset = memory_offset(object, sizeof(Station));
+  if (offset == 0) return "";  // an arena: the object of a thread's own steps
   if (offset >= sizeof(Station)) return "";
   const size_t in_groups = offset - offsetof(Station, groups);  // huge before them
   if (in_groups >= sizeof(Station::groups)) return name(in_station, offset);
