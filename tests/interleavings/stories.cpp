@@ -82,8 +82,8 @@ std::vector<Story> long_stories() {
   const Request end = stop(login);
   const std::vector<Request> bursts = {again, start(keys), end, stop(keys), start(keys), again};
   return under_all_conditions({
-      {"two long bursts", bursts, 4, 5, 12, 3},
-      {"two Stops in the pause", {start(keys), until_pause, stop(keys), stop(keys), start(keys)}, 3, 3, 9, 3},
-      {"Start Stop three times", {again, end, again, end, again, end}, 3, 4, 9, 3},
+      {"two long bursts", bursts, 4, 5, 12, 2},
+      {"two Stops in the pause", {start(keys), until_pause, stop(keys), stop(keys), start(keys)}, 3, 3, 9, 1},
+      {"Start Stop three times", {again, end, again, end, again, end}, 3, 4, 9, 2},
   });
 }
