@@ -134,7 +134,7 @@ def new_station(run):
         values = [f"{median(figures, name) / 1e6:.2f} ms" for name in (new, known)]
         cells = values[0], "a known station", values[1], f"{longer:+.2f} ms"
         bar, met = f"at most {MOST_MORE_ON_A_NEW_STATION} ms more", longer <= MOST_MORE_ON_A_NEW_STATION
-        run.results.row(f"first Start on a new station: {what}", *cells, bar, met, detail=what == "reply")
+        run.results.row(f"first Start on a new station: {what}", *cells, bar, met)
 
 
 def cycles(run):
@@ -175,7 +175,7 @@ def cycles(run):
     bar, met = f"at most {MOST_KIB_A_CYCLE} KiB", kib <= MOST_KIB_A_CYCLE
     row(f"{what}: memory of each", f"{kib:.1f} KiB", bar=bar, met=met)
     bar, met = f"at most {MOST_MAPPINGS_OF_ALL_CYCLES}", maps <= MOST_MAPPINGS_OF_ALL_CYCLES
-    row(f"{what}: mappings of all", f"{maps:+d}", bar=bar, met=met, detail=True)
+    row(f"{what}: mappings of all", f"{maps:+d}", bar=bar, met=met)
 
 
 def stations(run):

@@ -8,6 +8,7 @@ import os
 import re
 import subprocess
 import threading
+import time
 from pathlib import Path
 
 import pytest
@@ -16,6 +17,7 @@ from jeepney import MessageFlag
 from support.callers import plugin_call
 from support.log import Line
 from support.place import LOG
+from support.processes import process_state
 
 OLD_LOG = f"{LOG}.old"
 ROTATIONS = 10
@@ -92,6 +94,15 @@ def test_rotations_under_load_leave_whole_lines_in_their_order(served, rotate):
         Line(piece.decode().splitlines()[0])  # fails for a part of a line
     lost = 2 * sent - len(numbers)
     print(f"{lost} of {2 * sent} lines were lost in {ROTATIONS} rotations")
+
+
+def test_a_held_process_of_the_daemons_name_does_not_delay_a_rotation(served, rotate, held):
+    started = time.monotonic()
+    for _ in range(6):
+        rotate("--force")
+        assert served.caller().hello() == "How are you?"
+    assert time.monotonic() - started < 5
+    assert process_state(held) == "t"
 
 
 @pytest.mark.parametrize("log", [LOG, OLD_LOG])
