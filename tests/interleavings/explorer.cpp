@@ -61,7 +61,7 @@ class Histories {
   }
 
  private:
-  std::array<History, 1024> rows_;
+  std::array<History, 4096> rows_;
   uint64_t schedule_ = 0;
   size_t used_ = 0;
 };

@@ -77,13 +77,15 @@ bool memory_is_simulated(const volatile void* address) {
   return address >= memory() && address < memory() + most_threads * arena_size;
 }
 
+bool memory_is_in_use(const volatile void* address, size_t size) {
+  const Block* block = find_block(address);
+  return block && !block->is_freed &&
+         static_cast<const volatile char*>(address) + size <= block->begin + block->size;
+}
+
 void memory_check(const volatile void* address, size_t size) {
-  if (memory_is_simulated(address)) {
-    const Block* block = find_block(address);
-    if (!block || static_cast<const volatile char*>(address) + size > block->begin + block->size)
-      fail("memory that was never allocated is used");
-    if (block->is_freed) fail("memory that was freed is used");
-  }
+  if (memory_is_simulated(address) && !memory_is_in_use(address, size))
+    fail("memory is used that was freed or never allocated");
 #if defined(__SANITIZE_ADDRESS__)
   if (__asan_region_is_poisoned(const_cast<void*>(address), size))
     fail("AddressSanitizer forbids this access");

@@ -19,6 +19,9 @@ char* memory_of_thread(int id);
 /** Whether the address is in an arena, in use or not. */
 bool memory_is_simulated(const volatile void* address);
 
+/** Whether this range is within one block that is in use. */
+bool memory_is_in_use(const volatile void* address, size_t size);
+
 /**
  * Fails if a byte of this range is in an arena but not in a block in use. A build with AddressSanitizer also
  * fails if the range has poisoned memory, in an arena or not.

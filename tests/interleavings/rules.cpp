@@ -8,6 +8,8 @@
 #include <regex>
 #include <set>
 
+#include "tests/interleavings/memory.h"
+
 namespace {
 
 constexpr const char* transcript_of_main =
@@ -157,6 +159,7 @@ void check_end() {
     if (station.begun != station.accepted.size()) report("an accepted request never runs");
   }
   for (const Station* station = state.context.stations; station; station = station->next) {
+    if (!memory_is_in_use(station, sizeof *station)) return report("a station is listed that was freed");
     const auto& expected = state.stations[static_cast<size_t>(station->display_num)].groups;
     for (size_t i = 0; i < expected.size(); ++i) check_group(station->groups[i], expected[i]);
   }
