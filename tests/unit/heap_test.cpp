@@ -210,9 +210,9 @@ TEST_F(HeapDeathTest, a_block_of_a_heap_that_shrank_below_its_first_size_is_kept
         while (sbrk(0) == before) far_block();
         const char* at_start = static_cast<char*>(sbrk(0));
         heap_set_up();
-        void* blocks[20];
-        for (void*& block : blocks) block = malloc(100000);
-        for (void* block : blocks) free(block);
+        void* volatile blocks[20];  // otherwise clang removes the calls
+        for (void* volatile& block : blocks) block = malloc(100000);
+        for (void* volatile& block : blocks) free(block);
         heap_keep_for_children(far_block(), 1000);
         heap_leave_out_growth();
         const char* shrunk = static_cast<char*>(sbrk(0));
