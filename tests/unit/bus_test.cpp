@@ -230,7 +230,7 @@ TEST_F(Bus, an_error_while_connecting_is_logged_and_is_a_failure) {
   EXPECT_EQ(calls, (Calls{}));
 }
 
-TEST_F(Bus, a_step_that_fails_frees_its_error) {
+TEST_F(Bus, a_failed_step_frees_its_error) {
   fakes.dbus_error_free = [this](DBusError* error) {
     calls.push_back(dbus_error_is_set(error) ? error->message : "unset");
     __real_dbus_error_free(error);
@@ -260,7 +260,7 @@ TEST_F(Bus, an_error_is_a_failure_even_with_a_connection) {
             (Lines{line("ccs_get_system_conn", "{EE}Failed to connect system DBus: half a bus")}));
 }
 
-TEST_F(Bus, no_connection_without_an_error_is_a_failure_without_a_message) {
+TEST_F(Bus, a_missing_connection_without_an_error_is_a_failure_without_a_message) {
   bus.connection = nullptr;
   CapturedLog log;
   fakes.dbus_bus_get = [](DBusBusType, DBusError*) -> DBusConnection* { return nullptr; };
@@ -285,7 +285,7 @@ TEST_F(Bus, the_functions_for_removing_and_toggling_are_crossed) {
       };
   results = {DBUS_DISPATCH_DATA_REMAINS};
   EXPECT_TRUE(ccs_set_watch_functions(&bus));
-  EXPECT_EQ(calls, (Calls{"set", "dispatch"})) << "dispatched once, whatever remains";
+  EXPECT_EQ(calls, (Calls{"set", "dispatch"})) << "dispatched once, even if data remains";
   EXPECT_EQ(log.text(), "");
 }
 
@@ -376,7 +376,7 @@ TEST_F(Bus, a_descriptor_that_select_cannot_hold_is_a_failure) {
   }
 }
 
-TEST_F(Bus, without_a_message_a_step_of_the_set_up_dispatches_all_the_same) {
+TEST_F(Bus, a_step_of_the_set_up_dispatches_even_without_a_message) {
   ccs_dispatch_one(connection);
   EXPECT_EQ(calls, (Calls{"dispatch"}));
 }

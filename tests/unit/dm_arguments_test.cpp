@@ -60,10 +60,6 @@ TEST_F(ExpandArgv, words_are_compared_whole_and_with_their_case) {
   EXPECT_EQ(expanded(other_case), other_case);
 }
 
-TEST_F(ExpandArgv, a_vector_of_nine_arguments_is_the_largest) {
-  EXPECT_EQ(max_arguments, 9);
-}
-
 TEST_F(ExpandArgv, one_word_may_be_the_whole_vector) {
   EXPECT_EQ(expanded({"program"}), (Words{"program"}));
 }

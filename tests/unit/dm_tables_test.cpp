@@ -59,8 +59,9 @@ TEST(ActorTable, the_rows_are_in_order_and_each_is_found_by_its_name_and_its_cod
   EXPECT_EQ(actor_table[count], nullptr);
 }
 
-TEST(ActorTable, a_row_has_13_words_and_a_station_4_groups) {
+TEST(ActorTable, a_row_has_13_words_a_vector_9_arguments_and_a_station_4_groups) {
   EXPECT_EQ(std::size(ActorDefinition{}.argv), 13U);
+  EXPECT_EQ(max_arguments, 9);
   EXPECT_EQ(actor_group_count, 4);
   EXPECT_EQ(std::size(Station{}.groups), 4U);
 }
