@@ -35,8 +35,8 @@ static Logger* usable_logger(Logger* logger) {
 }
 
 TextOwner read_symlink(const char* path, Logger* logger) {
-  // A null buffer is also passed to the kernel, which refuses it. The call goes through a plain pointer:
-  // after a direct call the compiler could drop the tests for null below, because of readlink's declaration.
+  // When malloc fails, readlink gets a null buffer, which the kernel refuses. The call goes through a
+  // volatile pointer, because after a direct call the compiler could drop the tests for null below.
   static ssize_t (*const volatile read_link)(const char*, char*, size_t) = readlink;
 
   logger = usable_logger(logger);

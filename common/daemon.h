@@ -21,8 +21,8 @@ TextOwner read_symlink(const char* path, Logger* logger);
  * until its pid file is removed, even if it is dead.
  *
  * Takes 2 seconds whenever the file can be opened, to give a starting daemon the time to write it. A number
- * of more than six characters ends the process (abort(3)). A minus sign counts; a plus sign and leading zeros
- * do not. Main thread, before other threads exist.
+ * of more than six characters ends the process (abort(3)). A minus sign counts as one; a plus sign and
+ * leading zeros do not count. Main thread, before other threads exist.
  */
 int daemon_get_pid(const char* pidfile, Logger* logger);
 
@@ -32,8 +32,8 @@ int daemon_get_pid(const char* pidfile, Logger* logger);
  *
  * Returns only in the daemon, with the result of closing the pid file. The calling process exits with 0 at
  * once. The new process exits with 1, after a message, when a daemon is already running or the pid file
- * cannot be written. If a fork fails, its caller goes on in the child's place. Main thread, before other
- * threads exist.
+ * cannot be written. If a fork fails, the process itself continues in the child's place. Main thread, before
+ * other threads exist.
  */
 int daemon_start(const char* pidfile, Logger* logger);
 

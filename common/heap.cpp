@@ -4,7 +4,7 @@
 // A thread that is never joined leaves some 300 unused bytes on the heap: the C library's table of its
 // thread-local variables. A fork copies the page tables of all of them, and after 20,000 threads a start and
 // stop takes a fifth longer. So the growth of the heap is left out of children (madvise(2), MADV_DONTFORK). A
-// child gets the heap below the first growth that was left out, and every piece above it that was kept: its
+// child gets the heap as it was before that growth, and of the growth only the pieces that were kept: its
 // station. Its arguments are on the stack of the thread that forks, its environment on the main thread's.
 //
 // All threads share one heap. They seldom wait for one another: the main thread allocates for every message,
@@ -29,7 +29,7 @@ static constexpr int growth_step = 4 * 1024 * 1024;
 
 static uintptr_t growth_begin;  // constant after heap_set_up; 0: nothing is ever left out
 
-// The growth below this address is left out or kept; 0: nothing is left out.
+// All growth below this address has been left out or kept; 0: nothing is left out.
 static uintptr_t left_out_to;
 static pthread_mutex_t heap_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards left_out_to
 

@@ -9,7 +9,7 @@ inline constexpr int LOG_LEVEL_DEBUG = 5;
 
 /** An output stream with its write operation. Constant after log_open; never closed, never freed. */
 struct Logger {
-  int level;         // which call sites write; always LOG_LEVEL_DEBUG
+  int level;         // call sites with a higher level write nothing; always LOG_LEVEL_DEBUG
   const char* name;  // the caller's constant text, not a copy
   FILE* fp;          // null when the file could not be opened; the logger is then silent
   void (*write)(Logger* logger, const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -3,10 +3,9 @@
 //
 // An ignored signal stays ignored across exec (execve(2)). So a signal that the daemon or one of its
 // libraries ignores would silently change every actor. Exec resets a caught signal; but until then a crash of
-// the child would be reported as the daemon's and remove its pid file. SIGTERM is the exception: it ends the
-// daemon
-// (--stop) and its actors (Stop). So it is at its default and unblocked in all of them, however the daemon
-// was started.
+// the child would be reported as the daemon's and remove its pid file. SIGTERM is the exception: it must
+// end the daemon (--stop) and each actor (Stop). So it is at its default and unblocked in all of them,
+// however the daemon was started.
 #include "common/signals.h"
 
 #include <csignal>

@@ -108,7 +108,7 @@ static void advise_workers(int advice) {
   if (workers_begin) madvise(workers_begin, static_cast<size_t>(workers_end - workers_begin), advice);
 }
 
-// Adds a worker's stack to the last ones if it is adjacent to them; otherwise only it counts from then on.
+// Adds a worker's stack to the last ones if it is adjacent to them. Otherwise it begins a new row of stacks.
 // The caller holds the pool's mutex.
 static void join_workers(char* stack, size_t size) {
   if (stack + size == workers_begin) {

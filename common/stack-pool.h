@@ -7,9 +7,9 @@
 #include <cstddef>
 
 // A thread on one of these stacks needs 8 KiB to serve, 12 KiB in a child with the longest search path that
-// execvp(3) accepts, and 12 KiB to report a crash. This was measured on painted stacks. It has a limit,
-// because nothing recurses and every buffer has a fixed size (texts of 64 bytes, stdio for a line of the log,
-// 4 KiB for a path, 255 frames).
+// execvp(3) accepts, and 12 KiB to report a crash. This was measured on painted stacks. No thread
+// can need much more: nothing recurses, and every buffer has a fixed size (texts of 64 bytes, stdio for a
+// line of the log, 4 KiB for a path, 255 frames).
 #ifdef __SANITIZE_THREAD__
 inline constexpr size_t pool_stack_size = size_t{1024} * 1024;  // the sanitizer keeps its state on the stack
 #else
@@ -25,7 +25,8 @@ inline constexpr size_t default_stack_size = size_t{64} * 1024;
  */
 void stack_set_defaults();
 
-/** Whether stacks are left out of children. Not where fork(2) visits them there; see stack-pool.cpp. */
+/** Whether stacks are left out of children. False where the daemon has to use fork(3), which visits them
+ * there. */
 #if defined(CORVANE_HAS__FORK) && !defined(__SANITIZE_THREAD__)
 inline constexpr bool stacks_stay_out_of_children = true;
 #else
@@ -43,13 +44,13 @@ void* stack_take();
 void stack_return(void* stack);
 
 /**
- * Takes the stacks of the last workers into children again, so that the next worker's stack can become one
+ * Lets children have the stacks of the last workers again, so that the next worker's stack can become one
  * mapping with them. stack_prepare_own then leaves all of them out. Call it before the worker is made; one at
- * a time.
+ * a time. Main thread.
  */
 void stack_expect_worker();
 
-/** Leaves those stacks out again when the worker could not be made. */
+/** Leaves those stacks out of children again when the worker could not be made. Main thread. */
 void stack_expect_no_worker();
 
 /**

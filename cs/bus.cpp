@@ -70,8 +70,8 @@ bool ccs_get_system_conn(BusState* bus) {
   return true;
 }
 
-// The functions for removal and toggling are deliberately crossed. Both only write a line to the log, and
-// readers of the log know a removal by the line "ccs_toggle_watch".
+// libdbus calls ccs_toggle_watch for a removal, and ccs_remove_watch for a toggle. That is deliberate: both
+// only write a line to the log, and readers of the log know a removal by the line "ccs_toggle_watch".
 bool ccs_set_watch_functions(BusState* bus) {
   const BusError error;  // the call below never sets it, so its message is null
   if (!dbus_connection_set_watch_functions(bus->connection, ccs_add_watch, ccs_toggle_watch, ccs_remove_watch,
@@ -122,7 +122,7 @@ void ccs_dispatch_one(DBusConnection* connection) {
 }
 
 // When libdbus has no memory to dispatch a message, the message stays first in the queue, and libdbus may
-// only report that data remains.
+// report that data remains instead of the shortage.
 DBusDispatchStatus ccs_dispatch_all(DBusConnection* connection) {
   dbus_connection_ref(connection);
   DBusDispatchStatus status = DBUS_DISPATCH_DATA_REMAINS;

@@ -12,8 +12,8 @@ struct BusState {
   int fd;                      // the watch's socket
 };
 
-// Everything here runs on the main thread. A step of set-up returns false on failure, which is fatal. It has
-// then logged the reason; ccs_get_system_conn has one exception.
+// Everything here runs on the main thread. A step of set-up returns false on failure, which is fatal. It logs
+// the reason, except in one case of ccs_get_system_conn.
 
 /**
  * Watch functions (dbus_connection_set_watch_functions); `data` is the BusState. ccs_add_watch stores a

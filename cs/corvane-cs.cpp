@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// corvane-cs.cpp: the control server of a multi-seat machine, from its command line to its main loop.
+// corvane-cs.cpp: the control server of a multi-seat machine: set-up, main loop, and the report of a crash.
 //
 // The main thread sets everything up, step by step, and then serves the bus until the process ends. Only this
 // thread uses the connection. Every plugin's handler runs on it and never waits for an actor. There is no
@@ -59,7 +59,7 @@ static void give_up_crash_report(int sig) {
   _exit(1);
 }
 
-// Makes a report that hangs, crashes or is aborted by the heap end in give_up_crash_report.
+// If the report hangs, crashes, or is aborted by the heap, give_up_crash_report ends the process.
 static void limit_crash_report() {
   signal(SIGALRM, give_up_crash_report);
   signal(SIGABRT, give_up_crash_report);

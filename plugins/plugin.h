@@ -7,8 +7,8 @@
 
 #include <atomic>
 
-// Only the display manager uses the next three. They are here because main prepares them before it
-// initialises any plugin, and main does not include a plugin's header.
+// main prepares the next three for the display manager before it initialises any plugin, and main does not
+// include a plugin's header.
 
 struct Station;
 

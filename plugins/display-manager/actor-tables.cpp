@@ -37,9 +37,10 @@ constexpr const ActorDefinition* const actor_table[] = {&init_station, &local_lo
                                                         &press_fkey,   &click_mouse, &disable_station,
                                                         &xhotkey,      nullptr};
 
-// Whether the arguments of an actor, as dm_expand_argv expands them, fit their vector, and each word its
-// text.
-static constexpr bool arguments_fit(const ActorDefinition& actor) {
+// Whether an actor's group exists, its arguments, as dm_expand_argv expands them, fit their vector, and each
+// word fits its text.
+static constexpr bool row_fits(const ActorDefinition& actor) {
+  if (actor.group < 0 || actor.group >= actor_group_count) return false;
   int count = 0;
   for (const char* const* word = actor.argv; *word; ++word) {
     const std::string_view text = *word;
@@ -53,14 +54,15 @@ static constexpr bool arguments_fit(const ActorDefinition& actor) {
   return count <= max_arguments;
 }
 
-static constexpr bool all_arguments_fit() {
+static constexpr bool all_rows_fit() {
   for (const ActorDefinition* const* actor = actor_table; *actor; ++actor) {
-    if (!arguments_fit(**actor)) return false;
+    if (!row_fits(**actor)) return false;
   }
   return true;
 }
-static_assert(all_arguments_fit(),
-              "an actor has too many arguments, too long a word, or CORVANE_DIR without an image");
+static_assert(
+    all_rows_fit(),
+    "an actor has no such group, too many arguments, too long a word, or CORVANE_DIR without an image");
 
 int dm_lookup_station_type(const char* name) {
   const StationType* type = station_type_table;

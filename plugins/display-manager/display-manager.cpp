@@ -62,9 +62,9 @@ class LaunchNotice {
 
 // ---- stations and their queues ------------------------------------------------------------------------
 
-// Walks the list without a lock. This is safe while the main thread links a station and, because it cannot
-// make the worker, unlinks and frees it again: that station is always the last one, and a look-up from
-// another thread ends at its own station before it.
+// Walks the list without a lock. The main thread may unlink and free a station whose worker it could not
+// make. That station is always the last one. Other threads look up only their own station, which comes before
+// it.
 //
 // One Start looks its station up three times: to make it, to queue the event, and in the group's thread. Each
 // of the three gets a display number and has its own line of the log for what it finds.
@@ -162,10 +162,10 @@ EventOwner dm_new_event(PluginContext* context, int kind) {
 }
 
 // The caller holds the station's mutex, before and after. Lets the worker take each queued event before the
-// next one is queued: a thread that takes a mutex again and again is faster than one that must first be woken
-// for it. A burst could otherwise queue hundreds of events, and the call after them would wait for all their
-// launches. This way no call waits for more than one launch. A worker that gets no processor for ten
-// milliseconds finds the event later.
+// next one is queued. Otherwise the main thread would take the mutex again before the worker has woken: a
+// burst could queue hundreds of events, and the call after them would wait for all their launches. This way
+// no call waits for more than one launch. A worker that gets no processor for ten milliseconds finds the
+// event later.
 static void let_worker_take(Station* station) {
   for (int polls = 0; station->events && polls < max_taken_polls; ++polls) {
     pthread_mutex_unlock(&station->mutex);
@@ -175,7 +175,7 @@ static void let_worker_take(Station* station) {
 }
 
 // Waits for a new worker on `waiting` first, so that the first look at `ready` succeeds: a look that came too
-// early would cost the caller a pause.
+// early would cost the caller 500 microseconds.
 static void wait_for_worker(Station* station) {
   while (!station->was_waiting) station->was_waiting = sem_wait(&station->waiting) == 0;
   while (station->ready == 0) usleep(ready_poll_microseconds);
@@ -218,7 +218,8 @@ void* process_station_events(void* worker_station) {
 
 // ---- supervision --------------------------------------------------------------------------------------
 
-// An argument vector that is not on the heap: of the daemon's heap, a child gets only the stations for sure.
+// An argument vector on the stack. Only stations are certain to be in the child's heap: it records its pid
+// there.
 struct ChildArguments {
   char texts[max_arguments][argument_size];
   char* vector[max_arguments + 1];
@@ -243,7 +244,7 @@ static void copy_arguments(char* const* argv, ChildArguments& copy) {
 
 // Forks and records the child. The caller holds the group's mutex. Returns the child's pid; or -1 when the
 // fork failed, and the caller then marks the group idle; or 0 when a thread newer than `number` owns the
-// group, whose child must stay the only one.
+// group: then only that thread may launch.
 static pid_t launch(ActorGroup& group, unsigned number, void* stack, char* const* argv) {
   if (group.newest != number) return 0;
   ChildArguments copy;
@@ -395,9 +396,9 @@ void proc_method_start(Station* station, StationEvent* event) {
   ActorGroup& group = station->groups[actor->group];
   int rc = 0;
   {
-    // Tests and claims the group in one step. An older thread of the group may be about to launch again: it
-    // has either done so, and this start is refused, or it finds that the group has a new owner. The new
-    // thread's first launch waits until this hold ends.
+    // Tests and claims the group in one step. An older thread of the group may be about to launch again. If
+    // it has launched before, this start is refused. If not, it will find that the group has a new owner. The
+    // new thread's first launch waits until this hold ends.
     const MutexHold hold(group.child_mutex);
     log_debug("group:%d, is_running:%d\n", actor->group, group.is_running.load());
     if (group.is_running != 0) {

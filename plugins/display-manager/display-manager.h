@@ -7,9 +7,9 @@
 // be queued between its last look at the queue and its wait.
 //
 // Each start that is not refused makes a thread. For an actor of groups 1 to 3 this thread supervises: it
-// launches the actor, waits for its death and launches it again. The worker goes on to the next event only
-// when the thread has made its first launch or has ended, so that a stop finds the child of the start before
-// it. Only a stop ends an actor.
+// launches the actor, waits for its death and launches it again. The worker waits until the thread has made
+// its first launch or has ended, and only then goes on to the next event. So a stop finds the child of the
+// start that came before it. Only a stop ends an actor.
 //
 // Owners: an event belongs to its maker, then to the queue, and the worker frees it. The thread of a start
 // owns its ThreadStart. The list of stations owns the stations; it begins in the PluginContext.
@@ -106,10 +106,11 @@ using EventOwner = Owned<StationEvent>;
 struct ActorGroup {
   pthread_t thread;  // the last one made; neither joined nor detached
 
-  // Written under child_mutex by the worker and the group's threads, which read single fields without it.
+  // Written under child_mutex by the worker and the group's threads. Those threads read single fields without
+  // it.
   std::atomic<int> is_running;   // 1 from a launch to a stop or a failed launch; a death does not clear it
   std::atomic<int> keep_alive;   // 1 from a start to the next stop
-  std::atomic<pid_t> child_pid;  // 0: none; in the pause after a death still the dead child's
+  std::atomic<pid_t> child_pid;  // 0: none; -1: the fork failed; during the pause that of the dead child
   std::atomic<unsigned> newest;  // number of the supervising thread that owns the group
 
   // Held while a group is claimed for a new thread, and while a child is forked and recorded, signalled, or

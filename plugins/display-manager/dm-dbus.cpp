@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // dm-dbus.cpp: from a method call to one event in a station's queue.
 //
-// A handler checks the call against the tables, queues an event and replies at once. True means queued; only
-// the log shows the result. Everything here runs on the main thread. The handler owns the event until
-// add_station_event takes it.
+// A handler checks the call against the tables, queues an event and replies without waiting for its result,
+// which only the log shows. True means queued. Everything here runs on the main thread. The handler owns the
+// event until add_station_event takes it.
 #include "plugins/display-manager/dm-dbus.h"
 
 #include <cerrno>

@@ -2,7 +2,7 @@
 // dm-plugin.cpp: record and message handler of the display manager.
 //
 // The handler only tells the two methods apart: dm-dbus.cpp has the methods, display-manager.cpp what they
-// start. It runs on the main thread and never waits for an actor.
+// start. It runs on the main thread, which waits for one launch at most, and never for an actor to exit.
 #include "plugins/display-manager/dm-plugin.h"
 
 #include "common/logger.h"
@@ -28,8 +28,8 @@ void dm_fin(Plugin*) {
 }
 
 // Writes the line for an unknown message without log_debug, because readers of the log know its form. In the
-// place of the function name it has a longer text. So the interface follows "obj=", the member follows
-// "intf=", nothing follows "member=", and the path is missing.
+// place of the function name it has a longer text, which shifts the values: "obj=" shows the interface,
+// "intf=" the member, "member=" nothing, and the path is missing.
 static void log_unhandled(DBusMessage* message) {
   if (!plogger || plogger->level < LOG_LEVEL_DEBUG) return;
   plogger->write(plogger, "%s:%i:%s: DEBUG: Unhandled message: obj=%s, intf=%s, member=%s\n", __FILE__,

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // coroutine.cpp: switches that need no system call and that AddressSanitizer follows.
 //
-// The first function of a stack saves its own place. Each new thread on that stack starts there, so only the
-// first use of a stack needs makecontext(3).
+// The first function on a stack saves a place to jump to. Each new thread on that stack starts there, so only
+// the first use of a stack needs makecontext(3).
 //
 // A dropped thread never returns from its functions, so AddressSanitizer would keep the red zones of their
 // frames. Each new thread clears them. Fake stacks (detect_stack_use_after_return) are not supported.

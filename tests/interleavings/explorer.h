@@ -3,8 +3,8 @@
 //
 // The threads of a story are coroutines of one real thread. Before each step that other threads could notice
 // (a schedule point), the explorer chooses the thread that runs next. It tries every choice that needs at
-// most `bound` preemptions. A preemption is a switch away from a thread that could have continued. The end of
-// a sleep, or an external event, also counts as one if a thread could have run instead.
+// most `bound` preemptions. A preemption is a switch away from a thread that could have continued. If a
+// thread can run, the end of a sleep and an external event also count as preemptions.
 //
 // Schedules that differ only in steps that do not affect each other lead to the same state. The explorer
 // hashes what each thread has done and what affected that (the happens-before relation). It abandons a
@@ -30,7 +30,7 @@ struct Step {
 /** Something that can happen without a thread, such as the death of a process. */
 struct ExternalEvent {
   int id;          // the same in every schedule
-  bool is_urgent;  // when no thread can run, it must happen; other events need not
+  bool is_urgent;  // it must happen when no thread can run; a schedule may end without the others
 };
 
 /** A thread of the story. Its id and its memory do not depend on the schedule. */
@@ -50,7 +50,7 @@ struct Thread {
 
 struct Result {
   uint64_t schedules = 0;          // that were run, the failed one included
-  uint64_t states = 0;             // that differ, of the schedules with the most preemptions
+  uint64_t states = 0;             // different ones, in the schedules with the most preemptions
   int bound = 0;                   // the most preemptions of the last schedules
   std::string failure;             // empty: none
   std::vector<std::string> steps;  // of the failed or listed schedule
@@ -62,7 +62,7 @@ struct Result {
  */
 Result explore(int bound, uint64_t listed = 0);
 
-// ---- defined by the world, called between steps -------------------------------------------------------
+// ---- defined by the story (world.cpp, rules.cpp), called between steps ---------------------------------
 
 /** Restores the initial state and makes the first thread. */
 void begin_story();

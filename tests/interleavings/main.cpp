@@ -4,7 +4,7 @@
 // CORVANE_SOAK=1 in the environment selects the long form: more stories, and one more preemption in each.
 //
 // usage: interleavings [--bound N] [--half N] [--table FILE] [--caught] [--story TEXT [--replay NUMBER]]
-//   --bound   the most preemptions of a schedule, without those of the long form; 3 by default
+//   --bound   the most preemptions of a schedule, 3 by default; the long form adds one
 //   --half    1 or 2: every second story only, beginning with the first or the second
 //   --table   also writes the lines to this file
 //   --caught  succeeds at the first failure, and prints how many schedules were needed

@@ -28,5 +28,5 @@ bool memory_is_in_use(const volatile void* address, size_t size);
  */
 void memory_check(const volatile void* address, size_t size);
 
-/** The offset of an address in its block if the block has this size; else at least `size`. */
+/** The offset of an address in its block. Returns at least `size` if the block has another size. */
 size_t memory_offset(const void* address, size_t size);

@@ -23,7 +23,7 @@ struct Conditions {
   int deaths = 0;               // of children that were not stopped
   bool ignore_sigterm = false;  // so do the children
   bool reuse_pids = false;      // as soon as a child is reaped
-  bool is_worker_late = false;  // it takes a request only when the next one is queued
+  bool is_worker_late = false;  // it gets no processor until the next request is queued
 };
 
 struct Story {

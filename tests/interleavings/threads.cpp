@@ -8,10 +8,10 @@
 #include "tests/interleavings/memory.h"
 #include "tests/interleavings/rules.h"
 
-static constexpr int polls_for_the_worker = 100;
+static constexpr int polls_for_the_worker = 100;  // max_taken_polls of display-manager.cpp
 enum { cond_has_waiter = 1, cond_is_signalled = 2 };
 
-// The mutex's number when the running thread holds it.
+// The number that is stored in a mutex while the running thread holds it.
 static long holder() {
   return running_thread()->id + 1;
 }

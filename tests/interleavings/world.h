@@ -47,13 +47,13 @@ struct Supervisor {
   ExpectedGroup* group;
   const Thread* thread = nullptr;
   pid_t child = 0;                // the last one
-  bool met_fault = false;         // the story made a call fail
-  bool has_failed = false;        // and the thread has logged it
+  bool met_fault = false;         // the story made one of its calls fail
+  bool has_failed = false;        // it has logged that failure
   bool has_logged_death = false;  // and then checks whether to launch again
   bool is_in_pause = false;       // from its sleep to the next launch
   bool is_stopped = false;
-  bool may_launch = false;   // a death was logged before the stop
-  bool must_launch = false;  // the stop came in the pause
+  bool may_launch = false;   // one launch is allowed: a death was logged before the stop
+  bool must_launch = false;  // one launch must come: the stop came in the pause
   bool launched_after_stop = false;
 
   bool runs_or_will() const { return !is_stopped || launched_after_stop; }
@@ -74,7 +74,7 @@ struct State {
 extern State state;
 extern Story running_story;  // set by main before it is explored
 
-/** The object of steps that depend on what supervisors and children do. */
+/** An object for steps that affect each other because supervisors and children take part in them. */
 inline const void* const supervision = &state.forks;
 
 Child& child_of(pid_t pid);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// common.cpp: what display-manager.cpp uses of common/, except texts and the fork; and strdup(3).
+// fakes.cpp: stands in for what display-manager.cpp uses of common/, except texts and the fork; and for
+// strdup(3).
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
