@@ -102,14 +102,19 @@ def large_and_deep_containers(ground, client):
 
 @case
 def texts_of_any_length(ground, client):
+    """One at a time: how much memory several long ones take at once depends on the scheduler."""
     for length in (0, 1, 64 * 1024, 1024 * 1024):
         text = length * "x"
-        client.send(start(text))
-        client.send(start(":1", text))
-        client.send(start(":1", "init-station", text))
-        client.send(stop(":" + text, text))
-        client.send(call("HelloWorld", "s", (text,), plugin="Dummy"))
-        client.send(call("Launch", "s", (text,)))
+        for message in (
+            start(text),
+            start(":1", text),
+            start(":1", "init-station", text),
+            stop(":" + text, text),
+            call("HelloWorld", "s", (text,), plugin="Dummy"),
+            call("Launch", "s", (text,)),
+        ):
+            client.send(message)
+            client.settle()
 
 
 @case(runs=1)
