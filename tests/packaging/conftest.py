@@ -44,22 +44,29 @@ def policies(bare, installed):  # noqa: F811
     return Path(shutil.copytree(installed / "usr/share/dbus-1/system.d", "/run/stage/policies"))
 
 
-@pytest.fixture
-def system_bus(laid_over, policies):
-    """The same with a system bus: its stock configuration, but with the installed policies only."""
+def start_system_bus(machine, policies, **limits):
+    """Starts a system bus with its stock configuration, but with these policies and dbus-daemon(1) limits."""
     text = BUS_CONFIGURATION.read_text()
     assert BUS_SOCKET in text
     text, count = re.subn("<includedir>system.d</includedir>", f"<includedir>{policies}</includedir>", text)
     assert count == 1, text
+    text = re.sub("<include.*?>/etc/.*?</include.*?>", "", text)
+    elements = "".join(f'<limit name="{name}">{value}</limit>' for name, value in limits.items())
     configuration = Path("/run/dbus/system.conf")
     configuration.parent.mkdir()
-    configuration.write_text(re.sub("<include.*?>/etc/.*?</include.*?>", "", text))
+    configuration.write_text(text.replace("</busconfig>", f"{elements}</busconfig>"))
     command = ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nosyslog", "--print-address=1"]
     pipes = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "text": True}
     with BUS_ERRORS.open("w") as errors:
-        laid_over.bus = subprocess.Popen(command, stderr=errors, **pipes)
-    laid_over.address = laid_over.bus.stdout.readline().strip().split(",")[0]
-    assert laid_over.address == f"unix:path={BUS_SOCKET}", BUS_ERRORS.read_text()
+        machine.bus = subprocess.Popen(command, stderr=errors, **pipes)
+    machine.address = machine.bus.stdout.readline().strip().split(",")[0]
+    assert machine.address == f"unix:path={BUS_SOCKET}", BUS_ERRORS.read_text()
+
+
+@pytest.fixture
+def system_bus(laid_over, policies):
+    """The same with a system bus that has the installed policies only."""
+    start_system_bus(laid_over, policies)
     return laid_over
 
 
