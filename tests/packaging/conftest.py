@@ -44,7 +44,7 @@ def policies(bare, installed):  # noqa: F811
     return Path(shutil.copytree(installed / "usr/share/dbus-1/system.d", "/run/stage/policies"))
 
 
-def start_system_bus(machine, policies, **limits):
+def start_system_bus(machine, policies, **limits):  # noqa: F811
     """Starts a system bus with its stock configuration, but with these policies and dbus-daemon(1) limits."""
     text = BUS_CONFIGURATION.read_text()
     assert BUS_SOCKET in text
