@@ -71,8 +71,8 @@ def page(stages):
     sections = ""
     for place, stage in enumerate(stages, 1):
         status = "\n".join(["$ corvane-ctl status", *stage.status])
-        parts = stage.title, stage.text, "\n".join(stage.log), status
-        title, text, log, status = (html.escape(part) for part in parts)
+        shown = stage.title, stage.text, "\n".join(stage.log), status
+        title, text, log, status = (html.escape(text) for text in shown)
         calls = "<br>".join(f"<code>{html.escape(call)}</code>" for call in stage.calls)
         sections += f"""<section>
 <h2>{place}. {title}</h2>

@@ -206,9 +206,9 @@ def test_the_bus_does_not_complain_of_the_policy(served):
 
 
 def rules(policy):
-    """What a file of the bus's configuration allows and denies: for each part, to whom and by which rules."""
-    parts = ElementTree.parse(policy).getroot()
-    return [(part.attrib, [(rule.tag, rule.attrib) for rule in part]) for part in parts]
+    """The rules of a bus configuration file: for each section, to whom it applies and what it says."""
+    sections = ElementTree.parse(policy).getroot()
+    return [(section.attrib, [(rule.tag, rule.attrib) for rule in section]) for section in sections]
 
 
 def test_the_file_of_the_daemon_gives_root_the_name_and_two_calls_and_takes_descriptors_from_all(installed):

@@ -14,9 +14,9 @@ constexpr time_t noon = 1795262400;  // 2026-11-21 12:00:00 UTC, the tests' time
 
 std::string time_text(int after_noon) {
   const time_t when = noon + after_noon;
-  struct tm parts = {};
+  struct tm fields = {};
   char text[32] = "";
-  strftime(text, sizeof text, "%F %T:", gmtime_r(&when, &parts));
+  strftime(text, sizeof text, "%F %T:", gmtime_r(&when, &fields));
   return text;
 }
 

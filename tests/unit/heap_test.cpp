@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// heap_test.cpp: which parts of the heap a child gets.
+// heap_test.cpp: what a child gets of the heap.
 //
 // What is left out of children stays so until the process ends, so each test runs in its own process. A
 // sanitizer replaces the heap, so there are no tests under one.
