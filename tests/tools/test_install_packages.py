@@ -122,3 +122,9 @@ def test_the_progress_has_one_line_for_each_tenth(machine):
 def test_a_failed_installation_fails_the_command(machine):
     machine.command("apt-get", 'case "$*" in *install*) exit 100;; esac')
     assert machine.ask().returncode == 100
+
+
+def test_two_installations_take_turns(machine):
+    script = f'if [ "$1" = indextargets ]; then exit 0; fi; ! flock --nonblock {TOOLS}/install-packages true'
+    machine.command("apt-get", script)
+    assert machine.ask().returncode == 0
