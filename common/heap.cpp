@@ -61,7 +61,8 @@ int heap_keep_for_children(void* memory, size_t size) {
   const uintptr_t end = page_of(begin + size - 1) + page_size();
   int result = 0;
   pthread_mutex_lock(&heap_mutex);
-  if (first_page < left_out_to) result = advise(first_page, end, MADV_DOFORK);
+  // Also above left_out_to: an advice that failed may have left out a part of its range (madvise(2)).
+  if (left_out_to != 0) result = advise(first_page, end, MADV_DOFORK);
   left_out_to = std::max({left_out_to, end, growth_begin});  // children get all of the heap below its growth
   pthread_mutex_unlock(&heap_mutex);
   return result;

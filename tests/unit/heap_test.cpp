@@ -162,6 +162,28 @@ TEST_F(HeapDeathTest, growth_that_cannot_be_left_out_is_left_out_at_the_next_for
       ExitedWithCode(0), "");
 }
 
+// The heap may shrink between the look at its end and the advice, and madvise(2) then advises what is left.
+TEST_F(HeapDeathTest, a_block_is_kept_although_an_advice_that_failed_had_left_it_out) {
+  EXPECT_EXIT(
+      {
+        heap_set_up();
+        heap_keep_for_children(far_block(), 1000);
+        void* left_out = far_block();
+        fakes.madvise = [](void* where, size_t size, int advice) {
+          __real_madvise(where, size, advice);
+          errno = ENOMEM;
+          return -1;
+        };
+        heap_leave_out_growth();
+        fakes.madvise = nullptr;
+        if (blocks_in_a_child({left_out}) != 0) _exit(97);
+        if (heap_keep_for_children(left_out, 1000) != 0) _exit(96);
+        heap_leave_out_growth();
+        _exit(blocks_in_a_child({left_out}));
+      },
+      ExitedWithCode(1), "");
+}
+
 TEST_F(HeapDeathTest, a_block_that_begins_before_the_growth_and_ends_in_it_is_kept_completely) {
   EXPECT_EXIT(
       {
