@@ -12,10 +12,10 @@
 #include "ctl/ctl.h"
 
 static constexpr const char* usage =
-    R"(corvane-ctl: see and steer the stations of the control server
+    R"(corvane-ctl: show and control the stations of the control server
 
   corvane-ctl start DISPLAY ACTOR [TYPE]  start an actor, and say if it runs
-  corvane-ctl stop DISPLAY ACTOR          end what runs of the actor's group
+  corvane-ctl stop DISPLAY ACTOR          stop what runs in the actor's group
   corvane-ctl status [DISPLAY]            what runs, and what does not and why
   corvane-ctl watch [DISPLAY]             the same and each change, until Ctrl-C
   corvane-ctl actors                      names of the actors, and what they run
@@ -25,7 +25,7 @@ local-login is the login window. A display runs one actor of each group at most.
 TYPE is PCI, USB or COMMON; COMMON if left out.
 
   --json: for programs; -v, --verbose: with the command lines (status, watch)
-  --no-wait: do not watch what comes of it (start, stop)
+  --no-wait: report only that it was queued (start, stop)
   --bus ADDRESS, --session: another bus than the system bus; --help, --version
 
 Only root may start and stop. Exit status: 0 done, 1 refused or without effect,
@@ -118,7 +118,8 @@ static int change(const CommandLine& line, DBusConnection* bus, pid_t daemon) {
   const int queued = call(bus, std::move(method), DBUS_TYPE_BOOLEAN, words, &error);
   if (dbus_error_has_name(error.get(), DBUS_ERROR_ACCESS_DENIED))
     return complain(4, "only root may start and stop actors; call it as root");
-  if (queued < 0) return complain(3, no_daemon);
+  if (queued < 0 && daemon_of(bus) == 0) return complain(3, no_daemon);
+  if (queued < 0) return complain(3, line.name + ": the call failed: " + text_escaped(error.message()));
   const auto replied = std::chrono::steady_clock::now();
   Outcome outcome = {queued == 1 && line.options.contains("--no-wait") ? 0 : -1, line.name + ": queued"};
   while (outcome.status < 0) {
