@@ -29,7 +29,8 @@ all:
 # Installs what `make` has built, so that root compiles nothing. The umask lets every user enter the
 # directories.
 install:
-	@[ -x $(built)/cs/corvane-cs ] || { echo 'make install: nothing is built yet: run make first' >&2; exit 1; }
+	@[ -x $(built)/cs/corvane-cs ] && [ -x $(built)/ctl/corvane-ctl ] || { \
+	  echo 'make install: nothing is built yet: run make first' >&2; exit 1; }
 	umask 022 && DESTDIR='$(DESTDIR)' cmake --install $(built) --prefix '$(prefix)'
 
 help:
@@ -97,7 +98,7 @@ stories:
 whole-machine:
 	@tools/check-machine root namespaces
 
-# The stress tests and the explorer of interleavings: `make check` runs them for seconds, and here they last long
+# The stress tests and the explorer of interleavings: `make check` runs them for seconds. Here they last long
 # enough to use up a resource.
 soak: stories build-release
 	@mkdir -p build/release/stories
@@ -108,7 +109,7 @@ soak: stories build-release
 check-variants: build-release
 	cmake --build --preset release --target variants
 	@ctest --preset release -C variants -R '^variant' -j $$(nproc) -V | \
-	  grep -E 'schedule .* fails|tests (passed|failed)'
+	  grep -E 'schedule .* fails|\((Failed|Timeout|Not Run)\)|tests (passed|failed)'
 
 # dpkg-buildpackage writes into the sources and beside them, so it gets a copy of the files that are not
 # ignored.
@@ -194,12 +195,13 @@ lint-format:
 
 lint-shell:
 	@tools/install-packages lint
-	$(git) grep --untracked -lE '^#!/bin/(ba)?sh$$' | xargs shellcheck
+	files=$$($(git) ls-files -co --exclude-standard '*.bash' && \
+	  $(git) grep --untracked -lE '^#!/bin/(ba)?sh$$') && shellcheck $$files
 
 # flake8 disagrees with black about E203, and sees long lines that black leaves alone.
 lint-python:
 	@tools/install-packages lint
-	files=$$($(git) ls-files -co --exclude-standard '*.py'; \
+	files=$$($(git) ls-files -co --exclude-standard '*.py' && \
 	  $(git) grep --untracked -l '^#!/usr/bin/python3$$') && \
 	black --check --quiet --line-length 110 $$files && \
 	flake8 --max-line-length 110 --extend-ignore E203 $$files

@@ -1,4 +1,5 @@
 # SPDX-License-Identifier: MIT
+# shellcheck shell=bash
 # corvane-cs.bash: bash completes the options of corvane-cs. No word follows an option that ends the program.
 
 _corvane_cs() {

@@ -1,9 +1,11 @@
 # SPDX-License-Identifier: MIT
+# shellcheck shell=bash
 # corvane-ctl.bash: bash completes the words of corvane-ctl. It takes the actors from corvane-ctl, and offers
 # the displays that have an X server or a station.
 
 _corvane_ctl() {
-  local cur words cword word offers="" after="" given=()
+  # shellcheck disable=SC2034  # _init_completion sets prev
+  local cur prev words cword word offers="" after="" given=()
   _init_completion -n : || return
   for word in "${words[@]:1:cword-1}"; do
     if [[ $after ]]; then
@@ -23,7 +25,8 @@ _corvane_ctl() {
       0-) offers="actors start status stop watch" ;;
       1-start | 1-stop | 1-status | 1-watch)
         for word in /tmp/.X11-unix/X*; do
-          [[ ! -S $word ]] || offers+=" :${word##*/X}"
+          # Every user can make files here, and compgen runs commands that are in its words.
+          [[ ! -S $word || ${word##*/X} == *[!0-9]* ]] || offers+=" :${word##*/X}"
         done
         offers+=" $(corvane-ctl status 2>/dev/null | sed -n 's/^\(:[0-9]*\) .*/\1/p')"
         ;;

@@ -117,16 +117,11 @@ def stations(system_bus):
     system_bus.start_daemon()
     assert system_bus.caller().start(":12", "local-login") is True
     system_bus.wait_log("DISPLAY=:12, actor_code=2, child=")
-    directory = Path("/tmp/.X11-unix")
-    existed = directory.exists()
-    directory.mkdir(exist_ok=True)
-    path = directory / "X97"
+    system_bus.mount("-t", "tmpfs", "tmpfs", "/tmp")  # the host's /tmp stays unchanged
+    os.mkdir("/tmp/.X11-unix")
     with socket.socket(socket.AF_UNIX) as server:
-        server.bind(str(path))
+        server.bind("/tmp/.X11-unix/X97")
         yield
-    path.unlink()
-    if not existed:
-        directory.rmdir()
 
 
 def test_the_words_offered_for_corvane_ctl_are_those_of_its_help(laid_over):
@@ -134,6 +129,12 @@ def test_the_words_offered_for_corvane_ctl_are_those_of_its_help(laid_over):
     assert sorted(re.findall(r"^  corvane-ctl (\w+)", usage, re.MULTILINE)) == COMMANDS
     assert sorted(set(re.findall(r"(--[\w-]+)", usage))) == CTL_OPTIONS
     assert "TYPE is PCI, USB or COMMON;" in usage
+
+
+def test_bash_runs_nothing_that_stands_in_the_name_of_a_socket(stations):
+    with socket.socket(socket.AF_UNIX) as server:
+        server.bind("/tmp/.X11-unix/X$(echo 66)")
+        assert bash("corvane-ctl", "start", "") == [":12", ":97"]
 
 
 def test_bash_offers_the_options_of_the_daemon(laid_over):
