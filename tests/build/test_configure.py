@@ -26,6 +26,12 @@ def test_without_googletest_only_the_unit_tests_are_missing_and_a_message_says_s
     assert "Logger" not in listed and "unit-tests" not in listed
 
 
+def test_without_python_the_daemon_is_configured_and_a_message_says_what_is_missing(tmp_path):
+    configured = configure(tmp_path, NO_GTEST, "-DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON")
+    assert "Python is missing: the variants for the explorer are left out" in configured
+    assert "corvane-cs" in succeed("cmake", "--build", tmp_path, "--target", "help")
+
+
 def test_without_build_testing_no_test_exists(tmp_path):
     configure(tmp_path, "-DBUILD_TESTING=OFF")
     assert "Total Tests: 0" in listed_tests(tmp_path)

@@ -56,6 +56,7 @@ pid_t __wrap_waitpid(pid_t pid, int*, int) {
   }
   wait_for_death("reaps", pid);
   record({"reaps", supervision});
+  supervisor_of(running_thread())->has_reaped = true;
   child_of(pid).state = Child::none;
   return pid;
 }

@@ -247,7 +247,8 @@ Result explore(int bound, uint64_t listed) {
 Thread* make_thread(const std::string& name, void* (*body)(void*), void* data) {
   SimulatedThread* maker = run.current;
   const int id = maker ? maker->id * 8 + ++maker->threads_made : 0;  // the same in every schedule
-  if (id >= static_cast<int>(most_threads)) fail("the story creates too many threads");
+  if (id >= static_cast<int>(most_threads) || (maker && maker->threads_made > 8))
+    fail("the story creates too many threads");
   SimulatedThread& made = run.threads.emplace_back();
   made.id = id;
   made.index = static_cast<int>(run.threads.size()) - 1;

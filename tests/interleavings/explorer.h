@@ -4,7 +4,8 @@
 // The threads of a story are coroutines of one real thread. Before each step that other threads could notice
 // (a schedule point), the explorer chooses the thread that runs next. It tries every choice that needs at
 // most `bound` preemptions. A preemption is a switch away from a thread that could have continued. If a
-// thread can run, the end of a sleep and an external event also count as preemptions.
+// thread can run, the end of a sleep and an external event also count as preemptions. So does the end of a
+// sleep before that of a shorter one.
 //
 // Schedules that differ only in steps that do not affect each other lead to the same state. The explorer
 // hashes what each thread has done and what affected that (the happens-before relation). It abandons a

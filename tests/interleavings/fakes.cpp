@@ -14,7 +14,6 @@
 
 // Notes what a message says about its supervisor.
 static void follow(Supervisor& self, std::string_view message) {
-  if (message.starts_with("Child process died")) self.has_logged_death = true;
   if (message.starts_with("{DM} Unable to create child") || message == "{DM} Unable to allocate memory")
     self.has_failed = true;
 }

@@ -102,10 +102,10 @@ int main(int argc, char** argv) {
     if (!options.wants_failure) {
       for (const std::string& step : result.steps) puts(step.c_str());
     }
-    if (options.replay != 0) return 0;
+    if (options.replay != 0) return result.steps.empty() ? 1 : 0;
     if (!result.failure.empty()) {
       print("%s: schedule %7" PRIu64 " fails (preemptions: %d): %s: %s\n", program_invocation_short_name,
-            schedules, result.bound, name, result.failure.c_str());
+            options.wants_failure ? schedules : result.schedules, result.bound, name, result.failure.c_str());
       return options.wants_failure ? 0 : 1;
     }
     print("%9" PRIu64 " schedules, %9" PRIu64 " states, preemptions <= %d, %5.1f s: %s\n", result.schedules,

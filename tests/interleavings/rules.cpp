@@ -60,7 +60,7 @@ void check_stop(ExpectedGroup& group, pid_t child) {
   Supervisor& stopped = *group.newest;
   if (stopped.child != child) fail("a stop of a child that is not the group's last");
   stopped.is_stopped = true;
-  stopped.may_launch = stopped.has_logged_death;
+  stopped.may_launch = stopped.has_reaped;
   stopped.must_launch = stopped.is_in_pause;
   stopped.launched_after_stop = false;
   group.keep_alive = group.child_pid = 0;
@@ -148,7 +148,7 @@ void check_launch(Supervisor& self, pid_t child) {
     if (other.state == Child::runs && other.group == self.group && !other.has_sigterm)
       fail("two supervised children of one group");
   }
-  self.has_logged_death = self.is_in_pause = false;
+  self.has_reaped = self.is_in_pause = false;
   self.launched_after_stop = self.is_stopped;
   self.child = self.group->child_pid = child;
 }

@@ -67,6 +67,7 @@ std::vector<Story> short_stories() {
       {"Start Start", {start(login), start(login)}, 1, 2, 3},
       {"Start Stop", {start(login), stop(login)}, 1, 2, 3},
       {"Start Stop Start", {start(login), stop(login), start(login)}, 2, 3, 6},
+      {"Start Stop Start Stop", {start(login), stop(login), start(login), stop(login)}, 2, 3, 6},
       {"Start, Stop in the pause", {start(keys), until_pause, stop(keys)}, 2, 2, 6},
       {"Start, Stop in the pause, Start, Stop", two_in_a_pause, 3, 3, 9},
       {"Start, Stop by another actor of the group", {start("click-mouse"), stop("press-fkey")}, 1, 2, 7},

@@ -46,13 +46,13 @@ struct Child {
 struct Supervisor {
   ExpectedGroup* group;
   const Thread* thread = nullptr;
-  pid_t child = 0;                // the last one
-  bool met_fault = false;         // the story made one of its calls fail
-  bool has_failed = false;        // it has logged that failure
-  bool has_logged_death = false;  // and then checks whether to launch again
-  bool is_in_pause = false;       // from its sleep to the next launch
+  pid_t child = 0;           // the last one
+  bool met_fault = false;    // the story made one of its calls fail
+  bool has_failed = false;   // it has logged that failure
+  bool has_reaped = false;   // its last child, and then checks whether to launch again
+  bool is_in_pause = false;  // from its sleep to the next launch
   bool is_stopped = false;
-  bool may_launch = false;   // one launch is allowed: a death was logged before the stop
+  bool may_launch = false;   // one launch is allowed: the child was reaped before the stop
   bool must_launch = false;  // one launch must come: the stop came in the pause
   bool launched_after_stop = false;
 
