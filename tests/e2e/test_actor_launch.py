@@ -4,11 +4,12 @@ import os
 import re
 import signal
 import subprocess
+from pathlib import Path
 
 import pytest
 
 from support.machine import STAND_IN, not_under_a_sanitizer
-from support.place import PID_FILE
+from support.place import PID_FILE, STAGE
 from support.processes import WITHOUT_SIGTERM
 from transcript import launch, now, transcript
 
@@ -144,7 +145,7 @@ def test_signals_ignored_or_blocked_at_the_start_of_the_daemon_are_so_in_actors(
 
 
 @pytest.mark.parametrize("number", [signal.SIGPIPE, signal.SIGCHLD])
-def test_of_two_signals_that_the_daemon_changes_actors_ignore_only_the_one_ignored_at_the_start(bare, number):
+def test_actors_ignore_sigpipe_or_sigchld_only_if_it_was_ignored_at_the_start(bare, number):
     bare.start_bus()
     bare.start_daemon(preexec_fn=lambda: signal.signal(number, signal.SIG_IGN))
     assert bare.caller().start(":1", "xhotkey") is True
@@ -209,12 +210,17 @@ def test_the_shell_runs_a_script_without_an_interpreter_line(machine):
     machine.wait_gone(child)
 
 
-def test_the_launch_of_a_missing_program_is_retried_until_the_program_exists(machine):
-    machine.remove("corvane-xh")
+@pytest.mark.parametrize("is_there", [False, True])
+def test_the_launch_of_a_missing_program_is_retried_until_it_can_be_executed(machine, is_there):
+    program = Path(f"{STAGE}/actors/bin/corvane-xh")
+    program.unlink()
+    if is_there:
+        program.write_text("not executable")
     caller = machine.caller()
     assert caller.start(":1", "xhotkey") is True
     first = int(machine.wait_log(r"child=(\d+)$")[0][1])
     machine.wait_log(f"Child process died: {first}$")
+    program.unlink(missing_ok=True)
     machine.install("corvane-xh")
     (record,) = machine.wait_records(1)
     assert record.argv == ["corvane-xh", "-display", ":1"]

@@ -89,6 +89,19 @@ def test_a_stop_in_the_pause_sends_no_signal_and_lets_one_more_launch_through(ma
     assert machine.children() == [third.pid]
 
 
+def test_a_second_stop_terminates_the_launch_that_the_stop_in_the_pause_let_through(machine):
+    caller = machine.caller()
+    first = start_one(machine, caller)
+    kill(machine, first)
+    assert caller.stop(":1", "xhotkey") is True
+    second = machine.wait_records(2)[1]
+    machine.wait_log(f"child={second.pid}$")
+    assert caller.stop(":1", "xhotkey") is True
+    machine.wait_log(f"child_pid {second.pid}$")
+    machine.wait_log("keep_alive field is FALSE. Exit from the current thread$")
+    assert machine.children() == []
+
+
 def test_after_a_stop_and_a_start_in_the_pause_only_the_new_thread_has_a_child(machine):
     caller = machine.caller()
     first = start_one(machine, caller)

@@ -101,6 +101,27 @@ def test_the_daemon_exits_when_libdbus_adds_no_watch(bare):
     assert_given_up(bare.launch(preloaded=True), bare, [*lines, failure])
 
 
+@pytest.mark.parametrize(
+    "call, last, failure",
+    [
+        (
+            "dbus_connection_set_watch_functions",
+            "get System DBus connection ...",
+            "cs/bus.cpp ccs_set_watch_functions: dbus_connection_set_watch_functions(): (null)",
+        ),
+        (
+            "dbus_connection_register_object_path",
+            f"path={PATH}/DisplayManager",
+            "cs/plugin-registry.cpp ccs_register_objects: {EE}dbus_connection_register_object_path(): (null)",
+        ),
+    ],
+)
+def test_the_daemon_exits_when_libdbus_refuses_its_functions(bare, call, last, failure):
+    bare.start_bus()
+    bare.set_rule(call, "refused")
+    assert_given_up(bare.launch(preloaded=True), bare, [*set_up_to(last), failure])
+
+
 def test_both_objects_are_registered_with_the_same_functions(bare):
     bare.start_bus()
     bare.set_rule("dbus_connection_register_object_path", "note")

@@ -279,7 +279,7 @@ class PlayedBus:
         yield "BEGIN"
         yield from self.reply_to_call_of("Hello", "s", ":1.7")
         yield from self.reply_to_call_of("RequestName", "u", 1)
-        yield from self.send("an early call", hello_call(50))  # arrives during set-up
+        yield from self.send("an early call", hello_call(50))  # may arrive during set-up
         self.connection.sendall(hello_call(51, flags=0))
         while self.message().header.fields[HeaderFields.reply_serial] != 51:
             pass  # the reply to the early call; the daemon serves after the next one

@@ -296,7 +296,20 @@ def calls_that_libdbus_answers_itself(ground, client):
 
 @case
 def bytes_that_are_no_message(ground, client):
-    client.send_bytes(b"GET / HTTP/1.1\r\nHost: corvane\r\n\r\n" + bytes(4096))
+    expect_hang_up(client, b"GET / HTTP/1.1\r\nHost: corvane\r\n\r\n" + bytes(4096))
+
+
+@case
+def a_forged_end_of_the_connection(ground, client):
+    """It would end the daemon, but the bus does not pass it on."""
+    local = DBusAddress("/org/freedesktop/DBus/Local", interface=f"{DBUS}.Local")
+    signal = new_signal(local, "Disconnected")
+    signal.header.fields[HeaderFields.destination] = NAME
+    expect_hang_up(client, signal.serialise(serial=9))
+
+
+def expect_hang_up(client, data):
+    client.send_bytes(data)
     with pytest.raises(HungUp):
         client.settle()
 

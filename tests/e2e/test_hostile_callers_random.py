@@ -113,6 +113,12 @@ def test_each_random_message_that_wants_a_reply_gets_exactly_one(ground):
                 assert ground.descriptors() == descriptors
     growth = ground.memory() - memory
     slowest = f"{1000 * ground.slowest:.0f} ms"
-    report("random messages", messages=total, starts=accepted, growth=growth, slowest_next_caller=slowest)
+    report(
+        "random messages",
+        messages=total,
+        starts=accepted,
+        growth=f"{growth // 1024} KiB",
+        slowest_next_caller=slowest,
+    )
     assert growth <= SLACK_BYTES + accepted * START_BYTES
     assert ground.machine.daemon.poll() is None

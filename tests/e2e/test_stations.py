@@ -209,7 +209,7 @@ def test_a_verbose_daemon_lists_all_stations_after_it_creates_one(bare, option):
     def listing_of(display, station_type):
         since = now(bare)
         assert caller.start(display, "init-station", station_type) is True
-        return [lines for lines in transcript(bare, since) if lines[0] == "dm_start_station_thread"]
+        return [line for line in transcript(bare, since) if line[0] == "dm_start_station_thread"]
 
     def row(position, display, code):
         return ("dm_start_station_thread", f"#{position} station: display_num={display}, type={code}")

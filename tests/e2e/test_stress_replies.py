@@ -22,7 +22,7 @@ from support.processes import descendants
 pytestmark = time_limit
 STATIONS = 16
 CALLERS = 4
-MOST_SECONDS = size(0.25, 0.05)  # more than the bus takes; a short run shares its machine with other tests
+MOST_SECONDS = size(0.25, 0.05)  # more than the bus takes; a short run has few samples
 SECONDS_OF_AN_ACTOR = 2  # after this time the test kills the actors that nothing else ends
 BEHAVIOURS = ("stay", "ignore-term", "stop-self", "grandchild", "daemonise", "exit 0", "missing")
 BUS = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus.Peer")

@@ -65,7 +65,7 @@ def start_system_bus(machine, policies, **limits):  # noqa: F811
 
 @pytest.fixture
 def system_bus(laid_over, policies):
-    """The same with a system bus that has the installed policies only."""
+    """A machine with the installed files and a system bus that has only their policies."""
     start_system_bus(laid_over, policies)
     return laid_over
 

@@ -47,7 +47,7 @@ def seconds_of_a_call(machine):
 
 
 def test_a_caller_that_never_reads_does_not_delay_root(laid_over, policies):
-    """A service with too many of its messages in the bus is not read; a low limit hastens that."""
+    """The bus stops reading from a service of which it holds too much; a low limit is reached sooner."""
     start_system_bus(laid_over, policies, max_incoming_bytes=100000)
     laid_over.start_daemon()
     before = laid_over.texts()

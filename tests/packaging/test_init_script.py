@@ -4,6 +4,7 @@
 # The exit statuses are those of the Linux Standard Base. A start or stop returns 0 if the daemon runs or does
 # not run afterwards as asked, and 1 otherwise. status returns 0 for a running daemon, 1 for a dead one with a
 # pid file, and 3 for none.
+import contextlib
 import os
 import shutil
 import signal
@@ -55,9 +56,13 @@ class Script:
 
 def daemons():
     """The pids of all processes of root that run the daemon's executable."""
-    pids = [int(pid) for pid in os.listdir("/proc") if pid.isdigit() and process_state(int(pid))]
-    of_root = [pid for pid in pids if os.stat(f"/proc/{pid}").st_uid == 0]
-    return [pid for pid in of_root if os.readlink(f"/proc/{pid}/exe").startswith("/usr/sbin/corvane-cs")]
+    found = []
+    for process in Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it may exit meanwhile
+            executable = os.readlink(process / "exe")
+            if process.stat().st_uid == 0 and executable.startswith("/usr/sbin/corvane-cs"):
+                found.append(int(process.name))
+    return found
 
 
 def mode(path):

@@ -65,7 +65,9 @@ def test_the_descriptions_are_valid(descriptions):
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
 
 
-def test_the_code_generator_takes_each_description_and_finds_its_documentation(descriptions, tmp_path):
+def test_the_code_generator_takes_each_description_and_each_part_of_it_has_documentation(
+    descriptions, tmp_path
+):
     for file in descriptions:
         command = ["gdbus-codegen", "--generate-c-code=code", file]
         done = subprocess.run(command, cwd=tmp_path, capture_output=True, text=True)

@@ -89,11 +89,16 @@ def test_rotations_under_load_leave_whole_lines_in_their_order(served, rotate):
     text = b"".join(pieces)
     assert b"\0" not in text
     numbers = [int(number) for number in NUMBER.findall(text.decode())]
-    assert numbers == sorted(numbers)
+    assert numbers and numbers == sorted(numbers)
     for piece in pieces[1:]:
         Line(piece.decode().splitlines()[0])  # fails for a part of a line
     lost = 2 * sent - len(numbers)
     print(f"{lost} of {2 * sent} lines were lost in {ROTATIONS} rotations")
+
+
+def test_a_rotation_runs_no_command_that_could_halt_the_daemon(installed):
+    text = (installed / "etc/logrotate.d/corvane-cs").read_text()
+    assert not re.search(r"^\s*(prerotate|postrotate|firstaction|lastaction|preremove)\b", text, re.MULTILINE)
 
 
 def test_a_held_process_of_the_daemons_name_does_not_delay_a_rotation(served, rotate, held):

@@ -5,6 +5,7 @@
 # neither changes without the other. Root runs each example against a daemon on the system bus.
 import os
 import re
+import signal
 import subprocess
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
@@ -176,14 +177,30 @@ def error_of(machine, name, path, member):
     return reply.header.fields[HeaderFields.error_name]
 
 
+def error_of_an_exit(machine, name, path, member):
+    """The name of the error that answers a call during which the daemon exits."""
+    machine.daemon.send_signal(signal.SIGSTOP)
+    caller = machine.caller()
+    caller.send(new_method_call(DBusAddress(path, bus_name=NAME, interface=name), member))
+    bus = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
+    caller.ask(new_method_call(bus, "GetId"))  # by now the bus has passed on the call
+    machine.daemon.kill()
+    reply = caller.connection.receive(timeout=10)
+    while reply.header.message_type != MessageType.error:
+        reply = caller.connection.receive(timeout=10)
+    return reply.header.fields[HeaderFields.error_name]
+
+
 @pytest.mark.parametrize("name", OBJECTS)
 def test_the_page_lists_the_errors_that_root_gets(system_bus, name):
-    path, method = f"/{name.replace('.', '/')}", {MANAGER: "Start"}.get(name, "HelloWorld")
+    path = f"/{name.replace('.', '/')}"
+    description = MANUAL.parent / f"dbus-1/interfaces/{name}.xml"
+    method = ElementTree.parse(description).find(".//method").get("name")
     assert error_of(system_bus, name, path, method) == f"{ERROR}.ServiceUnknown"
     system_bus.start_daemon()
     assert error_of(system_bus, name, f"{PATH}/Other", method) == f"{ERROR}.UnknownMethod"
     assert error_of(system_bus, name, path, "Restart") == f"{ERROR}.AccessDenied"
-    # The fourth one comes from the bus when the daemon exits during a call.
+    assert error_of_an_exit(system_bus, name, path, method) == f"{ERROR}.NoReply"
     errors = ["AccessDenied", "NoReply", "ServiceUnknown", "UnknownMethod"]
     listed = Page(f"man5/{name}.5").terms("ERROR REPLIES")
     assert sorted(listed) == [f"{ERROR}.{error}" for error in errors]

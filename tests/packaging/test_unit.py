@@ -28,6 +28,8 @@ EXPECTED = {
     "TasksMax": "infinity",
     "RuntimeDirectory": "corvane",
     "RuntimeDirectoryPreserve": "yes",
+    "SystemCallFilter": "~@obsolete",
+    "SystemCallErrorNumber": "ENOSYS",
 }
 
 # These would take from a login session what it may need: setuid programs, mounts that others see, X's sockets

@@ -251,6 +251,7 @@ class Stations(Machine):
         status = subprocess.run(
             [os.environ["CORVANE_CTL"], "--bus", self.address, "status"], capture_output=True, text=True
         )
+        assert status.returncode in (0, 3), status  # 3: the daemon does not run
         return Stage(
             title,
             text,

@@ -192,7 +192,7 @@ class Machine:
         self.wait(f"held {call}", lambda: self.is_pending(f"{call}.held"))
 
     def release(self, call):
-        self.remove_rule(f"{call}.held")
+        assert self.remove_rule(f"{call}.held"), f"no {call} is held"
 
     # ---- observations ----
 

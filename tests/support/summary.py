@@ -32,7 +32,8 @@ def main(directory):
             print(f"  {name}")
     print()
     for table in sorted(Path(directory).glob("*.txt")):
-        print(f"{table.read_text().splitlines()[-1]} ({table})")
+        lines = table.read_text().splitlines() or ["no story was explored"]
+        print(f"{lines[-1]} ({table})")
     if passed + failed:
         print(f"stories: {passed} passed, {failed} failed, {sum(map(len, skipped.values()))} skipped")
 

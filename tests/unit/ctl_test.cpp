@@ -334,7 +334,7 @@ TEST_F(CtlCommandLine, options_may_be_anywhere) {
   EXPECT_EQ(parsed_words({"nonsense", "--help"}).wrong, "");
 }
 
-TEST_F(CtlCommandLine, an_unknown_word_gets_the_valid_ones_and_the_closest_as_a_suggestion) {
+TEST_F(CtlCommandLine, an_unknown_word_gets_the_valid_ones_and_a_close_one_as_a_suggestion) {
   const std::string actors =
       "; there are init-station local-login remote-login press-fkey click-mouse disable-station xhotkey";
   const std::string commands = "; there are start stop status watch actors";

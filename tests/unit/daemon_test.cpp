@@ -3,7 +3,6 @@
 #include "common/daemon.h"
 
 #include <dirent.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -446,6 +445,13 @@ TEST_F(DaemonStop, the_given_signal_is_sent_and_the_file_is_removed) {
     EXPECT_FALSE(exists(pid_file));
   }
   EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(DaemonStop, a_null_logger_means_standard_error) {
+  CapturedDescriptor output(STDERR_FILENO);
+  MemoryBook memory;  // frees the logger, which the product keeps
+  EXPECT_EQ(daemon_stop(pid_file.c_str(), 1, nullptr), -1);
+  EXPECT_EQ(log_lines(output.taken()), (Lines{"could not open pid file: " + pid_file + " for reading."}));
 }
 
 TEST_F(DaemonStop, with_a_signal_of_0_or_below_the_file_is_only_removed) {

@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 
 #include "tests/unit/bus_calls.h"
 #include "tests/unit/capture.h"

@@ -268,6 +268,24 @@ TEST_F(ProcMethodStart, a_thread_that_cannot_be_created_is_logged_and_not_waited
   }
 }
 
+TEST_F(ProcMethodStart, a_start_in_the_pause_without_a_thread_leaves_the_group_to_the_older_one) {
+  claim();
+  bool is_first_pause = true;
+  on_sleep = [&] {
+    if (!is_first_pause) return;
+    is_first_pause = false;
+    stop(2);
+    result = EAGAIN;
+    start(2);
+  };
+  on_wait = [&, deaths = 0]() mutable {
+    if (++deaths == 3) stop(2);
+  };
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2", "fork", "wait 4712", "reap 4712",
+                          "sleep 2", "fork", "wait 4713", "kill 4713 15", "reap 4713"}));
+}
+
 // ---- proc_method_stop ---------------------------------------------------------------------------------
 
 TEST_F(ProcMethodStop, a_running_child_gets_sigterm_and_the_group_becomes_idle) {

@@ -110,6 +110,16 @@ TEST_F(MethodStartThread, the_copy_is_freed_before_the_first_line_and_the_vector
   EXPECT_EQ(lines_at_free, (std::vector<size_t>{0, 3, 3})) << "the copy, then the two logged arguments";
 }
 
+TEST_F(MethodStartThread, the_reaping_of_an_older_child_does_not_mark_a_newer_one_as_reaped) {
+  claim();
+  on_wait = [&] {
+    entry().newest = 2;
+    entry().child_pid = 5000;
+  };
+  supervise(2);
+  EXPECT_FALSE(entry().child_reaped);
+}
+
 TEST_F(MethodStartThread, it_exits_after_a_failed_fork_and_a_stop_then_signals_nothing) {
   group = 3;
   claim();

@@ -206,7 +206,7 @@ TEST_F(LogOpen, a_link_to_a_regular_file_is_renamed_and_the_file_stays) {
   EXPECT_EQ(contents_of(file), "of the last run\n");
 }
 
-TEST_F(LogOpen, every_log_is_closed_on_exec_and_only_one_that_cannot_be_renamed_is_opened_for_appending) {
+TEST_F(LogOpen, a_log_is_opened_to_be_closed_on_exec_and_for_appending_only_if_it_cannot_be_renamed) {
   record_opened();
   const std::string path = directory.path("log");
   open(path);

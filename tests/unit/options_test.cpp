@@ -9,7 +9,6 @@
 
 #include <cstring>
 
-#include "common/paths.h"
 #include "common/verbose.h"
 #include "tests/unit/capture.h"
 #include "tests/unit/fakes.h"

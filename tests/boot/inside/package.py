@@ -68,9 +68,10 @@ def script_of_the_removed():
 @check("a purge leaves no file of the package")
 def purge():
     dpkg("--purge", "corvane-cs")
-    found = machine.run("find", "/etc", "/usr", "/var", "/run", "-name", "*corvane*").output.splitlines()
-    left = [path for path in found if "corvane" in path and not OF_THE_CHECKS.search(path)]
-    expect(not left, *left)
+    found = machine.run("find", "/etc", "/usr", "/var", "/run", "-name", "*corvane*", seconds=300)
+    paths = found.output.splitlines()
+    left = [path for path in paths if "corvane" in path and not OF_THE_CHECKS.search(path)]
+    expect(found.status is not None and not left, found.status, *left)
 
 
 @check("after a purge systemd does not know the unit", "systemd")

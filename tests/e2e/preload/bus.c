@@ -79,6 +79,7 @@ dbus_bool_t dbus_connection_set_watch_functions(DBusConnection* connection, DBus
                                                 DBusWatchToggledFunction toggled, void* data,
                                                 DBusFreeFunction free_data) {
   if (says("dbus_connection_set_watch_functions", "none")) return TRUE;
+  if (says("dbus_connection_set_watch_functions", "refused")) return FALSE;
   add_watch = add;
   watch_data = data;
   return REAL(dbus_connection_set_watch_functions)(connection, add, remove, toggled, data, free_data);
@@ -87,6 +88,7 @@ dbus_bool_t dbus_connection_set_watch_functions(DBusConnection* connection, DBus
 dbus_bool_t dbus_connection_register_object_path(DBusConnection* connection, const char* path,
                                                  const DBusObjectPathVTable* table, void* data) {
   char text[64];
+  if (says("dbus_connection_register_object_path", "refused")) return FALSE;
   if (says("dbus_connection_register_object_path", "note")) {
     snprintf(text, sizeof text, "%p: %d %d, %d\n", (const void*)table, !!table->unregister_function,
              !!table->message_function,

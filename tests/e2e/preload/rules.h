@@ -6,20 +6,23 @@
 //                     failure removes the file
 //   "0"               the next CALL renames the file to CALL.held and waits until CALL.held is removed
 //   "-N"              the N-th CALL writes through a null pointer
-// CALL is the name of a function in bus.c or system.c, "exit" for the handlers of an orderly exit, or one of
+// CALL is the name of a function in bus.c or system.c that calls fails(), "exit" for the handlers of an
+// orderly exit, or one of
 //   memory            malloc, calloc and strdup, called by the executable itself
 //   library_memory    malloc, calloc and realloc, called by a library
 //   mmap              mmap64
-//   wait              waitpid or waitid, which can only wait or crash by this name
+//   wait              waitpid or waitid
+// By wait, exit, dbus_bus_get, pthread_cond_wait and sleep a call can only wait or crash.
+// Without a rule, dbus_bus_get returns null before dbus_threads_init_default.
 // Other rules are a word in the file of the call. Where no word is named, the file only has to exist.
 //   backtrace_symbols_fd "abort"
 //     The function that writes the frames of a crash report aborts.
 //   connect
 //     A new connection sends only a few bytes at a time.
-//   dbus_connection_register_object_path "note"
-//     Each call appends its table to /run/stage/functions and calls the function for unregistering.
-//   dbus_connection_set_watch_functions "none"
-//     The functions are accepted, and no watch is ever added.
+//   dbus_connection_register_object_path "note" or "refused"
+//     Each call appends its table to /run/stage/functions and calls the function for unregistering; or fails.
+//   dbus_connection_set_watch_functions "none" or "refused"
+//     The functions are accepted, and no watch is ever added; or the call fails.
 //   fork "crash"
 //     Each child writes through a null pointer before its first step.
 //   heap
