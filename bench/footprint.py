@@ -48,7 +48,7 @@ def system_calls(run):
     run.results.numbers[f"system calls of {COUNTED_CALLS} calls"] = counts
     expected = Counter({"wait": 1, "recvmsg": 2, "sendmsg": 1, "write": lines})
     total = sum(counts.values()) / COUNTED_CALLS
-    # The daemon waits when strace attaches and when it detaches: one wait more, or two.
+    # strace may attach and detach during a wait, so up to two more waits are counted.
     surplus = {name: counts[name] - COUNTED_CALLS * expected[name] for name in counts | expected}
     exact = 0 <= surplus.pop("wait") <= 2 and not any(surplus.values())
     by_name = ", ".join(f"{name} {counts[name] / COUNTED_CALLS:.2f}" for name in sorted(counts))

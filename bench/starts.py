@@ -154,7 +154,7 @@ def cycles(run):
             return time.perf_counter_ns() - begin
 
         def pair():
-            """A cycle, and at the same time a fork by the client, for the present speed of the machine."""
+            """A cycle, and then a fork by the client, which shows the present speed of the machine."""
             return {"cycle": cycle(), "fork": machine.ask("run", f"{run.programs}/bench-actor")[0]}
 
         for _ in range(sample):

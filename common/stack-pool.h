@@ -7,9 +7,9 @@
 #include <cstddef>
 
 // A thread on one of these stacks needs 8 KiB to serve, 12 KiB in a child with the longest search path that
-// execvp(3) accepts, and 12 KiB to report a crash. This was measured on painted stacks. No thread
-// can need much more: nothing recurses, and every buffer has a fixed size (texts of 64 bytes, stdio for a
-// line of the log, 4 KiB for a path, 255 frames).
+// execvp(3) accepts, and 12 KiB to report a crash. This was measured on painted stacks. No thread can need
+// much more: nothing recurses, and every buffer has a fixed size (texts of 64 bytes, stdio for a line of the
+// log, 4 KiB for a path, 255 frames).
 #ifdef __SANITIZE_THREAD__
 inline constexpr size_t pool_stack_size = size_t{1024} * 1024;  // the sanitizer keeps its state on the stack
 #else
@@ -25,8 +25,7 @@ inline constexpr size_t default_stack_size = size_t{64} * 1024;
  */
 void stack_set_defaults();
 
-/** Whether stacks are left out of children. False where the daemon has to use fork(3), which visits them
- * there. */
+/** Whether stacks are left out of children. False where the daemon has to use fork(2), which visits them. */
 #if defined(CORVANE_HAS__FORK) && !defined(__SANITIZE_THREAD__)
 inline constexpr bool stacks_stay_out_of_children = true;
 #else

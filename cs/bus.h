@@ -26,7 +26,7 @@ void ccs_remove_watch(DBusWatch* watch, void* data);
 
 /**
  * Connects to the bus that the session bus address in the environment names. A missing connection without an
- * error from libdbus is a failure too, and is not logged: there is no reason to log.
+ * error from libdbus is a failure too, and is not logged, because libdbus gives no reason.
  */
 [[nodiscard]] bool ccs_get_system_conn(BusState* bus);
 

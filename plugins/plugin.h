@@ -7,8 +7,8 @@
 
 #include <atomic>
 
-// main prepares the next three for the display manager before it initialises any plugin, and main does not
-// include a plugin's header.
+// What main prepares for the display manager before it initialises any plugin. It is declared here because
+// main does not include a plugin's header.
 
 struct Station;
 

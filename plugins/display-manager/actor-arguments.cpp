@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // actor-arguments.cpp: expands an actor's words to the argument vector of its process.
 //
-// Group threads call this before each launch. All strings come from malloc and belong to the caller.
+// Group threads call this before each launch. The strings of the vector come from malloc and belong to the
+// caller.
 #include <cstdlib>
 #include <cstring>
 

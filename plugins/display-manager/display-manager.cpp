@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // display-manager.cpp: stations, their workers, and the children they supervise.
 //
-// The functions stand in the order of a request: the main thread finds or makes the station and queues the
-// event, the worker runs the event's procedure, and the group's thread launches and supervises the child. The
-// idea is in display-manager.h: which threads run, who owns what, and what each lock guards.
+// First come the stations and their queues (main thread, worker), then the launch and the supervision (group
+// threads), and last the procedures of the events (worker), which make those threads. The idea is in
+// display-manager.h: which threads run, who owns what, and what each lock guards.
 #include "plugins/display-manager/display-manager.h"
 
 #include <sys/wait.h>
@@ -164,8 +164,8 @@ EventOwner dm_new_event(PluginContext* context, int kind) {
 // The caller holds the station's mutex, before and after. Lets the worker take each queued event before the
 // next one is queued. Otherwise the main thread would take the mutex again before the worker has woken: a
 // burst could queue hundreds of events, and the call after them would wait for all their launches. This way
-// no call waits for more than one launch. A worker that gets no processor for ten milliseconds finds the
-// event later.
+// no call waits for more than one launch, unless the worker gets no processor for ten milliseconds: then the
+// next event is queued after the first, and the worker runs both.
 static void let_worker_take(Station* station) {
   for (int polls = 0; station->events && polls < max_taken_polls; ++polls) {
     pthread_mutex_unlock(&station->mutex);
@@ -218,8 +218,8 @@ void* process_station_events(void* worker_station) {
 
 // ---- supervision --------------------------------------------------------------------------------------
 
-// An argument vector on the stack. Only stations are certain to be in the child's heap: it records its pid
-// there.
+// An argument vector on the stack. Of the heap, only the stations are certain to be in the child: it stores
+// the result of the fork there.
 struct ChildArguments {
   char texts[max_arguments][argument_size];
   char* vector[max_arguments + 1];

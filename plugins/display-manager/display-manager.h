@@ -9,7 +9,7 @@
 // Each start that is not refused makes a thread. For an actor of groups 1 to 3 this thread supervises: it
 // launches the actor, waits for its death and launches it again. The worker waits until the thread has made
 // its first launch or has ended, and only then goes on to the next event. So a stop finds the child of the
-// start that came before it. Only a stop ends an actor.
+// start that came before it. The daemon ends an actor only for a stop.
 //
 // Owners: an event belongs to its maker, then to the queue, and the worker frees it. The thread of a start
 // owns its ThreadStart. The list of stations owns the stations; it begins in the PluginContext.
@@ -74,12 +74,13 @@ inline constexpr size_t argument_size = 64;  // of a program's name or an argume
  *   "CORVANE_DIR" and the word after it become the path of that image;
  *   "--logfile" stays and is followed by the path of the program's log for the display.
  *
- * Returns 0, and the caller frees the strings with dm_free_argv. Returns -1, with all strings freed, when
- * memory is short. A program name or an expansion of more than 63 bytes ends the process. Any thread.
+ * Returns 0, and the caller frees the strings with dm_free_argv. Returns -1, with the vector's strings freed,
+ * when memory is short. The copy of a word that is replaced is never freed. A program name or an expansion of
+ * more than 63 bytes ends the process. Any thread.
  */
 int dm_expand_argv(const ActorDefinition* actor, int display_num, char* argv[max_arguments + 1]);
 
-/** Frees the strings of a vector that null ends, but not the vector. */
+/** Frees the strings of a null-terminated vector, but not the vector. */
 void dm_free_argv(char** argv);
 
 // ---- stations and their queues ------------------------------------------------------------------------

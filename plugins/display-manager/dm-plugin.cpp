@@ -2,7 +2,8 @@
 // dm-plugin.cpp: record and message handler of the display manager.
 //
 // The handler only tells the two methods apart: dm-dbus.cpp has the methods, display-manager.cpp what they
-// start. It runs on the main thread, which waits for one launch at most, and never for an actor to exit.
+// start. It runs on the main thread, which usually waits for one launch at most, and never for an actor to
+// exit.
 #include "plugins/display-manager/dm-plugin.h"
 
 #include "common/logger.h"
