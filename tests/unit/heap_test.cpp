@@ -143,6 +143,28 @@ TEST_F(HeapDeathTest, a_block_that_cannot_be_kept_is_an_error) {
       ExitedWithCode(0), "");
 }
 
+TEST_F(HeapDeathTest, threads_take_turns_to_advise) {
+  EXPECT_EXIT(
+      {
+        static int holds = 0;
+        static int advices = 0;
+        fakes.seen_lock = [](pthread_mutex_t*) { ++holds; };
+        fakes.seen_unlock = [](pthread_mutex_t*) { --holds; };
+        fakes.madvise = [](void*, size_t, int) {
+          if (holds != 1) _exit(97);
+          ++advices;
+          return 0;
+        };
+        heap_set_up();
+        heap_keep_for_children(far_block(), 1000);
+        void* later = far_block();
+        heap_leave_out_growth();
+        heap_keep_for_children(later, 1000);
+        _exit(holds == 0 ? advices : 96);
+      },
+      ExitedWithCode(2), "");
+}
+
 TEST_F(HeapDeathTest, growth_that_cannot_be_left_out_is_left_out_at_the_next_fork) {
   EXPECT_EXIT(
       {
