@@ -13,7 +13,9 @@ namespace {
 
 Words expanded(const ActorDefinition* actor, int display_num) {
   char* argv[max_arguments + 1];
-  if (dm_expand_argv(actor, display_num, argv) != 0) return {"(no memory)"};
+  const int rc = dm_expand_argv(actor, display_num, argv);
+  if (rc == -1) return {"(no memory)"};
+  EXPECT_EQ(rc, 0);
   Words words;
   for (char** word = argv; *word; ++word) words.push_back(*word);
   dm_free_argv(argv);
