@@ -91,6 +91,15 @@ TEST_F(MethodStartThread, without_memory_for_the_vector_it_exits_and_the_group_b
   EXPECT_EQ(calls, (Calls{}));
 }
 
+TEST_F(MethodStartThread, without_memory_for_a_relaunch_the_group_becomes_idle) {
+  claim();
+  MemoryBook memory;
+  memory.fail_strdup(4);  // the first vector has three copies
+  supervise(2);
+  EXPECT_EQ(calls, (Calls{"fork", "wait 4711", "reap 4711", "sleep 2"}));
+  EXPECT_EQ(entry().is_running, 0);
+}
+
 TEST_F(MethodStartThread, the_copy_is_freed_before_the_first_line_and_the_vector_before_the_launch_line) {
   claim();
   MemoryBook memory;
