@@ -10,6 +10,7 @@ import os
 import signal
 
 from support.machine import skip_in_container
+from support.processes import stat_of
 from transcript import STOP, now, transcript
 
 CLONE3 = 435  # the same on every machine
@@ -42,8 +43,11 @@ def stranger(pid):
 
 
 def kill(machine, record):
+    """Kills an actor and waits until its thread pauses."""
     os.kill(record.pid, signal.SIGKILL)
     machine.wait_log(f"Child process died: {record.pid}$")
+    tasks = f"{machine.daemon.pid}/task"
+    machine.wait("pause", lambda: all(stat_of(f"{tasks}/{task}")[0] == "S" for task in machine.threads()))
 
 
 def start_one(machine, caller):

@@ -38,7 +38,7 @@ WHILE_SERVING = {
     "waitpid": None,
     "waitid": None,
     "kill": None,
-    "madvise": None,  # a stack that stays visible in children is no failure
+    "madvise": None,  # a stack that stays in children is no failure, and a refused station has its reply
     "mmap": r"\{DM\} Unable to start thread for event:\d$",
     "select": r"\{II\} Timeout or error occurrs during select\(\) \.\.\.$",
     **dict.fromkeys(REPLYING),
