@@ -77,7 +77,9 @@ def test_a_story_in_a_container_waits_for_the_one_before_it():
 
 @needs_namespaces
 def test_all_processes_of_a_private_machine_end_with_its_runner():
-    command = [PRIVATE, "sh", "-c", "sleep 4321 & echo started; wait"]
+    # bwrap's process 1 binds itself to the runner while the command already runs, and then waits.
+    waits = "until grep -q '^State:.S' /proc/1/status; do true; done"
+    command = [PRIVATE, "sh", "-c", f"{waits}; sleep 4321 & echo started; wait"]
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as machine:
         assert machine.stdout.readline() == "started\n"
         machine.kill()
