@@ -43,11 +43,16 @@ def stranger(pid):
 
 
 def kill(machine, record):
-    """Kills an actor and waits until its thread pauses."""
+    """Kills an actor and waits until its thread pauses or has ended."""
     os.kill(record.pid, signal.SIGKILL)
     machine.wait_log(f"Child process died: {record.pid}$")
     tasks = f"{machine.daemon.pid}/task"
-    machine.wait("pause", lambda: all(stat_of(f"{tasks}/{task}")[0] == "S" for task in machine.threads()))
+
+    def all_sleep():
+        stats = [stat_of(f"{tasks}/{task}") for task in machine.threads()]
+        return all(stat is None or stat[0] == "S" for stat in stats)
+
+    machine.wait("pause", all_sleep)
 
 
 def start_one(machine, caller):
